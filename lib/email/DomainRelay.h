@@ -1,0 +1,53 @@
+// The administrator's relay tables: for a pattern of destination domains, the servers that mail
+// for them must go through.
+#pragma once
+
+#include "email/HostList.h"
+
+#include <string>
+#include <vector>
+
+struct cfgrec;
+
+// One table entry: a pattern and its relay addresses.
+class DRinfo : public IPaddressList {
+public:
+    enum MatchType : std::int32_t { EXACT = 0, SUFFIX = 1, ALL = 2 };
+
+    // "*" matches all, "*.x" matches x and everything below it, anything else matches itself.
+    explicit DRinfo(const char* pattern);
+
+    [[nodiscard]] bool matches(const char* domain) const noexcept;
+
+private:
+    MatchType type_;
+    std::string name_;
+};
+
+class DomainRelay : public HostList {
+public:
+    // Fills both tables from the rule table's "domain-relay" and "fallback-relay" lines.
+    static void initialise(cfgrec* cfg);
+
+    // Clears `relays` and reads the key's lines into it. A null list leaves it empty.
+    static void relaysParam(DomainRelay& relays, const char* key, cfgrec* cfg);
+
+    // Appends an entry for each of the key's lines from `line` on. A line of fewer than two words
+    // ends the run ("cf->argc > 1").
+    static void relaysParamR(DomainRelay& relays, const char* key, cfgrec* line);
+
+    // Resolves the relay hosts once and puts the entry at the head of the table; a line whose hosts
+    // do not resolve, or are all local, has no effect.
+    void AddDomain(const char* pattern, char** hosts, int n);
+    void Clear() noexcept;
+    [[nodiscard]] bool empty() const noexcept { return table_.empty(); }
+
+    // The first line that matches wins. 0 with event 100 when none does.
+    int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
+
+    static DomainRelay stdRelays;      // asked before DNS
+    static DomainRelay fallbackRelays; // asked when neither relay nor MX could be used
+
+private:
+    std::vector<DRinfo> table_; // last entry first: the head of the table is at the back
+};
