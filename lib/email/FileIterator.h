@@ -8,7 +8,13 @@
 
 #include <memory>
 
-enum filetype { nofile = 0, directory = 1000, textfile = 1001, binaryfile = 1002, unknownfile = 1003 };
+enum filetype {
+    nofile = 0,
+    directory = 1000,
+    textfile = 1001,
+    binaryfile = 1002,
+    unknownfile = 1003
+};
 
 struct FileInfo {
     filetype ft = nofile;
@@ -22,13 +28,15 @@ public:
     FileIterator();
     explicit FileIterator(bool temporary);
     explicit FileIterator(const char* path);
-    FileIterator(const char* directory, const char* file);
-    FileIterator(const FileName& directory, const FileName& leaf, const char* suffix);
+    FileIterator(const char* parent, const char* file);
+    FileIterator(const FileName& parent, const FileName& leaf, const char* suffix);
     FileIterator(const FileName& name, const char* suffix);
     ~FileIterator() override = default;
 
     FileIterator(const FileIterator&) = delete;
+    // Takes the other's name and begins anew.
     virtual FileIterator& operator=(const FileIterator& other);
+    using FileName::operator=;
 
     // The test an entry must pass. This one rejects names made of dots only.
     virtual bool filter(const char* name, filetype type) const;
@@ -38,6 +46,19 @@ public:
     // entry gets the same type and times.
     std::unique_ptr<FileIterator> Next(FileInfo& info);
 
-    void Reset();
+    // Begins anew: the directory is opened again when the next entry is asked for.
+    void Reset() noexcept;
+
+    // Closes the directory; there are no more entries until Reset().
     void close() noexcept;
+
+private:
+    struct Closer {
+        void operator()(DIR* dir) const noexcept { ::closedir(dir); }
+    };
+
+    DIR* stream() noexcept;
+
+    std::unique_ptr<DIR, Closer> currentDir;
+    bool unopened_ = true;
 };

@@ -61,6 +61,8 @@ public:
     bool MoveTo(const FileName& target) const;
 
 protected:
+    bool copyOut(char* buf, unsigned size, std::size_t from, unsigned length) const noexcept;
+
     static constexpr std::size_t kNoLeaf = static_cast<std::size_t>(-1);
 
     std::string pathname;
