@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::int32_t kAudience = 2;
+constexpr std::uint32_t kAudience = 2;
 constexpr std::uint32_t kSeverity = 32;
 
 } // namespace
@@ -15,14 +15,9 @@ constexpr std::uint32_t kSeverity = 32;
 void assert_failure(const char* condition, const char* file, std::uint32_t line) {
     GW_EVENT event = Reporter::createEvent(MANAGEMENT_CONTEXT, kSeverity, kAudience,
                                            EVENT_SYS_ERROR, Reason_Unknown, nullptr, nullptr);
-    CPropertyBag& bag = event.m_PropertyBag;
-    if (condition != nullptr) {
-        bag.Set(EPROP_ATTRIBUTE, condition);
-    }
-    if (file != nullptr) {
-        bag.Set(EPROP_FILENAME, file);
-    }
-    bag.Set(EPROP_LINE_NUMBER, static_cast<int>(line));
+    event.m_PropertyBag.Set(EPROP_ATTRIBUTE, condition);
+    event.m_PropertyBag.Set(EPROP_FILENAME, file);
+    event.m_PropertyBag.Set(EPROP_LINE_NUMBER, line);
     Reporter::reportEvent(event);
     std::exit(EXIT_FAILURE);
 }

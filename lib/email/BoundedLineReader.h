@@ -4,8 +4,8 @@
 
 #include <cstddef>
 #include <iosfwd>
+#include <memory>
 #include <string_view>
-#include <vector>
 
 namespace Email {
 
@@ -26,7 +26,14 @@ public:
     // `pieceSize` (at most lineLimit) bytes are cut off until the rest fits. Bytes are counted;
     // NUL and CR are ordinary. Reading begins where the stream stands; the stream's position is
     // undefined afterwards.
+    // The first block read is small, so that a short file costs one short read.
     BoundedLineReader(std::istream& in, std::size_t lineLimit, std::size_t pieceSize);
+
+    // Largest `lineLimit`; a larger one counts as this.
+    static constexpr std::size_t kMaxLimit = 4095;
+
+    // Other limits for what is read from now on.
+    void setLimits(std::size_t lineLimit, std::size_t pieceSize) noexcept;
 
     Item next();
 
@@ -34,12 +41,16 @@ public:
     [[nodiscard]] long long consumed() const noexcept { return consumed_; }
 
 private:
-    bool fill();
+    [[nodiscard]] std::string_view unread() const noexcept;
+    Item take(Kind kind, std::size_t text, std::size_t ending) noexcept;
+    void makeRoom();
+    void fill();
 
     std::istream& in_;
-    std::size_t lineLimit_;
-    std::size_t pieceSize_;
-    std::vector<char> buffer_;
+    std::size_t lineLimit_ = 0;
+    std::size_t pieceSize_ = 0;
+    std::unique_ptr<char[]> buffer_;
+    std::size_t capacity_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
     long long consumed_ = 0;

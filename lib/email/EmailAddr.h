@@ -5,9 +5,10 @@
 #include "email/HostList.h"
 #include "email/SMTPcode.h"
 
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
-#include <vector>
 
 class EmailAddr {
 public:
@@ -34,6 +35,7 @@ public:
     static char* addrOkay(char* text, bool allowNull);
 
     [[nodiscard]] const char* text() const noexcept { return address_.c_str(); }
+    [[nodiscard]] std::size_t size() const noexcept { return address_.size(); }
 
     // The text after the last "@", without closing brackets, into `dst` (kDomainSize bytes). False
     // without "@" or when it is longer than 255 characters.
@@ -50,13 +52,21 @@ public:
     // untouched, when the (one) lookup yields none.
     int GetMXhosts(IPaddressList& out, int max);
 
-    SMTPcode reason;
-    std::unique_ptr<EmailAddr> next;
-
 private:
+    // The mail exchangers found, best first; none before the lookup or after a failed one.
+    [[nodiscard]] std::span<const IPaddress> servers() const noexcept;
+    [[nodiscard]] bool serves(IPaddress addr) const noexcept;
+    bool throughRelaysOrMX(IPaddress addr);
     int lookUpMX(const char* domain);
 
     std::string address_;
-    std::vector<IPaddress> MXhosts_;
+    std::unique_ptr<IPaddress[]> MXhosts_;
+    std::uint8_t MXcount_ = 0;
     bool doneMX_ = false;
+
+public:
+    SMTPcode reason;
+    std::unique_ptr<EmailAddr> next;
 };
+
+static_assert(IPaddressList::kCapacity <= UINT8_MAX);

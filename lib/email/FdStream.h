@@ -4,31 +4,74 @@
 
 #include "fwall/UniqueFd.h"
 
+#include <sys/types.h>
+
 #include <array>
 #include <istream>
 #include <streambuf>
 
 namespace Email {
 
+// A file opened for reading, or why it could not be.
+struct OpenedText {
+    UniqueFd fd;
+    off_t size = -1; // bytes when it was opened, -1 when unknown
+    int error = 0;   // errno; 0 when it is open
+};
+
+// Opens a regular file or a directory (whose reading then fails with EISDIR). A FIFO, socket or
+// device is refused with ENXIO and never waited for. EINTR, EMFILE, ENFILE and ENOMEM are tried
+// three times more, 100 ms apart.
+OpenedText openText(const char* path) noexcept;
+
+// Reads at offsets of its own: the descriptor must be seekable, and seeking makes no system call.
 class FdStreambuf : public std::streambuf {
 public:
-    explicit FdStreambuf(UniqueFd fd) noexcept;
+    explicit FdStreambuf(UniqueFd fd, off_t size = -1) noexcept;
 
     // errno of the last failed read, 0 without one. A failed read looks like the end of the file
     // to the stream; FdStream turns it into the bad state.
     [[nodiscard]] int error() const noexcept { return error_; }
     [[nodiscard]] int fd() const noexcept { return fd_.get(); }
 
+    // The stream that goes bad when a read fails.
+    void setOwner(std::ios& owner) noexcept { owner_ = &owner; }
+
 protected:
     int_type underflow() override;
+    // From the buffer's size on, bytes go straight to `out`. A short count that reaches the size
+    // known at opening is the end of the file; the system is not asked again.
     std::streamsize xsgetn(char* out, std::streamsize n) override;
-    pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override;
+    // The end is where it was when the file was opened.
+    pos_type seekoff(off_type off, std::ios_base::seekdir dir,
+                     std::ios_base::openmode which) override;
     pos_type seekpos(pos_type pos, std::ios_base::openmode which) override;
 
 private:
+    std::streamsize readAt(char* out, std::streamsize n) noexcept;
+    off_type endOffset() noexcept;
+
     UniqueFd fd_;
+    off_t size_;
+    off_t offset_ = 0; // of the byte behind the buffered ones
     int error_ = 0;
-    std::array<char, 4096> block_{};
+    std::ios* owner_ = nullptr;
+    std::array<char, 4096> block_; // filled by underflow() only
+};
+
+class FdStream : public std::istream {
+public:
+    // Takes the file over. A file that is not open gives a bad stream.
+    explicit FdStream(OpenedText text);
+    explicit FdStream(const char* path) : FdStream(openText(path)) {}
+
+    [[nodiscard]] bool is_open() const noexcept { return buf_.fd() >= 0; }
+    // errno of the failed opening or reading, 0 without one.
+    [[nodiscard]] int error() const noexcept { return error_ != 0 ? error_ : buf_.error(); }
+
+private:
+    FdStreambuf buf_;
+    int error_;
 };
 
 } // namespace Email

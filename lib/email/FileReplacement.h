@@ -33,6 +33,8 @@ public:
     [[nodiscard]] bool commit(std::string_view bytes) noexcept;
 
 private:
+    void discard() noexcept;
+
     std::string target_;
     std::string temporary_; // empty when the target is written in place
     UniqueFd fd_;
@@ -42,6 +44,6 @@ private:
 [[nodiscard]] bool writeAll(int fd, std::string_view bytes) noexcept;
 
 // Syncs the directory that holds `path`, so that a new name in it survives a power cut.
-[[nodiscard]] bool syncDirectory(const std::string& path) noexcept;
+[[nodiscard]] bool syncDirectory(const std::string& path);
 
 } // namespace Email

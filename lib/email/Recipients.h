@@ -7,6 +7,11 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
+
+namespace Email {
+class BoundedLineReader;
+}
 
 class Recipients : public MailList {
 public:
@@ -18,8 +23,9 @@ public:
     // then), or when its first lines are missing or unusable (the content must not be used then).
     bool Read(const FileName& file, bool full);
 
-    // Writes the full form durably and empties the list. False, with errno where there is one, when
-    // the list is empty or the file cannot be written: an existing file keeps its old content.
+    // Writes the full form durably, counts one try more and empties the list. False, with errno
+    // where there is one, when the list is empty or the file cannot be opened (nothing changed
+    // then), or when it cannot be written: an existing file keeps its old content.
     bool OverWrite(const FileName& file);
 
     void setSender(const char* text);
@@ -31,6 +37,10 @@ public:
     void Reset() noexcept;
 
 private:
+    void readRecipients(Email::BoundedLineReader& in, bool full);
+    std::string takeText();
+    [[nodiscard]] std::size_t textSize() const noexcept;
+
     std::array<char, EmailAddr::kTextSize> sender{};
     DateTime firstTry;
     DateTime previousTry;

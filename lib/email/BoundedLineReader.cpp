@@ -1,0 +1,79 @@
+#include "email/BoundedLineReader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <istream>
+
+namespace Email {
+namespace {
+
+constexpr std::size_t kFirstBlock = BoundedLineReader::kMaxLimit + 1;
+constexpr std::size_t kBlock = 64 * 1024;
+
+} // namespace
+
+BoundedLineReader::BoundedLineReader(std::istream& in, std::size_t lineLimit, std::size_t pieceSize)
+    : in_(in) {
+    setLimits(lineLimit, pieceSize);
+}
+
+void BoundedLineReader::setLimits(std::size_t lineLimit, std::size_t pieceSize) noexcept {
+    lineLimit_ = std::min(lineLimit, kMaxLimit);
+    pieceSize_ = std::clamp<std::size_t>(pieceSize, 1, std::max<std::size_t>(lineLimit_, 1));
+}
+
+std::string_view BoundedLineReader::unread() const noexcept {
+    return {buffer_.get() + begin_, end_ - begin_};
+}
+
+BoundedLineReader::Item BoundedLineReader::next() {
+    for (;;) {
+        const std::string_view ahead = unread();
+        const std::size_t lineFeed = ahead.substr(0, lineLimit_ + 1).find('\n');
+        if (lineFeed != std::string_view::npos) {
+            return take(Kind::Line, lineFeed, 1);
+        }
+        if (ahead.size() > lineLimit_) {
+            return take(Kind::Piece, pieceSize_, 0);
+        }
+        if (eof_) {
+            return in_.bad() ? Item{Kind::Error, {}} : take(Kind::End, ahead.size(), 0);
+        }
+        fill();
+    }
+}
+
+BoundedLineReader::Item BoundedLineReader::take(Kind kind, std::size_t text,
+                                                std::size_t ending) noexcept {
+    const Item item{kind, unread().substr(0, text)};
+    begin_ += text + ending;
+    consumed_ += static_cast<long long>(text + ending);
+    return item;
+}
+
+// Moves what is unread to the front of a buffer that has room behind it.
+void BoundedLineReader::makeRoom() {
+    const std::string_view rest = unread();
+    if (capacity_ == kBlock) {
+        std::memmove(buffer_.get(), rest.data(), rest.size());
+    } else {
+        const std::size_t capacity = capacity_ == 0 ? kFirstBlock : kBlock;
+        auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+        rest.copy(larger.get(), rest.size());
+        buffer_ = std::move(larger);
+        capacity_ = capacity;
+    }
+    begin_ = 0;
+    end_ = rest.size();
+}
+
+void BoundedLineReader::fill() {
+    makeRoom();
+    const std::size_t room = capacity_ - end_;
+    in_.read(buffer_.get() + end_, static_cast<std::streamsize>(room));
+    const auto got = static_cast<std::size_t>(in_.gcount());
+    end_ += got;
+    eof_ = got < room;
+}
+
+} // namespace Email
