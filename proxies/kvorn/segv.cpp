@@ -1,0 +1,118 @@
+#include "kvorn/segv.h"
+
+#include <execinfo.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+const char* segv_process_name = "";
+
+const std::string PrintToSyslog::m_header = "---------- Start of stack trace ---------------";
+const std::string PrintToSyslog::m_footer = "---------------- End of stack trace -----------------";
+
+namespace {
+
+constexpr int kTraceDepth = 25;
+constexpr unsigned kWatchdogSeconds = 30;
+
+const char* signalName(int sig) {
+    switch (sig) {
+    case SIGSEGV:
+        return "SEGV";
+    case SIGABRT:
+        return "ABORT";
+    case SIGUSR2:
+        return "USR2";
+    case SIGPIPE:
+        return "PIPE";
+    case kTraceRequest:
+        return "kvorn_exit";
+    default:
+        return "SIG (unknown)";
+    }
+}
+
+bool processGoesOn(int sig) {
+    return sig == SIGUSR2 || sig == SIGPIPE || sig == kTraceRequest;
+}
+
+// The crash may have come inside the allocator or the system log, whose locks are then never
+// released: without a watchdog the dead process would hold its message for ever.
+void startWatchdog() {
+    std::signal(SIGALRM, SIG_DFL);
+    ::alarm(kWatchdogSeconds);
+}
+
+struct Free {
+    void operator()(char** lines) const { std::free(static_cast<void*>(lines)); }
+};
+
+void sendFrames(int depth, StackTraceFunctor& sink) {
+    const std::unique_ptr<void*[]> frames(new (std::nothrow) void*[static_cast<std::size_t>(depth)]);
+    if (!frames) {
+        sink("No memory for stack trace");
+        return;
+    }
+    const int count = ::backtrace(frames.get(), depth);
+    const std::unique_ptr<char*, Free> lines(::backtrace_symbols(frames.get(), count));
+    if (!lines) {
+        sink("No symbols available");
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        sink(lines.get()[i]);
+    }
+}
+
+} // namespace
+
+PrintToSyslog::PrintToSyslog(const char* signalName, const char* identity) {
+    ::openlog(identity, LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    ::syslog(LOG_ERR, "[%s] %s", signalName, m_header.c_str());
+}
+
+PrintToSyslog::~PrintToSyslog() {
+    ::syslog(LOG_ERR, "%s", m_footer.c_str());
+    ::closelog();
+}
+
+void PrintToSyslog::operator()(const char* line) {
+    ::syslog(LOG_ERR, "%s", line);
+}
+
+void printStackTrace(int depth, const char* /*unused*/, StackTraceFunctor& sink) noexcept {
+    try {
+        sendFrames(depth, sink);
+    } catch (...) {
+        sink("EXCEPTION");
+    }
+}
+
+void segv_handler(int sig) {
+    const bool goesOn = processGoesOn(sig);
+    if (!goesOn) {
+        startWatchdog();
+    }
+    PrintToSyslog sink(signalName(sig), segv_process_name);
+    printStackTrace(kTraceDepth, "null", sink);
+    if (!goesOn) {
+        std::exit(sig); // the sink lives on: a fatal trace has no footer
+    }
+}
+
+void install_segv_handler() {
+    // The first backtrace of a process loads a library, which a handler must not do.
+    std::array<void*, 1> frame{};
+    ::backtrace(frame.data(), 1);
+    for (const int sig : {SIGSEGV, SIGABRT, SIGUSR2}) {
+        struct sigaction action {};
+        ::sigaction(sig, nullptr, &action);
+        action.sa_handler = segv_handler;
+        ::sigaction(sig, &action, nullptr);
+    }
+}

@@ -1,0 +1,9 @@
+// The reporter of this program: it discards every event record.
+#pragma once
+
+#include "libevrep/Reporter.h"
+
+class Retry_Reporter : public AbstractReporter {
+public:
+    void report(const GW_EVENT& event) override;
+};
