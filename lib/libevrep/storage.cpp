@@ -177,8 +177,7 @@ CPropertyBag::operator std::uint32_t() const {
 
 std::size_t CPropertyBag::GetStorageSize() const {
     std::size_t size = fieldSize + fieldSize + m_szName.size() + fieldSize;
-    for (const auto& [key, value] : m_Elements)
-        size += value ? value->GetStorageSize() : 0;
+    ForEach([&size](const CAbstractStorageType& value) { size += value.GetStorageSize(); });
     return size;
 }
 
@@ -243,10 +242,7 @@ void CPropertyBag::Set(PropEnum key, std::unique_ptr<CAbstractStorageType> value
 
 void CPropertyBag::Write(CArchive& archive) const {
     archive << m_nVersion << m_szName << static_cast<std::uint32_t>(Count());
-    for (const auto& [key, value] : m_Elements) {
-        if (value)
-            value->Write(archive);
-    }
+    ForEach([&archive](const CAbstractStorageType& value) { value.Write(archive); });
 }
 
 void CPropertyBag::Read(CArchive& archive) {

@@ -127,6 +127,15 @@ public:
     // The value under that key, or null.
     [[nodiscard]] const CAbstractStorageType* FindIndex(PropEnum key) const noexcept;
 
+    // Calls `use` with every value in key order.
+    template<class Use>
+    void ForEach(Use use) const {
+        for (const auto& [key, value] : m_Elements) {
+            if (value)
+                use(static_cast<const CAbstractStorageType&>(*value));
+        }
+    }
+
     void Remove(PropEnum key) { m_Elements.erase(key); }
     void Cleanup() noexcept { m_Elements.clear(); }
 

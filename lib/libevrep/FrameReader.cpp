@@ -1,0 +1,114 @@
+#include "libevrep/FrameReader.h"
+
+#include "libevrep/crc32.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+std::string_view asText(std::span<const std::byte> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::string hex(std::uint32_t value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(value));
+    return text;
+}
+
+} // namespace
+
+std::span<const std::byte> FrameReader::rest() const noexcept {
+    return std::span(buffer_).subspan(start_);
+}
+
+void FrameReader::feed(std::span<const std::byte> bytes) {
+    // Only when the larger part is consumed: moving the rest then costs less than what was read,
+    // also when a hostile sender makes progress byte by byte.
+    if (start_ > buffer_.size() / 2) {
+        buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
+        base_ += start_;
+        start_ = 0;
+    }
+    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+}
+
+FrameEvent FrameReader::next() {
+    if (searching_ && !findIdentity())
+        return {};
+    const std::string_view identity = CSendHeader::Identity();
+    const std::string_view seen = asText(rest()).substr(0, identity.size());
+    if (!identity.starts_with(seen))
+        return damage(FrameFault::Identity, offset(), "no message begins here");
+    if (rest().size() < CSendHeader::wireSize)
+        return incomplete(CSendHeader::wireSize);
+    return checkHeader();
+}
+
+// Moves to the next identity, or to the last place where one may still begin.
+bool FrameReader::findIdentity() {
+    const std::string_view identity = CSendHeader::Identity();
+    const std::size_t found = asText(rest()).find(identity);
+    searching_ = found == std::string_view::npos;
+    if (!searching_) {
+        start_ += found;
+        return true;
+    }
+    const std::size_t kept = finished_ ? 0 : std::min(rest().size(), identity.size() - 1);
+    start_ = buffer_.size() - kept;
+    return false;
+}
+
+FrameEvent FrameReader::incomplete(std::uint64_t needed) {
+    if (!finished_ || rest().empty())
+        return {};
+    return damage(FrameFault::Truncated, offset() + rest().size(),
+                  "the stream ends after " + std::to_string(rest().size()) + " of the " +
+                      std::to_string(needed) + " bytes that begin at offset " +
+                      std::to_string(offset()));
+}
+
+FrameEvent FrameReader::checkHeader() {
+    const CSendHeader header(rest().first<CSendHeader::wireSize>());
+    if (!header.IsPadded())
+        return damage(FrameFault::Padding, offset() + CSendHeader::paddingAt,
+                      "the two bytes after the identity are not 0");
+    if (!header.IsValid())
+        return damage(FrameFault::Version, offset() + CSendHeader::versionAt,
+                      "version is " + std::to_string(header.GetVer()) + " instead of 1");
+    if (header.GetSize() > maxDataSize_)
+        return damage(FrameFault::Size, offset() + CSendHeader::sizeAt,
+                      "size is " + std::to_string(header.GetSize()) + ", more than the accepted " +
+                          std::to_string(maxDataSize_));
+    const std::uint64_t whole =
+        std::uint64_t{CSendHeader::wireSize} + header.GetSize() + CSendFooter::wireSize;
+    return rest().size() < whole ? incomplete(whole) : checkBody(header);
+}
+
+FrameEvent FrameReader::checkBody(const CSendHeader& header) {
+    const std::uint64_t at = offset();
+    const auto data = rest().subspan(CSendHeader::wireSize, header.GetSize());
+    const auto afterData = rest().subspan(CSendHeader::wireSize + data.size());
+    const CSendFooter footer(afterData.first<CSendFooter::wireSize>());
+    // Before the checksum: so no byte is summed up twice, however many headers claim it.
+    if (!footer.IsValid())
+        return damage(FrameFault::Footer, at + CSendHeader::wireSize + data.size(),
+                      "the footer does not stand where the size says");
+    start_ += CSendHeader::wireSize + data.size() + CSendFooter::wireSize;
+    std::uint32_t checksum = 0;
+    CrcBuffer(data.data(), data.size(), &checksum);
+    if (checksum != header.GetCRC())
+        return FrameDamage{FrameFault::Checksum, at + CSendHeader::checksumAt,
+                           "checksum of the data is " + hex(checksum) + ", the header says " +
+                               hex(header.GetCRC())};
+    return Frame{header, data, footer, at};
+}
+
+FrameEvent FrameReader::damage(FrameFault fault, std::uint64_t at, std::string what) {
+    ++start_;
+    searching_ = true;
+    return FrameDamage{fault, at, std::move(what)};
+}
