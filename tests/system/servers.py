@@ -1,5 +1,6 @@
 """Servers for a world: scripted SMTP and DNS servers whose whole behaviour is data, a real DNS server
 (dnsmasq) and a real mail server (Exim, unpacked apart from the host)."""
+import contextlib
 import os
 import re
 import shutil
@@ -16,6 +17,14 @@ DEFAULT = {"banner": "220 ready", "helo": "250 hello", "mail": "250 sender ok", 
            "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "other": "500 unknown"}
 COMMANDS = {b"HELO": "helo", b"EHLO": "helo", b"MAIL": "mail", b"RCPT": "rcpt", b"DATA": "data", b"QUIT": "quit",
             b"RSET": "rset"}
+
+
+def end(sock, thread):
+    """Ends the thread that waits on the socket, then closes it."""
+    with contextlib.suppress(OSError):  # an unconnected one says so, but the wait ends
+        sock.shutdown(socket.SHUT_RDWR)
+    thread.join()
+    sock.close()
 
 
 def drip(data, seconds):
@@ -56,11 +65,11 @@ class SmtpServer:
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self._socket.bind((address, port))
         self._socket.listen(128)
-        threading.Thread(target=self._accept, daemon=True).start()
+        self._thread = threading.Thread(target=self._accept, daemon=True)
+        self._thread.start()
 
     def stop(self):
-        self._socket.shutdown(socket.SHUT_RDWR)
-        self._socket.close()
+        end(self._socket, self._thread)
 
     @property
     def mails(self):
@@ -213,11 +222,11 @@ class DnsServer:
         self.answers, self.questions = answers, []
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.bind((address, 53))
-        threading.Thread(target=self._serve, daemon=True).start()
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
 
     def stop(self):
-        self._socket.shutdown(socket.SHUT_RDWR)
-        self._socket.close()
+        end(self._socket, self._thread)
 
     def _serve(self):
         while True:

@@ -11,6 +11,7 @@ import collections
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -42,6 +43,8 @@ def enter(disk=False):
     atexit.register(_leave, scratch)
     _private_etc(scratch)
     _private_dev(scratch)
+    if os.path.isdir("/var/spool"):  # a run with default directories must not find the host's spool
+        mount("-t", "tmpfs", "none", "/var/spool")
     socket.sethostname(HOST)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     return scratch
@@ -264,7 +267,7 @@ class World:
             if pid:
                 break
             if not killed and time.monotonic() - process.began > timeout:
-                process.kill()
+                os.kill(process.pid, signal.SIGKILL)
                 killed = True
             time.sleep(0.003)
         process.returncode = os.waitstatus_to_exitcode(status)

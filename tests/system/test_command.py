@@ -1,0 +1,73 @@
+#!/usr/bin/python3
+"""The command line, the rule table's faults and the exit statuses."""
+import os
+
+import harness
+from harness import SystemTest, cases
+
+LOCAL = 1 * 8 + 5  # facility user, priority notice
+TABLE = "/usr/local/etc/rulbex-table"
+
+# Arguments, exit status, what stands before the usage line (None: no usage, nothing printed).
+ARGUMENTS = {
+    "none": ([], 0, None), "now": (["-now"], 0, None), "another service": (["-as", "other"], 255, None),
+    "the last name wins": (["-as", "other", "-AS", "vorn"], 0, None),
+    "help": (["-h"], 1, ""), "long help": (["--HELP"], 1, ""), "help comes too late": (["x", "-h"], 1, 'unknown argument "x"\n'),
+    "no name": (["-now", "-as"], 1, "-as requires an argument\n"),
+    "old switches": (["-daemon", "-h", "-service", "--help", "-now"], 0, None), "old switch at the end": (["-service"], 0, None),
+    "an option is taken as name": (["-as", "-h"], 255, None), "empty": ([""], 1, 'unknown argument ""\n'),
+}
+
+# The rule table, exit status, the log lines (all of them).
+TABLES = {
+    "missing": (None, 255, [f"syserr: configuring vorn, cannot open {{}}{TABLE}: No such file or directory"]),
+    "empty": ("", 255, []),
+    "other services only": ("other: mail-log on\n", 255, []),
+    "everybody's": ("*: mail-log on\n", 0, []),
+    "in a list": ("other, vorn\tthird: mail-log on\n", 0, []),
+    "comment and blank": ("# vorn: x\n \t\nvorn: mail-log on\n", 0, []),
+    "no colon": ("vorn mail-log\nvorn: mail-log on\n", 0, ["cfgerr: {}" + TABLE + " line 1 malformed"]),
+    "no parameter": ("vorn: mail-log on\nvorn: mail-log\n", 0, ["cfgerr: {}" + TABLE + " line 2 missing parameter"]),
+    "too long": ("vorn: mail-log on\nvorn: mail-log " + "x" * 8200 + "\n", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
+    "no newline at the end": ("vorn: mail-log on\nvorn: use-dns no", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
+    "two words for a number": ("vorn: smtp-max-deferral 1 2\n", 1, []),
+    "relay without server": ("vorn: domain-relay *\n", 1, []),
+    "no word for yes or no": ("vorn: mail-log  \n", 0, []),
+    "NUL and 8-bit": ("vorn: mail-log \0\xff on\n", 0, []),
+}
+
+
+class Command(SystemTest):
+    @cases(ARGUMENTS)
+    def test_arguments(self, args, status, before):
+        run = self.world.run(*args)
+        usage = f"Usage: {self.world.binary} [ -as <name> ] [ -now ] [ -h | --help]\n"
+        self.assertEqual((run.status, run.out), (status, "" if before is None else before + usage))
+
+    @cases(TABLES)
+    def test_rule_table(self, text, status, lines):
+        self.world.table(raw=text or "")
+        if text is None:
+            os.unlink(self.world.root + TABLE)
+        run = self.world.run()
+        self.assertEqual((run.status, run.out), (status, ""))
+        self.assertEqual([(line.priority, line.ident, line.text) for line in run.log],
+                         [(LOCAL, "retryer", line.format(self.world.root)) for line in lines])
+
+    def test_log_switches(self):
+        self.world.table("domain-relay * 127.0.0.2", mail_log="off")
+        self.smtp("127.0.0.2", {"rcpt": {"busy": "450 no", "bad": "550 no"}})
+        self.world.queue("m", ["<u@x.test>", "<busy@x.test>", "<bad@x.test>"])
+        self.assertEqual(self.run_ok().log, [])
+
+    def test_outside_text_is_printable_in_the_log(self):
+        self.world.table("domain-relay * 127.0.0.2")
+        self.smtp()
+        self.world.queue("m", "<\x1b[2J\x01%s%n\xff@x.test>", sender="<a\tb@from.test>")
+        run = self.run_ok()
+        self.assertEqual(len(run.lines(" delivered ")), 1)
+        self.assertTrue(all(line.text.isascii() and line.text.isprintable() for line in run.log), run.log)
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -1,0 +1,198 @@
+#!/usr/bin/python3
+"""The walk over the spool: what is due, what is skipped, many walkers, crashes, cost."""
+import collections
+import fcntl
+import os
+import random
+import time
+
+import harness
+import servers
+from harness import RELAYS, SENDERS, SystemTest, cases
+from servers import A, MX, SILENT, a, mx
+
+DAY = 86400
+# Seconds from now of the first and last attempt, arguments, sender; what becomes of the message.
+SCHEDULE = {
+    "due": (-7200, -2001, (), "<s@from.test>", "sent"),
+    "too soon": (-7200, -1900, (), "<s@from.test>", "kept"),
+    "too soon, but -now": (-7200, -10, ("-now",), "<s@from.test>", "sent"),
+    "clock was set back": (-7200, 500, (), "<s@from.test>", "kept"),
+    "clock was set back, -now": (500, 500, ("-NOW",), "<s@from.test>", "sent"),
+    "not yet overdue": (-399900, -3600, (), "<s@from.test>", "sent"),
+    "overdue": (-400010, -3600, (), "<s@from.test>", "returned"),
+    "overdue and too soon": (-400010, -10, (), "<s@from.test>", "returned"),
+    "overdue, -now": (-5 * DAY, -10, ("-now",), "<s@from.test>", "returned"),
+    "overdue, null sender": (-5 * DAY, -3600, (), "<>", "dropped"),
+}
+
+GOOD_RMD = b"2020/00/01@00:00:00_GMT\n2020/00/01@00:00:00_GMT\n1\n<s@from.test>\n<u@x.test>\t-1\n"
+# What stands in the recipient file (None: no such file), and whether the message survives the run.
+FILES = {
+    "no recipient file": (None, True),
+    "empty": (b"", False),
+    "one line": (b"2020/00/01@00:00:00_GMT\n", False),
+    "count is no number": (GOOD_RMD.replace(b"\n1\n", b"\nx\n"), False),
+    "no sender": (b"2020/00/01@00:00:00_GMT\n2020/00/01@00:00:00_GMT\n1\n", False),
+    "time zero": (b"1970/00/01@00:00:00_GMT\n" + GOOD_RMD[24:], False),
+    "garbage time is overdue": (b"garbage\n" + GOOD_RMD[24:], "returned"),
+}
+
+
+class Walk(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.world.table(*RELAYS)
+        self.server, self.returns = self.smtp(), self.smtp(SENDERS)
+
+    @cases(SCHEDULE)
+    def test_schedule(self, first, last, args, sender, fate):
+        self.world.queue("m", "<u@there.test>", sender=sender, first=first, last=last)
+        before = self.world.spool()
+        run = self.run_ok(*args)
+        self.assertEqual(self.world.spool(), before if fate == "kept" else {})
+        self.assertEqual((len(self.server.mails), len(self.returns.mails)), (fate == "sent", fate == "returned"))
+        for word in ("overdue", "returned", "dropped"):
+            self.assertEqual(len(run.lines(f" {word} ")), fate == word or (word == "overdue" and fate in ("returned", "dropped")))
+
+    @cases(FILES)
+    def test_recipient_file(self, rmd, stays):
+        self.world.put("m", b"text\n")
+        if rmd is not None:
+            self.world.put("m.rmd", rmd)
+        before = self.world.spool()
+        run = self.run_ok()
+        self.assertEqual(self.world.spool(), before if stays is True else {})
+        self.assertEqual(len(self.returns.mails), stays == "returned")
+        self.assertEqual(len(run.lines("recipients-unreadable", "msg=m ")), stays is False)
+
+    def test_only_messages_are_touched(self):
+        os.mkdir(self.world.spool_dir + "directory")
+        os.mkfifo(self.world.spool_dir + "fifo")
+        self.world.put("fifo.rmd", GOOD_RMD)
+        self.world.put("held", b"text\n")
+        os.mkfifo(self.world.spool_dir + "held.rmd")
+        self.world.put("orphan.rmd", GOOD_RMD)
+        self.world.put("n" * 190, b"text\n")
+        self.world.put("n" * 190 + ".rmd", GOOD_RMD)
+        self.run_ok(timeout=10)
+        self.assertEqual(sorted(os.listdir(self.world.spool_dir)), ["directory", "held", "held.rmd", "n" * 190, "n" * 190 + ".rmd", "orphan.rmd"])
+
+    def test_a_held_message_is_left_alone(self):
+        self.world.queue("held", "<a@there.test>")
+        self.world.queue("free", "<b@there.test>")
+        with open(self.world.spool_dir + "held.rmd", "r+") as holder:
+            fcntl.flock(holder, fcntl.LOCK_EX)
+            self.run_ok()
+            self.assertEqual(list(self.world.spool()), ["held", "held.rmd"])
+        self.run_ok()
+        self.assertEqual(sorted(rcpt for rcpt, _ in self.server.received()), ["<a@there.test>", "<b@there.test>"])
+
+    def test_eight_walkers_deliver_once(self):
+        for number in range(500):
+            self.world.queue(f"m{number}", [f"<{number}a@there.test>", f"<{number}b@there.test>"])
+        walkers = [self.world.start() for _ in range(8)]
+        self.assertEqual([self.world.finish(walker).status for walker in walkers], [0] * 8)
+        counts = collections.Counter(rcpt for rcpt, _ in self.server.received())
+        self.assertEqual((len(counts), set(counts.values()), self.world.spool()), (1000, {1}, {}))
+
+    def test_killed_runs_lose_nothing(self):
+        self.server.stop()
+        self.server = self.smtp("127.0.0.4", {"rcpt": {"busy": "450 busy", "bad": "550 no", "": (0.004, "250 ok")}})
+        self.world.table(f"domain-relay *.from.test {SENDERS}", "domain-relay * 127.0.0.4")
+        for number in range(60):
+            self.world.queue(f"m{number}", [f"<{number}@ok.test>", f"<{number}@busy.test>", f"<{number}@bad.test>"])
+        chance, kills = random.Random(1), 0
+        for _ in range(12):
+            walker = self.world.start("-now")
+            time.sleep(0.02 + 0.1 * chance.random())
+            os.kill(walker.pid, 9)
+            kills += self.world.finish(walker).status == -9
+        self.assertGreater(kills, 3)
+        self.run_ok("-now")
+        counts = collections.Counter(rcpt for rcpt, _ in self.server.received())
+        self.assertEqual(len(counts), 60)
+        self.assertLessEqual(sum(counts.values()) - 60, kills)
+        back = "".join(mail.data.decode() for mail in self.returns.mails)
+        self.assertEqual([n for n in range(60) if f"<{n}@bad.test>: " not in back], [])
+        spool = self.world.spool()
+        self.assertEqual(len(spool), 120, sorted(spool))
+        for number in range(60):
+            self.assertEqual(self.world.rmd(f"m{number}").recipients, [(f"<{number}@busy.test>", 450)])
+
+    def test_a_crash_is_told_and_frees_the_message(self):
+        self.server.stop()
+        self.smtp("127.0.0.4", [{"rcpt": (SILENT,)}, {}])
+        self.world.table("domain-relay * 127.0.0.4")
+        self.world.queue("m", "<u@there.test>")
+        walker = self.world.start()
+        time.sleep(0.5)
+        os.kill(walker.pid, 11)
+        run = self.world.finish(walker)
+        self.assertEqual(run.status, 11)
+        trace = [line for line in run.log if line.ident == "retryer-stack"]
+        self.assertEqual({line.priority for line in trace}, {3 * 8 + 3})
+        self.assertEqual(trace[0].text, "[SEGV] ---------- Start of stack trace ---------------")
+        self.run_ok()
+        self.assertEqual(self.world.spool(), {})
+
+
+class Cost(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.world.table(*RELAYS)
+
+    def fill(self, count, text):
+        for number in range(count):
+            self.world.queue(f"m{number}", f"<{number}@there.test>", text=text)
+
+    def test_memory_does_not_grow_with_the_queue_or_the_message(self):
+        self.smtp()
+        peaks = []
+        for count, text in ((20, b"x" * 60 + b"\n"), (1000, (b"x" * 63 + b"\n") * 64), (2, (b"x" * 63 + b"\n") * 600000)):
+            self.fill(count, text)
+            run = self.run_ok()
+            self.assertEqual(self.world.spool(), {})
+            peaks.append(run.peak)
+            if count == 1000:
+                self.assertLess(run.seconds, 15)  # a 40 ms stall before each dot would need 40
+        self.assertLess(max(peaks) - min(peaks), 600, peaks)
+
+    def calls(self, count, text, script=None):
+        server = self.smtp("127.0.0.2", script)
+        self.fill(count, text)
+        run = self.run_ok(strace=[])
+        server.stop()
+        return run.calls()
+
+    def test_delivered_mail_costs_no_sync_and_no_call_a_line(self):
+        few = self.calls(100, b"x" * 4096 + b"\n")
+        many = self.calls(100, b"x\n" * 2048)
+        self.assertEqual(few["fsync"] + few["fdatasync"] + many["fsync"], 0)
+        self.assertLessEqual(sum(many.values()) - sum(few.values()), 300, (few, many))
+
+    def test_kept_mail_costs_one_sync_a_message(self):
+        calls = self.calls(100, b"x\n", {"rcpt": "450 busy"})
+        self.assertEqual(calls["fsync"] + calls["fdatasync"], 100)
+
+    def test_processor_time_is_linear_in_recipients(self):
+        names = [f"d{n}.test" for n in range(100)]
+        answers = {(name, MX): [mx(name, 10, "mx." + name)] for name in names}
+        answers.update({("mx." + name, A): [a("mx." + name, f"127.0.3.{n + 1}")] for n, name in enumerate(names)})
+        dns, server = self.dns(answers), self.smtp("")
+        cpu = []
+        for count in (1000, 10000):
+            self.world.table()
+            self.world.queue("m", [f"<{n}@{names[n % 100]}>" for n in range(count)])
+            run = self.run_ok(timeout=120)
+            self.assertEqual((self.world.spool(), len(server.received())), ({}, count))
+            self.assertEqual(len(server.sessions), 100)
+            self.assertEqual(len(dns.questions), 200)
+            server.sessions.clear()
+            dns.questions.clear()
+            cpu.append(run.cpu)
+        self.assertLess(cpu[1], 15 * cpu[0] + 0.1, cpu)
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -1,0 +1,68 @@
+# Debian packages for the tools; sourced. Needs $root, the source tree.
+
+BUILD_PACKAGES="g++ cmake ninja-build libc6-dev"
+TEST_PACKAGES="googletest clang libclang-rt-14-dev g++-multilib ccache"
+WORLD_PACKAGES="python3 iproute2 dnsmasq-base mount util-linux"
+
+# as_root COMMAND...: runs it as root, through sudo when we are somebody else.
+as_root() {
+    if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# need_packages NAME...: installs what is missing, and says so.
+need_packages() {
+    local name missing=()
+    for name; do
+        [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" = installed ] || missing+=("$name")
+    done
+    [ ${#missing[@]} = 0 ] && return
+    echo "Installing Debian packages: ${missing[*]}"
+    fresh_lists
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null ||
+        { echo "These packages could not be installed: ${missing[*]}" >&2; exit 1; }
+}
+
+# Fetches the package lists, once, if they do not know what we are about to ask for.
+fresh_lists() {
+    apt-cache show exim4-daemon-light >/dev/null 2>&1 || as_root apt-get -qq update
+}
+
+# unpack_peer PACKAGE: unpacks it, with what it needs and the host lacks, into build/peers/PACKAGE.
+# Nothing is installed and no service starts.
+unpack_peer() {
+    local target=$root/build/peers/$1 debs deb
+    [ -e "$target" ] && return
+    echo "Unpacking $1 into build/peers (it is not installed)"
+    fresh_lists
+    debs=$(mktemp -d)
+    mkdir -p "$debs/archives/partial" "$root/build/peers"
+    apt-get -qq -y -d --no-install-recommends -o Debug::NoLocking=1 -o APT::Sandbox::User=root \
+        -o Dir::Cache::archives="$debs/archives" install "$1" >/dev/null ||
+        { echo "$1 could not be fetched" >&2; exit 1; }
+    for deb in "$debs"/archives/*.deb; do dpkg -x "$deb" "$target.new"; done
+    chmod u-s "$target.new"/usr/sbin/exim4 2>/dev/null
+    mv "$target.new" "$target"
+    rm -rf "$debs"
+}
+
+# configure_and_build PRESET [TARGET...]: output in build/PRESET.log, shown when it fails.
+configure_and_build() {
+    local preset=$1 log=$root/build/$1.log cache=()
+    shift
+    command -v ccache >/dev/null && cache=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    mkdir -p "$root/build"
+    (cd "$root" && cmake --preset "$preset" "${cache[@]}" && ninja -C "build/$preset" "$@") >"$log" 2>&1 && return
+    tail -n 40 "$log" >&2
+    return 1
+}
+
+# in_world COMMAND...: runs a script that makes its own namespaces: as we are when that is allowed,
+# through sudo otherwise.
+in_world() {
+    export PYTHONDONTWRITEBYTECODE=1
+    if [ "$(id -u)" = 0 ] || unshare --user --map-root-user --map-auto --net --mount true 2>/dev/null; then
+        "$@"
+    else
+        sudo --preserve-env=RETRYER,PYTHONDONTWRITEBYTECODE,ASAN_OPTIONS,UBSAN_OPTIONS "$@"
+    fi
+}
