@@ -3,8 +3,10 @@
 #include "fwall/linefile.h"
 #include "fwall/log.h"
 
-#include <algorithm>
+#include <array>
+#include <bit>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -35,7 +37,7 @@ struct ListDeleter {
 using OwnedList = std::unique_ptr<cfgrec, ListDeleter>;
 
 cfgrec* failedList() noexcept {
-    return reinterpret_cast<cfgrec*>(UINTPTR_MAX);
+    return std::bit_cast<cfgrec*>(UINTPTR_MAX);
 }
 
 char* duplicate(std::string_view text) {
@@ -228,12 +230,10 @@ char* getlocation(const char* path) {
         return nullptr;
     }
     findHome();
-    const std::size_t home = std::strlen(homedir);
-    const std::size_t rest = std::strlen(path) + 1;
-    auto* location = static_cast<char*>(std::malloc(home + rest));
+    const std::size_t size = std::strlen(homedir) + std::strlen(path) + 1;
+    auto* location = static_cast<char*>(std::malloc(size));
     if (location != nullptr) {
-        std::memcpy(location, homedir, home);
-        std::memcpy(location + home, path, rest);
+        std::snprintf(location, size, "%s%s", homedir, path);
     }
     return location;
 }
