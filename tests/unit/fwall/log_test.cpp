@@ -281,6 +281,15 @@ TEST(StandardLog, LosesTheRecordWithoutACollectorAndEndsWithoutASocket) {
     });
 }
 
+TEST(LogObject, OutOfMemoryEndsTheProcess) {
+    const auto open = [] {
+        echoLog = true;
+        allocationsLeft = 0;
+        G_OpenLog(nullptr, nullptr, 0, LOG_USER);
+    };
+    EXPECT_EXIT(open(), testing::ExitedWithCode(1), "<3> Failed to create log object");
+}
+
 TEST(LogObject, OpensTheSystemLogAsDaemonAndNamesTheService) {
     loggedLines.clear();
     G_OpenLog("one", nullptr, LOG_PID, LOG_USER);
