@@ -1,0 +1,163 @@
+#include "email/FdStream.h"
+#include "email/FileReplacement.h"
+#include "email/MessageLock.h"
+#include "email/RetrySchedule.h"
+#include "email/mailscanGlobals.h"
+#include "fwall/hexesc.h"
+#include "retryq/Commands.h"
+#include "retryq/DueNow.h"
+
+#include <pwd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <iterator>
+
+namespace Retryq {
+
+namespace {
+
+using Email::MessageLock;
+
+constexpr std::size_t kShown = 256;
+constexpr mode_t kFileMode = 0664; // of a new file only; an existing one keeps its mode
+
+// The person behind the command, also behind sudo.
+std::string operatorName() {
+    const char* const behind = std::getenv("SUDO_USER");
+    if (behind != nullptr && *behind != '\0') {
+        return printable(behind, kShown);
+    }
+    const passwd* const user = ::getpwuid(::getuid());
+    return user == nullptr ? std::to_string(::getuid()) : printable(user->pw_name, kShown);
+}
+
+// In the form of retryer's own lines, so that one grep finds the whole story of a message.
+void logChange(const char* word, const Message& message, const std::string& rest) {
+    ::syslog(LOG_DAEMON | LOG_NOTICE, "%05d %s msg=%s from=%s %s by=%s",
+             static_cast<int>(::getpid()), word, printable(message.leaf, kShown).c_str(),
+             message.sender.empty() ? "<>" : printable(message.sender, kShown).c_str(),
+             rest.c_str(), operatorName().c_str());
+}
+
+// Puts the question; true for yes.
+bool confirmed(const Context& context, Change what, std::size_t messages) {
+    const std::string count =
+        messages == 1 ? "this message" : std::to_string(messages) + " messages";
+    context.screen.out << (what == Change::Remove ? "Delete " : "Make due now: ") << count
+                       << (what == Change::Remove ? " for good" : "") << "? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+// Works on the messages of one command, each under its lock.
+class Changer {
+public:
+    Changer(const Context& context, Change what) : context_(context), what_(what) {}
+
+    bool apply(const std::string& leaf) {
+        if (leaf.empty() || leaf.find('/') != std::string::npos) {
+            return fail(leaf, "is no message's name");
+        }
+        const std::string file = context_.queue.recipientPath(leaf);
+        const MessageLock lock(file);
+        if (lock.state() == MessageLock::State::Busy) {
+            return fail(leaf, "is being worked on; left alone");
+        }
+        if (lock.state() == MessageLock::State::NotOpened) {
+            return fail(leaf, std::string("cannot be locked: ") + std::strerror(lock.error()));
+        }
+        Message message;
+        Recipients recipients;
+        const bool whole = context_.queue.find(leaf, message, recipients);
+        if (what_ == Change::Remove) {
+            message.leaf = leaf;
+            return remove(message, recipients);
+        }
+        return whole ? retry(message) : fail(leaf, "has no message text");
+    }
+
+private:
+    // The text goes first: what a crash leaves behind then is a recipient file that no walker
+    // offers, and not a text whose recipients nobody knows. Such a left-over can be removed too.
+    bool remove(const Message& message, const Recipients& recipients) {
+        const FileName text(context_.queue.textPath(message.leaf).c_str());
+        const FileName file(context_.queue.recipientPath(message.leaf).c_str());
+        const bool textGone = text.Delete() || errno == ENOENT;
+        if (!textGone || !file.Delete()) {
+            return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(errno));
+        }
+        FileName(file, "~").Delete();
+        for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
+            logChange("removed", message, "to=" + printable(r->text(), kShown));
+        }
+        if (recipients.IsEmpty()) {
+            logChange("removed", message, "to=-");
+        }
+        return done(message.leaf, "removed");
+    }
+
+    bool retry(const Message& message) {
+        switch (message.state) {
+        case State::Unreadable:
+            return fail(message.leaf, "has an unreadable recipient file; see retryq check");
+        case State::Overdue:
+            return done(message.leaf, "is overdue: the next run returns it");
+        case State::Due:
+            return done(message.leaf, "is due already");
+        case State::Waiting:
+            break;
+        }
+        const std::string path = context_.queue.recipientPath(message.leaf);
+        Email::FdStream in(path.c_str());
+        const std::string old{std::istreambuf_iterator<char>(in), {}};
+        const DateTime due = DateTime(-1) + -std::int64_t{mailscanGlobals::retry_min_interval};
+        const std::string rewritten = withLatestTry(old, due);
+        if (in.bad() || rewritten.empty()) {
+            return fail(message.leaf, "has a recipient file that cannot be rewritten as it stands");
+        }
+        Email::FileReplacement replacement(path, kFileMode);
+        if (!replacement.open() || !replacement.commit(rewritten)) {
+            return fail(message.leaf, std::string("cannot be rewritten: ") + std::strerror(errno));
+        }
+        logChange("made-due", message, "latest-try=" + isoTimeText(message.latestTry));
+        return done(message.leaf, "is due now");
+    }
+
+    bool done(const std::string& leaf, const char* what) {
+        context_.screen.out << printable(leaf, kShown) << ' ' << what << '\n';
+        return true;
+    }
+
+    static bool fail(const std::string& leaf, const std::string& why) {
+        std::cerr << "retryq: " << printable(leaf, kShown) << ' ' << why << '\n';
+        return false;
+    }
+
+    const Context& context_;
+    Change what_;
+};
+
+} // namespace
+
+int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes) {
+    if (!yes && ::isatty(STDIN_FILENO) == 0) {
+        std::cerr << "retryq: nobody to ask: give --yes\n";
+        return kTrouble;
+    }
+    if (!yes && !confirmed(context, what, leaves.size())) {
+        return kTrouble;
+    }
+    Changer changer(context, what);
+    bool all = true;
+    for (const std::string& leaf : leaves) {
+        all = changer.apply(leaf) && all;
+    }
+    return all ? kDone : kTrouble;
+}
+
+} // namespace Retryq

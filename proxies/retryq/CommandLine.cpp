@@ -1,0 +1,88 @@
+#include "retryq/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+
+#include <strings.h>
+
+#include <map>
+
+namespace Retryq {
+
+namespace {
+
+const std::map<std::string, std::int64_t> kTimeUnits{
+    {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+
+// "-as" is no option in the usual form, but it is the gateway's.
+std::vector<std::string> withUsualOptions(int argc, char** argv) {
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) { // the parser takes them from the back
+        words.emplace_back(::strcasecmp(argv[i], "-as") == 0 ? "--as" : argv[i]);
+    }
+    return words;
+}
+
+void addFilter(CLI::App& command, Filter& filter) {
+    const CLI::AsNumberWithUnit duration(kTimeUnits, CLI::AsNumberWithUnit::CASE_INSENSITIVE,
+                                         "TIME");
+    command.add_option("--domain", filter.domain, "only with a recipient in this domain");
+    command.add_option("--sender", filter.sender, "only from senders that hold this text");
+    command.add_option("--code", filter.code, "only with a recipient of this result code");
+    command.add_option("--older", filter.olderThan, "only at least this old: 90, 15m, 2h, 3d")
+        ->transform(duration);
+    command.add_option("--younger", filter.youngerThan, "only at most this old")
+        ->transform(duration);
+    command.add_option("--state", filter.state, "due, waiting, overdue, unreadable or held")
+        ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "held"}));
+}
+
+CLI::App* addChange(CLI::App& app, const char* name, const char* help, CommandLine& line) {
+    CLI::App* const command = app.add_subcommand(name, help);
+    command->add_option("MESSAGE", line.words, "leaf names")->required();
+    command->add_flag("-y,--yes", line.yes, "do not ask");
+    return command;
+}
+
+void addCommands(CLI::App& app, CommandLine& line) {
+    addFilter(*app.add_subcommand("list", "a line a message, the oldest first"), line.filter);
+    CLI::App* const show = app.add_subcommand("show", "all about one message");
+    show->add_option("MESSAGE", line.words, "leaf name")->required()->expected(1);
+    show->add_flag("--body", line.body, "its whole text");
+    app.add_subcommand("summary", "recipients by domain and age: where mail is stuck");
+    app.add_subcommand("route", "where mail for an address would go now, and why")
+        ->add_option("ADDRESS", line.words, "a recipient")
+        ->required()
+        ->expected(1);
+    app.add_subcommand("check", "judge rule table and spool; 0 well, 1 warnings, 2 would stop");
+    addChange(app, "remove", "delete messages", line);
+    addChange(app, "retry", "make messages due now", line);
+    app.add_subcommand("metrics", "figures for Prometheus")
+        ->add_option("FILE", line.words, "written by rename; standard output without")
+        ->expected(0, 1);
+}
+
+} // namespace
+
+CommandLine readCommandLine(int argc, char** argv) {
+    CommandLine line;
+    CLI::App app("Look at the mail gateway's deferred queue, and work on it.", "retryq");
+    app.add_option("--as", line.service, "(or -as) service whose rule table lines count")
+        ->capture_default_str();
+    app.add_flag("--json", line.json, "one JSON object a line");
+    app.set_version_flag("--version", RETRYQ_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer("retryq COMMAND --help tells more; retryq(8) tells all.");
+    addCommands(app, line);
+    try {
+        app.parse(withUsualOptions(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        constexpr int kWrong = 1;
+        line.status = app.exit(error) == 0 ? 0 : kWrong;
+        return line;
+    }
+    line.command = app.get_subcommands().front()->get_name();
+    return line;
+}
+
+} // namespace Retryq

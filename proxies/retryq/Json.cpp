@@ -1,0 +1,31 @@
+#include "retryq/Json.h"
+
+#include "retryq/Format.h"
+
+namespace Retryq {
+
+void writeJson(std::ostream& out, const Json& object) {
+    out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+Json toJson(const Message& message, std::time_t now) {
+    Json object{{"message", message.leaf},
+                {"state", stateName(message.state)},
+                {"held", message.held},
+                {"size", message.size},
+                {"age", message.age(now)}};
+    if (message.state != State::Unreadable) {
+        object["sender"] = message.sender;
+        object["recipients"] = message.recipients;
+        object["tries"] = message.tries;
+        object["code"] = message.code;
+        object["result"] = resultText(message.code);
+        object["first_try"] = isoTimeText(message.firstTry);
+        object["latest_try"] = isoTimeText(message.latestTry);
+        object["next_try"] = isoTimeText(message.nextTry);
+        object["given_up"] = isoTimeText(message.givenUp);
+    }
+    return object;
+}
+
+} // namespace Retryq

@@ -1,0 +1,126 @@
+#include "email/FileReplacement.h"
+#include "retryq/Commands.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <unordered_map>
+
+namespace Retryq {
+
+namespace {
+
+constexpr std::size_t kDomains = 20; // each domain is a time series of its own for the collector
+constexpr mode_t kFileMode = 0644;   // the collector runs as somebody else
+
+struct Figures {
+    std::uint64_t messages = 0;
+    std::uint64_t recipients = 0;
+    std::uint64_t bytes = 0;
+};
+
+constexpr std::array kStates{"due", "waiting", "overdue", "unreadable", "held"};
+constexpr std::size_t kHeld = kStates.size() - 1;
+
+struct QueueFigures {
+    std::array<Figures, kStates.size()> states{};
+    std::int64_t oldest = 0; // seconds
+    std::unordered_map<std::string, std::uint64_t> domains;
+
+    void add(const Message& message, const Recipients& recipients, std::time_t now) {
+        Figures& figures = states[message.held ? kHeld : static_cast<std::size_t>(message.state)];
+        ++figures.messages;
+        figures.recipients += message.recipients;
+        figures.bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(message.size, 0));
+        oldest = std::max(oldest, message.age(now));
+        for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
+            ++domains[domainOf(*r)];
+        }
+    }
+};
+
+void describe(std::ostream& out, const char* name, const char* help) {
+    out << "# HELP " << name << ' ' << help << "\n# TYPE " << name << " gauge\n";
+}
+
+void writeStates(std::ostream& out, const char* name, const char* help, const QueueFigures& queue,
+                 std::uint64_t Figures::*figure) {
+    describe(out, name, help);
+    for (std::size_t i = 0; i < kStates.size(); ++i) {
+        out << name << "{state=\"" << kStates[i] << "\"} " << queue.states[i].*figure << '\n';
+    }
+}
+
+// A label's value may hold anything but these three unescaped.
+std::string labelText(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        out += c == '\\' || c == '"' ? std::string("\\") + c
+               : c == '\n'           ? "\\n"
+                                     : std::string(1, c);
+    }
+    return out;
+}
+
+void writeDomains(std::ostream& out, const QueueFigures& queue) {
+    using Entry = std::pair<std::string, std::uint64_t>;
+    std::vector<Entry> rows(queue.domains.begin(), queue.domains.end());
+    std::ranges::sort(rows, [](const Entry& a, const Entry& b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    });
+    constexpr const char* kName = "retryer_queue_domain_recipients";
+    describe(out, kName, "Recipients waiting, by domain; the largest ones.");
+    std::uint64_t others = 0;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        if (i < kDomains) {
+            out << kName << "{domain=\"" << labelText(rows[i].first) << "\"} " << rows[i].second
+                << '\n';
+        } else {
+            others += rows[i].second;
+        }
+    }
+    describe(out, "retryer_queue_other_domain_recipients",
+             "Recipients waiting in all other domains.");
+    out << "retryer_queue_other_domain_recipients " << others << '\n';
+}
+
+std::string textOf(const QueueFigures& queue, std::time_t now) {
+    std::ostringstream out;
+    writeStates(out, "retryer_queue_messages", "Deferred messages.", queue, &Figures::messages);
+    writeStates(out, "retryer_queue_recipients", "Recipients still to be served.", queue,
+                &Figures::recipients);
+    writeStates(out, "retryer_queue_bytes", "Bytes of message text.", queue, &Figures::bytes);
+    describe(out, "retryer_queue_oldest_age_seconds", "Age of the oldest message.");
+    out << "retryer_queue_oldest_age_seconds " << queue.oldest << '\n';
+    writeDomains(out, queue);
+    describe(out, "retryer_queue_read_timestamp_seconds", "When the queue was read.");
+    out << "retryer_queue_read_timestamp_seconds " << now << '\n';
+    return out.str();
+}
+
+} // namespace
+
+int metrics(const Context& context, const std::string& file) {
+    QueueFigures queue;
+    if (!context.queue.visit([&](const Message& message, const Recipients& recipients) {
+            queue.add(message, recipients, context.now);
+        })) {
+        return cannotOpenSpool(context);
+    }
+    const std::string text = textOf(queue, context.now);
+    if (file.empty()) {
+        context.screen.out << text;
+        return kDone;
+    }
+    Email::FileReplacement replacement(file, kFileMode);
+    if (replacement.open() && replacement.commit(text)) {
+        return kDone;
+    }
+    std::cerr << "retryq: cannot write " << file << ": " << std::strerror(errno) << '\n';
+    return kTrouble;
+}
+
+} // namespace Retryq

@@ -1,0 +1,185 @@
+#include "retryq/Queue.h"
+
+#include "email/RetrySchedule.h"
+#include "email/mailscanGlobals.h"
+#include "fwall/UniqueFd.h"
+#include "fwall/hexesc.h"
+#include "retryq/Format.h"
+#include "retryq/HeldLocks.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace Retryq {
+
+namespace {
+
+constexpr std::string_view kRecipientSuffix = ".rmd";
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { ::closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+// The stamps of a recipient file stand for universal time, whatever the local zone is.
+std::time_t universal(const DateTime& time) noexcept {
+    std::tm fields = time.normalised;
+    return ::timegm(&fields);
+}
+
+std::int32_t mostCommonCode(const Recipients& recipients) {
+    struct Count {
+        std::int32_t code;
+        std::uint32_t count;
+    };
+    std::vector<Count> counts; // few: a message's recipients fail in few ways
+    for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
+        const auto at =
+            std::ranges::find(counts, static_cast<std::int32_t>(r->reason), &Count::code);
+        if (at != counts.end()) {
+            ++at->count;
+        } else if (counts.size() < 1000) {
+            counts.push_back({r->reason, 1});
+        }
+    }
+    const auto most = std::ranges::max_element(counts, {}, &Count::count);
+    return most == counts.end() ? IDS_NO_REASON : most->code;
+}
+
+State stateOf(const Recipients& recipients, const DateTime& now) {
+    if (Email::overdue(recipients.firstSendTime(), now, mailscanGlobals::retry_max_interval)) {
+        return State::Overdue;
+    }
+    const bool soon =
+        Email::tooSoon(recipients.lastSendTime(), now, mailscanGlobals::retry_min_interval);
+    return soon ? State::Waiting : State::Due;
+}
+
+// One look at the spool: the open directory and what does not change while it lasts.
+class Look {
+public:
+    explicit Look(const Queue& queue, int directory)
+        : queue_(queue), directory_(directory), locks_(HeldLocks::on(directory)) {}
+
+    // Nothing when the message is not, or no longer, there.
+    bool read(const std::string& leaf, Message& message, Recipients& recipients) const {
+        struct stat text {};
+        if (::fstatat(directory_, leaf.c_str(), &text, 0) != 0) {
+            return false;
+        }
+        message = {};
+        message.leaf = leaf;
+        message.size = text.st_size;
+        message.held = held(leaf);
+        if (recipients.Read(FileName(queue_.recipientPath(leaf).c_str()), true)) {
+            describe(recipients, message);
+            return true;
+        }
+        recipients.Reset();
+        message.state = State::Unreadable;
+        message.firstTry = text.st_mtime;
+        return ::faccessat(directory_, (leaf + ".rmd").c_str(), F_OK, 0) == 0;
+    }
+
+private:
+    bool held(const std::string& leaf) const {
+        struct stat file {};
+        return !locks_.none() && ::fstatat(directory_, (leaf + ".rmd").c_str(), &file, 0) == 0 &&
+               locks_.holds(file.st_ino);
+    }
+
+    void describe(const Recipients& recipients, Message& message) const {
+        message.sender = recipients.GetSender();
+        message.firstTry = universal(recipients.firstSendTime());
+        message.latestTry = universal(recipients.lastSendTime());
+        message.nextTry = message.latestTry + mailscanGlobals::retry_min_interval;
+        message.givenUp = recipients.firstSendTime().Time + mailscanGlobals::retry_max_interval;
+        message.tries = recipients.tries();
+        message.code = mostCommonCode(recipients);
+        message.state = stateOf(recipients, now_);
+        for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
+            ++message.recipients;
+        }
+    }
+
+    const Queue& queue_;
+    int directory_;
+    HeldLocks locks_;
+    DateTime now_{-1};
+};
+
+} // namespace
+
+const char* stateName(State state) noexcept {
+    constexpr std::array kNames{"due", "waiting", "overdue", "unreadable"};
+    return kNames.at(static_cast<std::size_t>(state));
+}
+
+std::string Queue::recipientPath(const std::string& leaf) const {
+    return (directory_ + leaf).append(kRecipientSuffix);
+}
+
+bool Queue::visit(const Visitor& visitor) const {
+    const Directory directory(::opendir(directory_.c_str()));
+    if (!directory) {
+        return false;
+    }
+    const Look look(*this, ::dirfd(directory.get()));
+    Message message;
+    Recipients recipients;
+    while (const dirent* entry = ::readdir(directory.get())) {
+        std::string_view leaf = entry->d_name;
+        if (!leaf.ends_with(kRecipientSuffix)) {
+            continue;
+        }
+        leaf.remove_suffix(kRecipientSuffix.size());
+        if (!leaf.empty() && look.read(std::string(leaf), message, recipients)) {
+            visitor(message, recipients);
+        }
+    }
+    return true;
+}
+
+bool Queue::find(const std::string& leaf, Message& message, Recipients& recipients) const {
+    const Directory directory(::opendir(directory_.c_str()));
+    return directory && leaf.find('/') == std::string::npos && !leaf.empty() &&
+           Look(*this, ::dirfd(directory.get())).read(leaf, message, recipients);
+}
+
+std::string nextTryText(const Message& message, std::time_t now) {
+    if (message.held) {
+        return "being tried now";
+    }
+    switch (message.state) {
+    case State::Due:
+        return "due";
+    case State::Overdue:
+        return "overdue: will be returned";
+    case State::Unreadable:
+        return "unreadable: will be removed";
+    case State::Waiting:
+        break;
+    }
+    return "in " + durationText(std::max<std::int64_t>(message.nextTry - now, 0));
+}
+
+std::string domainOf(const EmailAddr& address) {
+    std::array<char, EmailAddr::kDomainSize> domain{};
+    if (!address.GetDomain(domain.data()) || domain[0] == '\0') {
+        return "-";
+    }
+    std::ranges::transform(domain, domain.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    return printable(domain.data(), domain.size());
+}
+
+} // namespace Retryq

@@ -1,0 +1,276 @@
+#include "retryq/Route.h"
+
+#include "email/DomainRelay.h"
+#include "email/EmailAddr.h"
+#include "email/Resolver.h"
+#include "email/mailscanGlobals.h"
+#include "fwall/hexesc.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace Retryq {
+
+namespace {
+
+constexpr int kMailPort = 25;
+constexpr int kClassIN = 1;
+constexpr int kTypeMX = 15;
+constexpr std::size_t kShown = 256;
+
+constexpr const char* kReturned = "the mail is returned to its sender at the next try";
+constexpr const char* kWaits = "the mail stays in the queue and is tried again";
+
+std::string text(IPaddress address) {
+    std::array<char, IPaddress::kTextSize> out{};
+    address.format(out.data());
+    return out.data();
+}
+
+// Collects the addresses of server names, under the limits that the finders obey.
+class ServerCollector {
+public:
+    ServerCollector(Step& step, int max) : step_(step), max_(max) {}
+
+    // False when the name does not resolve.
+    bool add(const char* name, std::optional<int> preference = {}) {
+        const std::string shown = printable(name, kShown);
+        if (used_ >= max_) {
+            step_.servers.push_back({shown, "", preference, "enough addresses found before"});
+            return true;
+        }
+        IPaddressList found;
+        if (HostList::hostLookup(name, found, max_ - used_, false) < 0) {
+            step_.servers.push_back({shown, "", preference, "does not resolve"});
+            return false;
+        }
+        for (int i = 0; i < found.count(); ++i) {
+            const bool local = HostList::isLocal(found.addr(i));
+            used_ += local ? 0 : 1;
+            step_.servers.push_back({shown, text(found.addr(i)), preference,
+                                     local ? "an address of this host (/etc/hosts)" : ""});
+        }
+        return true;
+    }
+
+private:
+    Step& step_;
+    int max_;
+    int used_ = 0;
+};
+
+// The exchangers of one answer; owns their names.
+struct Exchangers {
+    std::array<char*, Resolver::kMaxExchangers> names{};
+    std::array<int, Resolver::kMaxExchangers> preferences{};
+    int count = Resolver::kMaxExchangers;
+
+    Exchangers() = default;
+    Exchangers(const Exchangers&) = delete;
+    Exchangers& operator=(const Exchangers&) = delete;
+    ~Exchangers() {
+        for (char* name : names) {
+            delete[] name;
+        }
+    }
+
+    // Keeps those that are better than this host; the others are told of.
+    void keepBetter(Step& step) {
+        std::vector<Server> all;
+        for (int i = 0; i < count; ++i) {
+            const auto at = static_cast<std::size_t>(i);
+            all.push_back({printable(names[at], kShown), "", preferences[at],
+                           "this host, or not better than it"});
+        }
+        Resolver::RemoveSameServerMXAnswers(names.data(), preferences.data(), count);
+        step.servers.insert(step.servers.end(), all.begin() + count, all.end());
+    }
+};
+
+class RouteFinder {
+public:
+    RouteFinder(const RuleTable& table, const std::string& address)
+        : table_(table), rcpt_(address.c_str(), nullptr, IDS_NO_REASON) {
+        route_.address = rcpt_.text();
+    }
+
+    Route find() {
+        std::array<char, EmailAddr::kDomainSize> domain{};
+        if (!rcpt_.GetDomain(domain.data())) {
+            return refuse("the address has no domain");
+        }
+        domain_ = domain.data();
+        route_.domain = domain_;
+        const bool direct = rcpt_.CheckForDirectSend();
+        const int port = direct ? mailscanGlobals::mailSendPort : kMailPort;
+        if (isThisHost(direct ? HostList::hostName() : domain_.c_str()) &&
+            port == mailscanGlobals::mailReadPort) {
+            return refuse("the destination is this host, whose own proxy listens on that port "
+                          "(bind-port)");
+        }
+        if (direct) {
+            addDirect(port);
+        }
+        search(direct);
+        return std::move(route_);
+    }
+
+private:
+    static constexpr int kNothing = -1; // the domain does not exist
+
+    Route refuse(const std::string& why) {
+        route_.refused = why;
+        route_.failing = kReturned;
+        return std::move(route_);
+    }
+
+    // Either name beginning with the other one is enough, case counting: so the client judges.
+    static bool isThisHost(std::string_view domain) noexcept {
+        const std::string_view host = HostList::hostName();
+        return domain.starts_with(host) || host.starts_with(domain);
+    }
+
+    void addDirect(int port) {
+        route_.port = port;
+        Step step{"direct", lineOf("direct-send-domains"),
+                  "direct-send-domains and send-port apply"};
+        step.servers.push_back({"", text(IPaddress::loopback)});
+        route_.steps.push_back(std::move(step));
+    }
+
+    void search(bool direct) {
+        route_.failing = kWaits;
+        if (!direct && domain_.find_first_not_of("[0123456789.]") == std::string::npos) {
+            addLiteral();
+            return;
+        }
+        if (!direct && addRelays("domain-relay")) {
+            return;
+        }
+        bool missing = false;
+        if (mailscanGlobals::dnsEnable) {
+            missing = !addExchangers();
+        } else {
+            route_.steps.push_back(
+                {"exchangers", lineOf("use-dns"), "not looked up: use-dns is off"});
+        }
+        addRelays("fallback-relay");
+        route_.failing = missing ? kReturned : kWaits;
+    }
+
+    void addLiteral() {
+        Step step{"literal", 0, "the domain is an address"};
+        ServerCollector(step, mailscanGlobals::max_addr_to_try).add(domain_.c_str());
+        route_.steps.push_back(std::move(step));
+    }
+
+    // The first line that matches and has a server left decides.
+    bool addRelays(const char* key) {
+        cfgrec* record = table_.records() == nullptr ? nullptr : cfg_get(key, table_.records());
+        for (; record != nullptr; record = cfg_next(key, record)) {
+            if (!DRinfo(record->argv[0]).matches(domain_.c_str())) {
+                continue;
+            }
+            Step step = relayStep(key, *record);
+            const bool decided = step.usable();
+            step.text += decided ? "" : ": without effect, no server is left";
+            route_.steps.push_back(std::move(step));
+            if (decided) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    static Step relayStep(const char* key, const cfgrec& record) {
+        Step step{key, record.ln,
+                  std::string("the pattern ") + printable(record.argv[0], kShown) + " matches"};
+        const int limit = std::min<int>(mailscanGlobals::max_addr_to_try, IPaddressList::kCapacity);
+        ServerCollector servers(step, limit);
+        for (int i = 1; i < record.argc; ++i) {
+            servers.add(record.argv[i]);
+        }
+        return step;
+    }
+
+    // False when the domain does not exist, or its answer cannot be used.
+    bool addExchangers() {
+        Resolver resolver;
+        std::array<unsigned char, Resolver::kAnswerSize> answer{};
+        int length = Resolver::kAnswerSize;
+        switch (resolver.Query(domain_.c_str(), kClassIN, kTypeMX, answer.data(), length)) {
+        case QUERY_OK:
+            return useAnswer(resolver, answer.data(), length);
+        case QUERY_TEMPORARY:
+            route_.steps.push_back({"exchangers", 0, "the name service gives no answer now"});
+            return true;
+        case QUERY_NO_DOMAIN:
+            route_.steps.push_back({"exchangers", 0, "the domain does not exist"});
+            return false;
+        default:
+            return addOwnAddress("the domain has no mail exchanger");
+        }
+    }
+
+    bool useAnswer(Resolver& resolver, const unsigned char* answer, int length) {
+        Exchangers mx;
+        if (!resolver.ParseQuery(answer, length, mx.names.data(), mx.preferences.data(),
+                                 mx.count)) {
+            route_.steps.push_back({"exchangers", 0, "the name service's answer is damaged"});
+            return false;
+        }
+        Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+        Step step{"exchangers", 0, "the domain's mail exchangers, best first"};
+        Step cut = step;
+        mx.keepBetter(cut);
+        if (mx.count == 0) {
+            cut.text = "the domain's mail exchangers, none better than this host";
+            if (!cut.servers.empty()) {
+                route_.steps.push_back(std::move(cut));
+            }
+            return addOwnAddress("no mail exchanger is left");
+        }
+        ServerCollector servers(step, mailscanGlobals::max_addr_to_try);
+        for (int i = 0; i < mx.count; ++i) {
+            const auto at = static_cast<std::size_t>(i);
+            servers.add(mx.names[at], mx.preferences[at]);
+        }
+        step.servers.insert(step.servers.end(), cut.servers.begin(), cut.servers.end());
+        route_.steps.push_back(std::move(step));
+        return true;
+    }
+
+    bool addOwnAddress(const std::string& why) {
+        Step step{"own-address", 0, why + ": the domain's own address is used"};
+        const bool found =
+            ServerCollector(step, mailscanGlobals::max_addr_to_try).add(domain_.c_str());
+        route_.steps.push_back(std::move(step));
+        return found;
+    }
+
+    [[nodiscard]] std::int32_t lineOf(const char* key) const {
+        const cfgrec* const record =
+            table_.records() == nullptr ? nullptr : cfg_get(key, table_.records());
+        return record == nullptr ? 0 : record->ln;
+    }
+
+    const RuleTable& table_;
+    EmailAddr rcpt_;
+    std::string domain_;
+    Route route_;
+};
+
+} // namespace
+
+bool Step::usable() const noexcept {
+    return std::ranges::any_of(servers, [](const Server& s) { return s.leftOut.empty(); });
+}
+
+Route findRoute(const RuleTable& table, const std::string& address) {
+    return RouteFinder(table, address).find();
+}
+
+} // namespace Retryq

@@ -1,0 +1,96 @@
+#include "fwall/hexesc.h"
+#include "retryq/Commands.h"
+#include "retryq/Json.h"
+#include "retryq/Route.h"
+
+#include <algorithm>
+
+namespace Retryq {
+
+namespace {
+
+constexpr std::size_t kShown = 3 * EmailAddr::kMaxText;
+
+std::string decidedBy(const Step& step) {
+    return step.line == 0 ? step.name
+                          : step.name + ", rule table line " + std::to_string(step.line);
+}
+
+std::string describe(const Server& server) {
+    std::string out = server.address.empty() ? server.name : server.address;
+    if (!server.address.empty() && !server.name.empty() &&
+        server.name.find(server.address) == std::string::npos) {
+        out += "  " + server.name;
+    }
+    return server.preference ? out + " (preference " + std::to_string(*server.preference) + ")"
+                             : out;
+}
+
+void printStep(const Screen& screen, const Step& step, bool first) {
+    screen.out << (first ? "By           " : "Else by      ") << decidedBy(step) << ": "
+               << step.text << '\n';
+    int number = 0;
+    for (const Server& server : step.servers) {
+        if (server.leftOut.empty()) {
+            screen.out << "  try " << ++number << "      " << describe(server) << '\n';
+        } else {
+            screen.out << "  left out   " << describe(server) << ": " << server.leftOut << '\n';
+        }
+    }
+}
+
+void print(const Screen& screen, const Route& route) {
+    screen.out << "Address      " << printable(route.address, kShown) << '\n'
+               << "Domain       " << printable(route.domain, kShown) << '\n';
+    if (!route.refused.empty()) {
+        screen.out << "Refused      " << route.refused << '\n';
+    } else if (route.port != 25) {
+        screen.out << "Port         " << route.port << '\n';
+    }
+    bool first = true;
+    for (const Step& step : route.steps) {
+        printStep(screen, step, first);
+        first = first && !step.usable();
+    }
+    screen.out << (route.refused.empty() ? "If none answers, " : "Result       ") << route.failing
+               << '\n';
+}
+
+Json toJson(const Server& server) {
+    Json object{{"name", server.name}, {"address", server.address}};
+    if (server.preference) {
+        object["preference"] = *server.preference;
+    }
+    if (!server.leftOut.empty()) {
+        object["left_out"] = server.leftOut;
+    }
+    return object;
+}
+
+Json toJson(const Route& route) {
+    Json steps = Json::array();
+    for (const Step& step : route.steps) {
+        Json servers = Json::array();
+        std::ranges::for_each(step.servers, [&](const Server& s) { servers.push_back(toJson(s)); });
+        steps.push_back({{"by", step.name},
+                         {"line", step.line},
+                         {"reason", step.text},
+                         {"servers", std::move(servers)}});
+    }
+    return {{"address", route.address}, {"domain", route.domain},    {"port", route.port},
+            {"refused", route.refused}, {"steps", std::move(steps)}, {"failing", route.failing}};
+}
+
+} // namespace
+
+int route(const Context& context, const std::string& address) {
+    const Route found = findRoute(context.table, address);
+    if (context.json) {
+        writeJson(context.screen.out, toJson(found));
+    } else {
+        print(context.screen, found);
+    }
+    return kDone;
+}
+
+} // namespace Retryq

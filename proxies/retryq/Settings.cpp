@@ -1,0 +1,299 @@
+#include "retryq/Settings.h"
+
+#include "email/Decimal.h"
+#include "email/mailscanGlobals.h"
+#include "fwall/hexesc.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <numeric>
+#include <string_view>
+
+namespace Retryq {
+
+namespace {
+
+using Kind = Setting::Kind;
+using Weight = Finding::Weight;
+
+constexpr std::size_t kShown = 128; // bytes of a word in a finding
+
+constexpr std::array kSettings{
+    Setting{"smtp-data-timeout", Kind::Number, "seconds", "60"},
+    Setting{"smtp-send-timeout", Kind::Number, "seconds", "30"},
+    Setting{"smtp-final-timeout", Kind::Number, "seconds", "200"},
+    Setting{"smtp-rcpt-timeout", Kind::Number, "seconds", "60"},
+    Setting{"smtp-mail-timeout", Kind::Number, "seconds", "60"},
+    Setting{"smtp-connect-timeout", Kind::Number, "seconds", "60"},
+    Setting{"smtp-max-deferral", Kind::Number, "seconds", "400000"},
+    Setting{"smtp-min-deferral", Kind::Number, "seconds", "2000"},
+    Setting{"max-addr-per-host", Kind::Number, "addresses", "2"},
+    Setting{"max-addr-to-try", Kind::Number, "addresses", "10"},
+    Setting{"max-returned-line-count", Kind::Number, "lines", "12000"},
+    Setting{"smtp-direct-size-limit", Kind::Number, "0: off", "0"},
+    Setting{"smtp-direct-recipient-limit", Kind::Number, "0: none", "1"},
+    Setting{"mail-log", Kind::YesNo, "", "yes"},
+    Setting{"use-dns", Kind::YesNo, "", "yes"},
+    Setting{"transport-log", Kind::YesNo, "", "no"},
+    Setting{"send-port", Kind::Number, "port", "25"},
+    Setting{"bind-port", Kind::Number, "port", "25"},
+    Setting{"badadmin", Kind::Text, "", ""},
+    Setting{"deferred-directory", Kind::Directory, "", "/var/spool/deferred/"},
+    Setting{"directory", Kind::Directory, "", "/var/spool/vorn/"},
+    Setting{"default-domain", Kind::Text, "", ""},
+    Setting{"direct-send-domains", Kind::Words, "", ""},
+    Setting{"allow-nonrfc-domain", Kind::Text, "", "no"},
+    Setting{"smtp-blacklist-timeout", Kind::Number, "seconds", "180"},
+    Setting{"reporting-mode", Kind::YesNo, "", "no"},
+    Setting{"domain-relay", Kind::Relays, "", ""},
+    Setting{"fallback-relay", Kind::Relays, "", ""},
+};
+
+// Collects what the reader would log.
+class FaultCollector : public CfgFaults {
+public:
+    explicit FaultCollector(std::vector<Finding>& out) : out_(out) {}
+
+    void cannotOpen(const char* /*service*/, const char* path, int error) override {
+        out_.push_back(
+            {Weight::Stop, 0, std::string("cannot open ") + path + ": " + std::strerror(error)});
+    }
+    void rejected(const char* /*path*/, std::int32_t line, CfgFault fault) override {
+        out_.push_back({Weight::Warning, line, explain(fault)});
+    }
+    void outOfMemory() override { out_.push_back({Weight::Stop, 0, "out of memory"}); }
+
+private:
+    static std::string explain(CfgFault fault) {
+        constexpr std::array kReasons{
+            " (more than 8190 characters, or the file's last line has no newline)",
+            " (no colon behind the services)",
+            " (the keyword needs a blank and a value behind it)",
+            " (the values do not fit)",
+        };
+        return std::string("rejected: ") + cfg_fault_text(fault) +
+               kReasons.at(static_cast<std::size_t>(fault));
+    }
+
+    std::vector<Finding>& out_;
+};
+
+std::string joined(const cfgrec& record) {
+    return std::accumulate(record.argv, record.argv + record.argc, std::string(),
+                           [](std::string text, const char* word) {
+                               return std::move(text) + (text.empty() ? "" : " ") + word;
+                           });
+}
+
+bool isNumber(std::string_view word) noexcept {
+    return Email::takeDecimal(word).has_value() && word.empty();
+}
+
+bool isYesNo(const char* word) noexcept {
+    constexpr std::array kWords{"on",  "y", "yes", "t", "true",  "1", "*",
+                                "off", "n", "no",  "f", "false", "0"};
+    return std::ranges::any_of(kWords, [word](auto w) { return ::strcasecmp(w, word) == 0; });
+}
+
+// The word count that ends a run through a failed check, in words; null when the count will do.
+const char* wrongWordCount(Kind kind, int words) noexcept {
+    switch (kind) {
+    case Kind::YesNo:
+        return words > 1 ? "exactly one value" : nullptr;
+    case Kind::Words:
+        return words < 1 ? "at least one value" : nullptr;
+    case Kind::Relays:
+        return words < 2 ? "a pattern and at least one server" : nullptr;
+    default:
+        return words != 1 ? "exactly one value" : nullptr;
+    }
+}
+
+const Setting* known(std::string_view key) noexcept {
+    const auto at = std::ranges::find(kSettings, key, &Setting::key);
+    return at == kSettings.end() ? nullptr : &*at;
+}
+
+// Letters to add, drop, change or swap with their neighbour to make one word the other.
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::size_t> before(b.size() + 1);
+    std::vector<std::size_t> last(b.size() + 1);
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(last.begin(), last.end(), 0U);
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t change = last[j - 1] + (a[i - 1] == b[j - 1] ? 0U : 1U);
+            row[j] = std::min({last[j] + 1, row[j - 1] + 1, change});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                row[j] = std::min(row[j], before[j - 2] + 1);
+            }
+        }
+        before.swap(last);
+        last.swap(row);
+    }
+    return last[b.size()];
+}
+
+} // namespace
+
+std::span<const Setting> settings() noexcept {
+    return kSettings;
+}
+
+const Setting* nearestSetting(std::string_view word) {
+    const auto distance = [word](const Setting& s) { return editDistance(word, s.key); };
+    const auto nearest = std::ranges::min_element(kSettings, {}, distance);
+    const std::size_t tolerated = std::max<std::size_t>(2, std::strlen(nearest->key) / 4);
+    return distance(*nearest) <= tolerated ? &*nearest : nullptr;
+}
+
+RuleTable::RuleTable(std::string service) : service_(std::move(service)) {
+    FaultCollector collector(faults_);
+    cfgrec* const list = cfg_read_observed(service_.c_str(), collector);
+    path_ = pfile == nullptr ? "" : pfile;
+    if (!cfg_failed(list)) {
+        list_.reset(list);
+        if (list == nullptr) {
+            faults_.push_back({Weight::Stop, 0,
+                               "no line for the service \"" + printable(service_, kShown) + "\""});
+        }
+    }
+    checkWordCounts();
+}
+
+std::string RuleTable::placeReason() const {
+    if (std::getenv("TAVORIX") != nullptr) {
+        return "install location from the environment variable TAVORIX";
+    }
+    return homedir[0] != '\0' ? "install location from /var/QELENV/.profile.vars"
+                              : "no install location";
+}
+
+void RuleTable::checkWordCounts() {
+    for (const Setting& setting : kSettings) {
+        for (cfgrec* record = find(setting.key); record != nullptr;
+             record = cfg_next(setting.key, record)) {
+            const char* const needed = wrongWordCount(setting.kind, record->argc);
+            if (needed != nullptr) {
+                faults_.push_back({Weight::Stop, record->ln,
+                                   std::string(setting.key) + " takes " + needed + ", here are " +
+                                       std::to_string(record->argc)});
+            }
+            if (setting.kind != Kind::Relays) {
+                break; // only the first line counts
+            }
+        }
+    }
+}
+
+bool RuleTable::stops() const noexcept {
+    return std::ranges::any_of(faults_, [](const Finding& f) { return f.weight == Weight::Stop; });
+}
+
+void RuleTable::load() const {
+    mailscanGlobals::initialise(records());
+}
+
+cfgrec* RuleTable::find(const char* key) const {
+    return list_ ? cfg_get(key, list_.get()) : nullptr;
+}
+
+std::int32_t RuleTable::line(const Setting& setting) const {
+    const cfgrec* const record = find(setting.key);
+    return record == nullptr ? 0 : record->ln;
+}
+
+std::string RuleTable::value(const Setting& setting) const {
+    const cfgrec* const record = find(setting.key);
+    if (record == nullptr) {
+        return setting.builtIn;
+    }
+    switch (setting.kind) {
+    case Kind::Number:
+        return std::to_string(intParam(setting.key, list_.get(), 0));
+    case Kind::YesNo:
+        return boolParam(setting.key, list_.get(), false) ? "yes" : "no";
+    default:
+        return joined(*record);
+    }
+}
+
+std::vector<Finding> RuleTable::advice() const {
+    std::vector<Finding> out;
+    for (const cfgrec* record = records(); record != nullptr; record = record->next) {
+        adviseOnRecord(*record, out);
+    }
+    adviseOnCombinations(out);
+    return out;
+}
+
+void RuleTable::adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) const {
+    const auto warn = [&](const std::string& text) {
+        out.push_back({Weight::Warning, record.ln, text});
+    };
+    const std::string key = printable(record.op, kShown);
+    const Setting* const setting = known(record.op);
+    if (setting == nullptr) {
+        const Setting* const nearest = nearestSetting(record.op);
+        if (nearest != nullptr) {
+            warn("unknown key " + key + ": did you mean " + nearest->key + "?");
+        }
+        return;
+    }
+    if (record.flags != 0) {
+        warn(key + ": its deny-, permit- or absorb- is not looked at");
+    }
+    if (setting->kind != Kind::Relays && line(*setting) != record.ln) {
+        warn(key + " does not count: it stands on line " + std::to_string(line(*setting)) +
+             " already");
+        return;
+    }
+    const char* const word = record.argc > 0 ? record.argv[0] : "";
+    const std::string shown = "\"" + printable(word, kShown) + "\"";
+    if (setting->kind == Kind::Number && !isNumber(word)) {
+        warn(key + ": " + shown + " is no whole number and reads as " + value(*setting));
+    } else if (setting->kind == Kind::YesNo && !isYesNo(word)) {
+        warn(key + ": " + shown + " reads as no");
+    } else if (setting->kind == Kind::Directory && !std::string_view(word).ends_with('/')) {
+        warn(key + ": " + shown + " does not end in a slash");
+    }
+}
+
+void RuleTable::adviseOnCombinations(std::vector<Finding>& out) const {
+    const auto number = [this](const char* key) { return std::atol(value(*known(key)).c_str()); };
+    const auto say = [&](Weight weight, const char* key, const std::string& text) {
+        out.push_back({weight, line(*known(key)), text});
+    };
+    for (const Setting& setting : kSettings) {
+        if (std::string_view(setting.unit) == "seconds" && number(setting.key) < 0) {
+            say(Weight::Warning, setting.key, std::string(setting.key) + " is below 0");
+        } else if (std::string_view(setting.key).ends_with("-timeout") &&
+                   number(setting.key) == 0) {
+            say(Weight::Warning, setting.key,
+                std::string(setting.key) + " of 0: nothing is waited for");
+        }
+    }
+    if (number("max-addr-to-try") < 0) {
+        say(Weight::Stop, "max-addr-to-try",
+            "max-addr-to-try below 0 ends the run at the first delivery");
+    } else if (number("max-addr-to-try") == 0 || number("max-addr-per-host") <= 0) {
+        say(Weight::Warning, "max-addr-to-try",
+            "no server address may be tried: nothing is delivered");
+    }
+    if (number("smtp-max-deferral") <= number("smtp-min-deferral")) {
+        say(Weight::Warning, "smtp-max-deferral",
+            "smtp-max-deferral is not above smtp-min-deferral: mail is returned before a second "
+            "try");
+    }
+    if (number("smtp-direct-size-limit") != 0 && number("smtp-direct-recipient-limit") == 0) {
+        say(Weight::Warning, "smtp-direct-recipient-limit",
+            "smtp-direct-size-limit with a recipient limit of 0: return mail may be lost");
+    }
+}
+
+} // namespace Retryq

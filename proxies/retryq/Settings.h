@@ -1,0 +1,87 @@
+// The rule table as its keeper sees it: the settings retryer takes from it, what it rejects, and
+// what would end a run before it begins.
+#pragma once
+
+#include "fwall/config.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace Retryq {
+
+// One key that retryer reads.
+struct Setting {
+    enum class Kind { Number, YesNo, Text, Directory, Words, Relays };
+    const char* key;
+    Kind kind;
+    const char* unit; // what the number counts, empty without one
+    const char* builtIn;
+};
+
+// Every key, in the order in which they are read; the relay tables last.
+[[nodiscard]] std::span<const Setting> settings() noexcept;
+
+// Something to tell the keeper.
+struct Finding {
+    enum class Weight {
+        Warning, // works, but hardly as meant
+        Stop,    // retryer ends before, or in the middle of, its work
+    };
+    Weight weight;
+    std::int32_t line; // of the rule table, 0 for none
+    std::string text;
+};
+
+// The rule table of one service. Reading logs nothing and never ends the program.
+class RuleTable {
+public:
+    explicit RuleTable(std::string service);
+
+    // The file that was read, and what determined its place.
+    [[nodiscard]] const std::string& path() const noexcept { return path_; }
+    [[nodiscard]] std::string placeReason() const;
+    [[nodiscard]] const std::string& service() const noexcept { return service_; }
+
+    // Null when there are no lines for the service.
+    [[nodiscard]] cfgrec* records() const noexcept { return list_.get(); }
+
+    // Lines that retryer rejects, and what makes the whole table unusable.
+    [[nodiscard]] const std::vector<Finding>& faults() const noexcept { return faults_; }
+
+    // True when retryer would end with the settings as they are, before it looks at any mail.
+    [[nodiscard]] bool stops() const noexcept;
+
+    // Loads the settings for this process, as retryer does. Call it only when stops() is false.
+    void load() const;
+
+    // The setting's value in force, and the line it comes from (0: built in).
+    [[nodiscard]] std::string value(const Setting& setting) const;
+    [[nodiscard]] std::int32_t line(const Setting& setting) const;
+
+    // Unknown keys near a known one, values that read as something else than they say, lines that
+    // do not count, combinations that lose mail.
+    [[nodiscard]] std::vector<Finding> advice() const;
+
+private:
+    struct Free {
+        void operator()(cfgrec* list) const noexcept { cfg_free(list); }
+    };
+
+    void checkWordCounts();
+    [[nodiscard]] cfgrec* find(const char* key) const;
+    void adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) const;
+    void adviseOnCombinations(std::vector<Finding>& out) const;
+
+    std::string service_;
+    std::string path_;
+    std::vector<Finding> faults_;
+    std::unique_ptr<cfgrec, Free> list_;
+};
+
+// The known key that is most like the word, or null when none comes near.
+[[nodiscard]] const Setting* nearestSetting(std::string_view word);
+
+} // namespace Retryq

@@ -1,0 +1,267 @@
+#include "retryq/SpoolCheck.h"
+
+#include "email/BoundedLineReader.h"
+#include "email/FdStream.h"
+#include "email/FileReplacement.h"
+#include "email/Recipients.h"
+#include "email/Utils.h"
+#include "fwall/UniqueFd.h"
+#include "fwall/hexesc.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+namespace Retryq {
+
+namespace {
+
+using Weight = Finding::Weight;
+
+constexpr std::size_t kPathLimit = 200; // a message whose path is as long is never tried
+constexpr std::size_t kMostNamed = 20;  // findings of one kind that are spelt out
+constexpr std::size_t kShown = 512;
+constexpr std::uint64_t kLowBytes = std::uint64_t{64} << 20;
+constexpr std::uint64_t kLowInodes = 1000;
+
+std::string errorText() {
+    return std::strerror(errno);
+}
+
+std::string ownerText(const struct stat& status) {
+    const passwd* const user = ::getpwuid(status.st_uid);
+    const group* const team = ::getgrgid(status.st_gid);
+    std::array<char, 16> mode{};
+    std::snprintf(mode.data(), mode.size(), " %04o", static_cast<unsigned>(status.st_mode & 07777));
+    return (user == nullptr ? std::to_string(status.st_uid) : user->pw_name) + ":" +
+           (team == nullptr ? std::to_string(status.st_gid) : team->gr_name) + mode.data();
+}
+
+// Says the first few of many findings of one kind, and then how many more there are.
+class Limited {
+public:
+    Limited(std::vector<Finding>& out, const char* kind) : out_(out), kind_(kind) {}
+    ~Limited() {
+        if (count_ > kMostNamed) {
+            out_.push_back(
+                {Weight::Warning, 0, std::to_string(count_ - kMostNamed) + " more: " + kind_});
+        }
+    }
+    Limited(const Limited&) = delete;
+    Limited& operator=(const Limited&) = delete;
+
+    void add(const std::string& name, const std::string& text) {
+        if (++count_ <= kMostNamed) {
+            out_.push_back({Weight::Warning, 0, printable(name, kShown) + ": " + text});
+        }
+    }
+
+private:
+    std::vector<Finding>& out_;
+    const char* kind_;
+    std::size_t count_ = 0;
+};
+
+class SpoolCheck {
+public:
+    SpoolCheck(const std::string& directory, const std::string& suffix) : suffix_(suffix) {
+        report_.directory = directory + (directory.ends_with('/') ? "" : "/");
+    }
+
+    SpoolReport run() {
+        struct stat status {};
+        if (::stat(report_.directory.c_str(), &status) != 0) {
+            warn("cannot be looked at: " + errorText());
+        } else if (!S_ISDIR(status.st_mode)) {
+            warn("is no directory");
+        } else {
+            report_.owner = ownerText(status);
+            checkMode(status.st_mode);
+            checkSpace();
+            checkWriting();
+            checkFiles();
+        }
+        return std::move(report_);
+    }
+
+private:
+    void warn(const std::string& text) { report_.findings.push_back({Weight::Warning, 0, text}); }
+
+    void checkMode(mode_t mode) {
+        if ((mode & S_IWOTH) != 0) {
+            warn("everybody may write here: chmod o-w");
+        } else if ((mode & (S_IROTH | S_IXOTH)) != 0) {
+            warn("everybody may look at the mail: chmod o-rx");
+        }
+    }
+
+    void checkSpace() {
+        struct statvfs space {};
+        if (::statvfs(report_.directory.c_str(), &space) != 0) {
+            warn("its free space is not known: " + errorText());
+            return;
+        }
+        report_.freeBytes = std::uint64_t{space.f_bavail} * space.f_frsize;
+        report_.freeInodes = space.f_favail;
+        report_.totalInodes = space.f_files;
+        if (report_.freeBytes < kLowBytes) {
+            warn("less than 64 MiB are free");
+        }
+        if (report_.totalInodes != 0 && report_.freeInodes < kLowInodes) {
+            warn("fewer than 1000 files can be made");
+        }
+    }
+
+    // The steps by which a recipient file is replaced: new file, sync, rename, sync of the name.
+    void checkWriting() {
+        const std::string path = report_.directory + ".retryq-check." + std::to_string(::getpid());
+        Email::FileReplacement file(path, 0600);
+        if (!file.open()) {
+            warn("no file can be made here: " + errorText());
+        } else if (!file.commit("retryq check\n")) {
+            warn("a file cannot be written, synced and renamed here: " + errorText());
+        } else {
+            if (!Email::syncDirectory(path)) {
+                warn("a new name cannot be synced here: " + errorText());
+            }
+            ::unlink(path.c_str());
+        }
+    }
+
+    void checkFiles() {
+        const std::vector<std::string> names = readNames();
+        Limited longPaths(report_.findings, "paths that are too long");
+        Limited noFile(report_.findings, "texts without recipient file");
+        Limited noText(report_.findings, "recipient files without text");
+        Limited unusable(report_.findings, "recipient files with faults");
+        for (const std::string& name : names) {
+            if (std::ranges::binary_search(names, name + suffix_)) {
+                checkMessage(name, longPaths, unusable);
+            } else if (name.ends_with("~")) {
+                noFile.add(name, "left over by a crash, of no meaning: rm");
+            } else if (isWithoutText(names, name)) {
+                noText.add(name, "recipient file without message text: retryq remove");
+            } else if (!name.ends_with(suffix_)) {
+                noFile.add(name, "no recipient file: never delivered");
+            }
+        }
+    }
+
+    [[nodiscard]] bool isWithoutText(const std::vector<std::string>& names,
+                                     const std::string& name) const {
+        return name.ends_with(suffix_) &&
+               !std::ranges::binary_search(names, name.substr(0, name.size() - suffix_.size())) &&
+               stillThere(name);
+    }
+
+    [[nodiscard]] bool stillThere(const std::string& name) const {
+        return ::access((report_.directory + name).c_str(), F_OK) == 0;
+    }
+
+    void checkMessage(const std::string& name, Limited& longPaths, Limited& unusable) {
+        ++report_.messages;
+        if (report_.directory.size() + name.size() >= kPathLimit) {
+            longPaths.add(name, "its path has 200 characters or more: never delivered");
+        }
+        const std::string fault =
+            recipientFileFault(report_.directory + name + suffix_, suffix_ == ".rmd");
+        if (!fault.empty() && stillThere(name + suffix_)) {
+            unusable.add(name + suffix_, fault);
+        }
+    }
+
+    std::vector<std::string> readNames() {
+        std::vector<std::string> names;
+        DIR* const directory = ::opendir(report_.directory.c_str());
+        if (directory == nullptr) {
+            warn("cannot be read: " + errorText());
+            return names;
+        }
+        while (const dirent* entry = ::readdir(directory)) {
+            if (std::string_view(entry->d_name).find_first_not_of('.') != std::string_view::npos) {
+                names.emplace_back(entry->d_name);
+            }
+        }
+        ::closedir(directory);
+        std::ranges::sort(names);
+        return names;
+    }
+
+    std::string suffix_;
+    SpoolReport report_;
+};
+
+// Takes the head lines of a full-form file apart. Called for files that Recipients refused, or
+// whose text may mean something else than it says.
+std::string headFault(Email::FdStream& text) {
+    constexpr std::array kLines{"line 1 (first try)", "line 2 (latest try)", "line 3 (tries)",
+                                "line 4 (sender)"};
+    Email::BoundedLineReader reader(text, 63, 63);
+    for (std::size_t i = 0; i < kLines.size(); ++i) {
+        const auto item = reader.next();
+        if (item.kind == Email::BoundedLineReader::Kind::Error) {
+            return std::string("cannot be read: ") + std::strerror(text.error());
+        }
+        if (item.kind == Email::BoundedLineReader::Kind::End) {
+            return std::string(kLines.at(i)) +
+                   " is missing or cut off: the message will be removed";
+        }
+        DateTime time;
+        time.Set(std::string(item.text).c_str());
+        if (i < 2 && time.Time == 0) {
+            return std::string(kLines.at(i)) + " is the zero time: the message will be removed";
+        }
+        if (i < 2 && time.Time < 0) {
+            return std::string(kLines.at(i)) + " is no time: the message will be returned";
+        }
+    }
+    return {};
+}
+
+bool endsInLineFeed(Email::FdStream& text) {
+    text.clear();
+    text.seekg(-1, std::ios::end);
+    return text.get() == '\n';
+}
+
+} // namespace
+
+SpoolReport checkSpool(const std::string& directory, const std::string& suffix) {
+    return SpoolCheck(directory, suffix).run();
+}
+
+std::string recipientFileFault(const std::string& path, bool full) {
+    Email::FdStream text(path.c_str());
+    if (!text.is_open()) {
+        return "cannot be opened: " + std::string(std::strerror(text.error()));
+    }
+    if (text.peek() == std::istream::traits_type::eof()) {
+        return "is empty: the message will be removed";
+    }
+    Recipients recipients;
+    if (std::string fault = full ? headFault(text) : ""; !fault.empty()) {
+        return fault;
+    }
+    if (!recipients.Read(FileName(path.c_str()), full)) {
+        return full ? "line 3 (tries) is no number: the message will be removed"
+                    : "has no sender line";
+    }
+    if (recipients.IsEmpty()) {
+        return "names no recipient";
+    }
+    return endsInLineFeed(text) ? "" : "its last line is cut off and does not count";
+}
+
+} // namespace Retryq

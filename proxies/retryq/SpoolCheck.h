@@ -1,0 +1,30 @@
+// Tries out a spool directory the way retryer uses it, and looks for files that no run will ever
+// deal with.
+#pragma once
+
+#include "retryq/Settings.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Retryq {
+
+struct SpoolReport {
+    std::string directory;
+    std::uint64_t messages = 0;
+    std::uint64_t freeBytes = 0;
+    std::uint64_t freeInodes = 0; // 0 with totalInodes 0: the file system has no fixed number
+    std::uint64_t totalInodes = 0;
+    std::string owner; // "user:group 2770"
+    std::vector<Finding> findings;
+};
+
+// `suffix` is that of the recipient files in this spool: ".rmd" in the full form, ".rcp" in the
+// short one. Writes, renames, syncs and removes one small file of its own; a walker passes it over.
+[[nodiscard]] SpoolReport checkSpool(const std::string& directory, const std::string& suffix);
+
+// Why a recipient file cannot be used, or a warning about one that can; empty for a sound file.
+[[nodiscard]] std::string recipientFileFault(const std::string& path, bool full);
+
+} // namespace Retryq
