@@ -1,5 +1,8 @@
 // Shapes a message body for the wire (RFC 5321, 4.5.2): lines end in CR LF, a line that begins with
 // a dot gets another, long lines go out in pieces. Works on memory, so that it needs no socket.
+//
+// What arrives is what was queued, byte for byte: only line feeds become CR LF. A CR, also one
+// before the line feed, and a NUL are data. A line that has no line feed is not sent.
 #pragma once
 
 #include "email/BoundedLineReader.h"
@@ -14,6 +17,12 @@ class BodyShaper {
 public:
     static constexpr std::size_t kLineLimit = 1023; // bytes of a line that comes whole
     static constexpr std::size_t kPieceSize = 1022; // bytes of each piece of a longer one
+
+    // Most that one item adds to its wire form: a dot, CR and LF.
+    static constexpr std::size_t kMaxGrowth = 3;
+
+    // Ends the body. It follows the CR LF of the last line, so that a body arrives with one empty
+    // line more than was queued; receivers of this gateway's mail have always seen it so.
     static constexpr std::string_view kTerminator = "\r\n.\r\n";
 
     // Appends the item's wire form to `out`; End and Error append nothing.

@@ -1,16 +1,21 @@
 // Host addresses, bounded address lists, the blacklist of servers that failed in this run, and
 // HostList, the base of the two server finders (DomainRelay, MXlookup) together with what the
 // gateway knows of its own host.
+//
+// Lists are IPv4 only, never grow beyond their 100 entries and never reorder what was added. A name
+// that does not resolve is a result (-1), not an error to be logged here.
 #pragma once
 
 #include "email/Utils.h"
 #include "email/eventId.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
 #include <vector>
 
+struct hostent;
 struct sockaddr;
 
 // One IPv4 address, the four bytes as they stand on the wire.
@@ -26,6 +31,8 @@ struct IPaddress {
     // Writes "a.b.c.d", first the byte lowest in memory; returns the number of characters.
     int format(char* out) const noexcept;
 
+    // The server of direct sends. Its bytes stand as this machine stores 0x7F000001: on a
+    // little-endian one it is, and is connected to, as 1.0.0.127. Sites route that address.
     static const IPaddress loopback;
     static const IPaddress null;
 };
@@ -104,25 +111,43 @@ public:
     // As getAddresses(), without the servers on the blacklist; the event is not handed out.
     int getGoodAddr(const char* name, IPaddressList& out, int max);
 
-    // This host's canonical name, empty when it is not known.
+    // This host's canonical name, or the name that gethostname(2) gives when it has none. Empty
+    // until the first HostList is constructed.
     [[nodiscard]] static const char* hostName() noexcept;
 
     // Reads the local addresses from /etc/hosts; does nothing once some are known.
     static void InitialiseLocals();
 
-    // True for every address in the first column of /etc/hosts.
+    // True for every address in the first column of /etc/hosts, whoever's it is.
     [[nodiscard]] static bool isLocal(IPaddress address);
+
+    // The addresses in the first column of a text in the form of hosts(5). Lines that do not begin
+    // with an address (inet_aton), so also those with leading blanks, give nothing.
+    static std::vector<IPaddress> readLocals(std::istream& hosts);
 
     // Appends the addresses of `name` (a literal, or a name for the system's resolver) to `out`,
     // at most max_addr_per_host of them and at most `max` entries in all, leaving out local ones
-    // when `skipLocal`. Returns the count of `out`, or -1 when the name does not resolve.
+    // when `skipLocal`. Returns the count of `out`, or -1 when the name does not resolve. A
+    // literal that is no address ("[999.1.1.1]") gives 255.255.255.255.
     static int hostLookup(const char* name, IPaddressList& out, int max, bool skipLocal);
+
+    // Appends the first `limit` IPv4 addresses of an answer. Local ones that `skipLocal` leaves out
+    // use up the limit as well.
+    static void takeAddresses(const hostent& answer, IPaddressList& out, int limit, bool skipLocal);
 
     // True when the name begins with "[" or a digit and holds only digits, dots and brackets.
     [[nodiscard]] static bool isLiteral(const char* name) noexcept;
 
+    // True when the name holds only digits, dots and brackets; also when it is empty.
+    [[nodiscard]] static bool onlyLiteralCharacters(const char* name) noexcept;
+
     // Shared by the whole run: a server that failed for one message is skipped for the next.
     static BlackList BlackL;
+
+protected:
+    // Ready before any constructor of the program runs: the relay tables are built that early.
+    static std::array<char, 256> privateHostName;
+    static std::vector<IPaddress> m_selfaddr;
 };
 
 // "fam:<family> <address>:<port>"

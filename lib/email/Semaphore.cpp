@@ -1,0 +1,5 @@
+#include "email/Semaphore.h"
+
+bool Semaphore::shuttingDown() noexcept {
+    return false;
+}
