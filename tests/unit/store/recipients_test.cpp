@@ -1,0 +1,136 @@
+#include "email/Recipients.h"
+#include "store_support.h"
+
+#include <limits>
+
+namespace {
+
+// "sender|tries|<a>:450 <b>:-1 "
+std::string content(const Recipients& r) {
+    std::string text = std::string(r.GetSender()) + '|' + std::to_string(r.tries()) + '|';
+    for (const EmailAddr* record = r.first(); record; record = record->next.get()) {
+        text += record->text() + (':' + std::to_string(record->reason)) + ' ';
+    }
+    return text;
+}
+
+const std::string kHead = "2002/02/01@14:05:09_GMT\n2002/02/02@00:00:00_GMT\n3\n";
+
+TEST(Recipients, FileIsRead) {
+    setZone("UTC0");
+    const Scratch dir;
+    const std::string nul("\0", 1);
+    const std::string x(2040, 'x');
+    const std::string first = kHead.substr(0, 24);
+    struct {
+        bool full;
+        std::string file;
+        std::string content; // empty: the reading fails
+    } const cases[] = {
+        {false, "s@a\nb@c.d\te\n<f>\n", "s@a|0|<f>:-1 <b@c.d\te>:-1 "},
+        {false, "s\n", "s|0|"},
+        {false, "s", ""},
+        {false, "s\na\t450\n", "s|0|<a\t450>:-1 "},
+        {true, kHead + "<s@t>\n<a>\t450\n<b>\t-1\n", "<s@t>|3|<b>:-1 <a>:450 "},
+        {true, kHead + "s\r\na\t450\r\n", "s|3|<a>:450 "},
+        {true, kHead + "s" + nul + "z\na" + nul + "\t450\n", "s|3|<a>:-1 "},
+        {true, kHead + "\na\t1\n", "|3|<a>:1 "},
+        {true, kHead + "s\na\nb\tc\td\ne\t 12x\nf\t99999999999\n",
+         "s|3|<f>:2147483647 <e>:12 <b\tc>:0 <a>:-1 "},
+        {true, kHead + "s\n\n", "s|3|<>:-1 "},
+        {true, kHead + "s\na\t1\nb\t2", "s|3|<a>:1 "},
+        {true, kHead + "s\n" + x + "\t123456\t1\nb\t2\n", "s|3|<b>:2 <>:1 <" + x + ">:123456 "},
+        {true, kHead + x + "1234567\na\n", x + "1234567|3|<a>:-1 "},
+        {true, kHead, ""},
+        {true, first + "garbage\n +7x\ns\n", "s|7|"},
+        {true, first + first + "x\ns\n", ""},
+        {true, first + "1970/00/01@00:00:00_GMT\n1\ns\n", ""},
+        // A head line is cut at 63 characters; the rest is the next line.
+        {true, "2002/02/01@14:05:09" + std::string(44, ' ') + "2002/02/01@0:0:0\n5\ns\n", "s|5|"},
+    };
+    for (const auto& c : cases) {
+        Recipients r;
+        const FileName file(dir.write("m.rmd", c.file).c_str());
+        EXPECT_EQ(r.Read(file, c.full), !c.content.empty()) << c.file;
+        if (!c.content.empty()) {
+            EXPECT_EQ(content(r), c.content);
+            EXPECT_EQ(r.firstSendTime().Time == 1014991509, c.full);
+        }
+    }
+}
+
+TEST(Recipients, ZeroTimeIsReadableOutsideUtc) {
+    setZone("EST5");
+    const Scratch dir;
+    const std::string text = kHead.substr(0, 24) + "1970/00/01@00:00:00_GMT\n1\ns\n";
+    Recipients r;
+    EXPECT_TRUE(r.Read(FileName(dir.write("m", text).c_str()), true));
+    EXPECT_EQ(r.lastSendTime().Time, 5 * 3600);
+}
+
+TEST(Recipients, FileThatCannotBeReadChangesNothing) {
+    const Scratch dir;
+    Recipients r;
+    r.Add("a", IDS_RTS450);
+    r.setSender("Some One <s@t.u>");
+    for (const std::string& path : {dir.path("none"), dir.write("empty", ""), dir.path("")}) {
+        EXPECT_FALSE(r.Read(FileName(path.c_str()), true));
+        EXPECT_EQ(content(r), "<s@t.u>|0|<a>:450 ");
+    }
+}
+
+TEST(Recipients, WritingReversesTheOrderAndCountsTheTry) {
+    setZone("UTC0");
+    const Scratch dir;
+    const FileName file(dir.write("m", kHead + "s@t\n<a>\t450\n<b>\t-1\n").c_str());
+    Recipients r;
+    ASSERT_TRUE(r.Read(file, true));
+    const std::time_t before = std::time(nullptr);
+    ASSERT_TRUE(r.OverWrite(file));
+    EXPECT_EQ(content(r), "s@t|4|");
+    const std::string written = dir.read("m");
+    EXPECT_EQ(written.substr(0, 24), kHead.substr(0, 24));
+    EXPECT_EQ(written.substr(48), "4\ns@t\n<b>\t-1\n<a>\t450\n");
+    ASSERT_TRUE(r.Read(file, true));
+    EXPECT_GE(r.lastSendTime().Time, before);
+    EXPECT_FALSE(r.firstSendTime() > DateTime(1014991509));
+}
+
+TEST(Recipients, FirstTryWithoutAnAnswerIsWrittenAsNone) {
+    const Scratch dir;
+    const FileName file(dir.path("m").c_str());
+    for (const auto& [code, unattempted] :
+         {std::pair{TIMEOUTEXPIRED, true}, {IDS_NO_REASON, true}, {COMMS_FAILED, false}}) {
+        Recipients r;
+        r.Add("a", IDS_RTS450);
+        r.Add("b", code);
+        ASSERT_TRUE(r.OverWrite(file));
+        EXPECT_EQ(dir.read("m").find("\n1970/00/01@00:00:00_GMT\n1\n") == 23, unattempted) << code;
+        r.Add("b", code); // the second try has its time
+        ASSERT_TRUE(r.OverWrite(file));
+        EXPECT_EQ(dir.read("m").find("1970"), std::string::npos);
+    }
+}
+
+TEST(Recipients, NothingIsWrittenForNobody) {
+    const Scratch dir;
+    dir.write("m", "old");
+    Recipients r;
+    EXPECT_FALSE(r.OverWrite(FileName(dir.path("m").c_str())));
+    EXPECT_EQ(dir.read("m"), "old");
+    EXPECT_FALSE(r.OverWrite(FileName(dir.path("n").c_str())));
+    EXPECT_EQ(dir.names(), "m ");
+    r.Add("a", IDS_RTS450);
+    EXPECT_FALSE(r.OverWrite(FileName(dir.path("none/m").c_str())));
+    EXPECT_EQ(content(r), "|0|<a>:450 ");
+}
+
+TEST(Recipients, TryCountStaysAtItsLimit) {
+    const Scratch dir;
+    const FileName file(dir.write("m", kHead.substr(0, 48) + "99999999999\ns\na\t450\n").c_str());
+    Recipients r;
+    ASSERT_TRUE(r.Read(file, true) && r.OverWrite(file));
+    EXPECT_EQ(r.tries(), std::numeric_limits<std::int32_t>::max());
+}
+
+} // namespace
