@@ -299,6 +299,7 @@ pid_file_path = {root}/pid
 exim_path = {exim}
 keep_environment = LD_LIBRARY_PATH
 host_lookup =
+allow_domain_literals
 rfc1413_query_timeout = 0s
 message_size_limit = 200M
 smtp_accept_max = 0

@@ -110,7 +110,7 @@ class Syslog:
     """Owns /dev/log and keeps every line sent to it."""
 
     def __init__(self, path="/dev/log"):
-        self._lines, self._marks = [], set()
+        self._lines, self._marks, self._copy = [], set(), None
         self._path = path
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(path)
@@ -123,11 +123,15 @@ class Syslog:
             match = LOG_PATTERN.fullmatch(data.rstrip(b"\n\0"))
             if data.startswith(b"mark "):
                 self._marks.add(data)
-            elif match:
-                ident, text = ((group or b"").decode("latin-1") for group in match.groups()[1:])
-                self._lines.append(LogLine(int(match[1]), ident, text))
-            else:
-                self._lines.append(LogLine(-1, "", data.decode("latin-1")))
+                continue
+            priority, ident, text = match.groups() if match else (b"-1", b"", data)
+            self._lines.append(LogLine(int(priority), (ident or b"").decode("latin-1"), text.decode("latin-1")))
+            if self._copy:
+                self._copy.write(f"{time.strftime('%H:%M:%S')} {self._lines[-1].ident}: {self._lines[-1].text}\n")
+
+    def copy_to(self, path):
+        """Appends each line to a file as well, from now on."""
+        self._copy = open(path, "a", buffering=1)
 
     def take(self):
         """All lines since the last call, including every one that was sent before this call."""

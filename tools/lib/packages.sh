@@ -45,14 +45,16 @@ unpack_peer() {
     rm -rf "$debs"
 }
 
-# configure_and_build PRESET [TARGET...]: output in build/PRESET.log, shown when it fails.
+# configure_and_build PRESET [DIRECTORY [CMAKE-OPTION...]]: builds into build/DIRECTORY, by default the
+# preset's name, all or just $TARGETS; the output is in build/DIRECTORY.log and shown when it fails.
 configure_and_build() {
-    local preset=$1 log=$root/build/$1.log cache=()
-    shift
+    local preset=$1 name=${2:-$1} cache=()
+    shift; shift || :
     command -v ccache >/dev/null && cache=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     mkdir -p "$root/build"
-    (cd "$root" && cmake --preset "$preset" "${cache[@]}" && ninja -C "build/$preset" "$@") >"$log" 2>&1 && return
-    tail -n 40 "$log" >&2
+    (cd "$root" && cmake --preset "$preset" -B "build/$name" "${cache[@]}" "$@" && ninja -C "build/$name" ${TARGETS:-}) \
+        >"$root/build/$name.log" 2>&1 && return
+    tail -n 40 "$root/build/$name.log" >&2
     return 1
 }
 
