@@ -164,7 +164,7 @@ std::string errorText(int error) {
     return std::to_string(error) + " (" + reason + ")";
 }
 
-template <typename Value, typename Text>
+template<typename Value, typename Text>
 std::optional<std::string> textOf(const std::optional<Value>& value, Text text) {
     return value ? std::optional<std::string>(text(*value)) : std::nullopt;
 }

@@ -103,10 +103,10 @@ struct LogRow {
 // The values of one line. Texts come from outside: each is made printable and cut to kFieldLimit
 // bytes before it is written.
 struct LogFields {
-    std::optional<std::string_view> message{};   // a path or a bare name
-    std::optional<std::string_view> sender{};    // brackets are added where there are none
+    std::optional<std::string_view> message{}; // a path or a bare name
+    std::optional<std::string_view> sender{};  // brackets are added where there are none
     std::optional<std::string_view> recipient{};
-    IPaddress relay{};                           // null: not connected
+    IPaddress relay{}; // null: not connected
     std::optional<int> code{};
     std::optional<int> error{};
     std::array<std::string_view, 6> args{};

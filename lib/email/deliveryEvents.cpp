@@ -70,9 +70,9 @@ void setText(CPropertyBag& bag, PropEnum key, const char* text) {
 } // namespace
 
 const SEvent& lookupSEvent(eventId event) noexcept {
-    const auto* row = std::find_if(kEvents.begin(), kEvents.end(), [event](const SEvent& candidate) {
-        return candidate.event == event;
-    });
+    const auto* row =
+        std::find_if(kEvents.begin(), kEvents.end(),
+                     [event](const SEvent& candidate) { return candidate.event == event; });
     return row != kEvents.end() ? *row : kEvents.back();
 }
 

@@ -27,13 +27,13 @@ namespace Email {
 
 // What an event is about. Values that are 0, null or empty are left out of the record.
 struct EventDetails {
-    std::int32_t messageSize = -1;     // bytes; -1 until a body was sent
+    std::int32_t messageSize = -1; // bytes; -1 until a body was sent
     IPaddress server{};
     const char* serverName = nullptr;
     const char* messageName = nullptr;
     const char* sender = nullptr;
-    const char* text = nullptr;        // a recipient, or several; an empty text is kept
-    std::int32_t value = 0;            // a result code or an errno number
+    const char* text = nullptr; // a recipient, or several; an empty text is kept
+    std::int32_t value = 0;     // a result code or an errno number
 };
 
 [[nodiscard]] GW_EVENT deliveryEvent(const SEvent& row, const EventDetails& details);

@@ -12,9 +12,6 @@
 
 const char* segv_process_name = "";
 
-const std::string PrintToSyslog::m_header = "---------- Start of stack trace ---------------";
-const std::string PrintToSyslog::m_footer = "---------------- End of stack trace -----------------";
-
 namespace {
 
 constexpr int kTraceDepth = 25;
@@ -53,7 +50,8 @@ struct Free {
 };
 
 void sendFrames(int depth, StackTraceFunctor& sink) {
-    const std::unique_ptr<void*[]> frames(new (std::nothrow) void*[static_cast<std::size_t>(depth)]);
+    const std::unique_ptr<void*[]> frames(
+        new (std::nothrow) void*[static_cast<std::size_t>(depth)]);
     if (!frames) {
         sink("No memory for stack trace");
         return;
@@ -73,11 +71,11 @@ void sendFrames(int depth, StackTraceFunctor& sink) {
 
 PrintToSyslog::PrintToSyslog(const char* signalName, const char* identity) {
     ::openlog(identity, LOG_PID | LOG_NDELAY, LOG_DAEMON);
-    ::syslog(LOG_ERR, "[%s] %s", signalName, m_header.c_str());
+    ::syslog(LOG_ERR, "[%s] %s", signalName, m_header);
 }
 
 PrintToSyslog::~PrintToSyslog() {
-    ::syslog(LOG_ERR, "%s", m_footer.c_str());
+    ::syslog(LOG_ERR, "%s", m_footer);
     ::closelog();
 }
 

@@ -2,8 +2,6 @@
 // identity of its own, then the end of the process for signals that are fatal.
 #pragma once
 
-#include <string>
-
 // The system-log identity of the trace. Not copied: the text must live as long as the process.
 extern const char* segv_process_name;
 
@@ -31,8 +29,8 @@ public:
 
     void operator()(const char* line) override;
 
-    static const std::string m_header;
-    static const std::string m_footer;
+    static constexpr const char* m_header = "---------- Start of stack trace ---------------";
+    static constexpr const char* m_footer = "---------------- End of stack trace -----------------";
 };
 
 // Sends up to `depth` frames, innermost first, to the sink. Never throws; without memory, without
