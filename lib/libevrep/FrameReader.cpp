@@ -9,6 +9,9 @@
 
 namespace {
 
+// Identity, padding and version: what every sound header begins with.
+constexpr std::size_t headerStart = CSendHeader::versionAt + sizeof(std::int32_t);
+
 std::string_view asText(std::span<const std::byte> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
@@ -37,7 +40,7 @@ void FrameReader::feed(std::span<const std::byte> bytes) {
 }
 
 FrameEvent FrameReader::next() {
-    if (searching_ && !findIdentity())
+    if (searching_ && !findHeader())
         return {};
     const std::string_view identity = CSendHeader::Identity();
     const std::string_view seen = asText(rest()).substr(0, identity.size());
@@ -48,18 +51,15 @@ FrameEvent FrameReader::next() {
     return checkHeader();
 }
 
-// Moves to the next identity, or to the last place where one may still begin.
-bool FrameReader::findIdentity() {
-    const std::string_view identity = CSendHeader::Identity();
-    const std::size_t found = asText(rest()).find(identity);
+// Moves to the next beginning of a header, or to the last place where one may still come. The
+// identity alone is not enough: every footer holds it too.
+bool FrameReader::findHeader() {
+    static const auto sound = CSendHeader().Bytes();
+    const std::size_t found = asText(rest()).find(asText(sound).substr(0, headerStart));
     searching_ = found == std::string_view::npos;
-    if (!searching_) {
-        start_ += found;
-        return true;
-    }
-    const std::size_t kept = finished_ ? 0 : std::min(rest().size(), identity.size() - 1);
-    start_ = buffer_.size() - kept;
-    return false;
+    const std::size_t open = finished_ ? 0 : std::min(rest().size(), headerStart - 1);
+    start_ += searching_ ? rest().size() - open : found;
+    return !searching_;
 }
 
 FrameEvent FrameReader::incomplete(std::uint64_t needed) {

@@ -31,7 +31,7 @@ struct FrameDamage {
 using FrameEvent = std::variant<std::monostate, Frame, FrameDamage>;
 
 // After a damage the reader goes on by itself: behind a message of which only the checksum is
-// wrong, otherwise at the next identity after the damaged header, however the rest looks. The
+// wrong, otherwise at the next identity with the right version, however the rest looks. The
 // bytes in between are passed over without further report. It keeps at most twice the bytes of one
 // message of the accepted size and what was fed last, never reserves room on the word of a header,
 // and its work grows with the length of the stream only.
@@ -56,7 +56,7 @@ public:
 private:
     [[nodiscard]] std::span<const std::byte> rest() const noexcept;
     [[nodiscard]] std::uint64_t offset() const noexcept { return base_ + start_; }
-    [[nodiscard]] bool findIdentity();
+    [[nodiscard]] bool findHeader();
     [[nodiscard]] FrameEvent incomplete(std::uint64_t needed);
     [[nodiscard]] FrameEvent checkHeader();
     [[nodiscard]] FrameEvent checkBody(const CSendHeader& header);
@@ -66,6 +66,6 @@ private:
     std::vector<std::byte> buffer_;
     std::size_t start_ = 0;  // of what is not yet consumed, in buffer_
     std::uint64_t base_ = 0; // stream offset of buffer_[0]
-    bool searching_ = false; // for an identity, after a damage
+    bool searching_ = false; // for a header, after a damage
     bool finished_ = false;
 };

@@ -103,7 +103,8 @@ using CWideStringStore = TextStore<ST_WSTRING, std::wstring>;
 // Values in ascending order of their keys, at most one a key; the bag owns them.
 class CPropertyBag {
 public:
-    explicit CPropertyBag(std::string name = "Default Property Bag", std::int32_t version = 1);
+    CPropertyBag() : CPropertyBag("Default Property Bag", 1) {}
+    CPropertyBag(std::string name, std::int32_t version);
     CPropertyBag(const CPropertyBag& other); // deep
     CPropertyBag(CPropertyBag&&) noexcept = default;
     CPropertyBag& operator=(const CPropertyBag& other);
