@@ -70,7 +70,8 @@ def _private_etc(scratch):
     groups = open("/etc/group").read() + "Debian-exim:x:90:\n"
     own = {"hosts": f"127.0.0.1 localhost\n127.0.0.1 {HOST} gateway\n", "passwd": users, "group": groups,
            "resolv.conf": f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n",
-           "nsswitch.conf": "passwd: files\ngroup: files\nhosts: files dns\nservices: files\n"}
+           "nsswitch.conf": "passwd: files\ngroup: files\nhosts: files dns\nservices: files\n",
+           "services": "smtp 25/tcp\n"}
     for name in set(os.listdir(host)) - set(own):
         os.symlink(os.path.join(host, name), os.path.join(etc, name))
     for name, text in own.items():
