@@ -11,6 +11,9 @@
 #include <fstream>
 #include <iterator>
 #include <set>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -28,6 +31,15 @@ extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const
     const std::size_t pid = line.find_first_not_of("0123456789");
     loggedLines.push_back("<" + std::to_string(priority) + ">" + (pid == 0 ? " " : "") +
                           std::string(line.substr(pid)));
+}
+
+std::function<void()> beforeLock;
+
+extern "C" int flock(int fd, int operation) noexcept {
+    if (const auto action = std::exchange(beforeLock, nullptr)) {
+        action();
+    }
+    return static_cast<int>(::syscall(SYS_flock, fd, operation));
 }
 
 int linesWith(std::string_view text) {

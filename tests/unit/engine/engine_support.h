@@ -5,6 +5,7 @@
 #include "email/mailscanGlobals.h"
 #include "libevrep/Reporter.h"
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,9 @@
 // syslog() ends here: "<priority> text", the process id cut off.
 extern std::vector<std::string> loggedLines;
 int linesWith(std::string_view text);
+
+// Done once, right before the next flock().
+extern std::function<void()> beforeLock;
 
 // What the reporter was given.
 extern std::vector<GW_EVENT> reported;

@@ -110,12 +110,15 @@ TEST_F(Engine, DeletesWhatCannotBeUsed) {
 }
 
 TEST_F(Engine, KeepsTheOldListWhenItCannotBeRewritten) {
+    mailscanGlobals::mailLogEnable = false;
     spool.queue("m1", kDue, kDue, "<>", {kLater + "\t450"});
     const std::string before = contents(spool.deferred("m1.rmd"));
     fs::create_directories(spool.deferred("m1.rmd~/x"));
     EXPECT_TRUE(send("m1"));
     EXPECT_EQ(contents(spool.deferred("m1.rmd")), before);
     EXPECT_EQ(linesWith("<27> recipients-rewrite-failed msg=m1 from=<> error="), 1);
+    ASSERT_EQ(reported.size(), 1U); // with "mail-log" off, nothing tells of the deferral
+    EXPECT_EQ(reported[0].m_EventID, 107);
 }
 
 TEST_F(Engine, AnUnreadableTextDoesNotEndTheRun) {
@@ -268,7 +271,7 @@ TEST_F(Walk, TakesPathsOfLessThan200Characters) {
     EXPECT_EQ(linesWith("<30> Unable to resolve pathname for a file"), 3);
 }
 
-TEST_F(Walk, ALockLastsAsLongAsItsOwner) {
+TEST_F(Walk, ALockLastsAsLongAsItsOwnerAndIsNoneOnAReplacedFile) {
     using State = Email::MessageLock::State;
     spool.queue("m1", kDue, kDue, "<>", {});
     const std::string file = spool.deferred("m1.rmd");
@@ -276,8 +279,15 @@ TEST_F(Walk, ALockLastsAsLongAsItsOwner) {
         const Email::MessageLock lock(file);
         EXPECT_EQ(lock.state(), State::Held);
         EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
-        fs::remove(file); // what a walker does to a finished message
     }
+    beforeLock = [&] {
+        writeFile(file + "~", "new list");
+        fs::rename(file + "~", file);
+    };
+    EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
+    EXPECT_EQ(Email::MessageLock(file).state(), State::Held);
+    beforeLock = [&] { fs::remove(file); };
+    EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
     EXPECT_EQ(Email::MessageLock(file).state(), State::NotOpened);
 }
 
