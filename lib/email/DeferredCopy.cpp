@@ -30,7 +30,7 @@ bool inDeferredQueue(const std::string& name) {
 }
 
 bool copyAll(std::istream& text, int fd) {
-    std::array<char, kBlockSize> block;
+    std::array<char, kBlockSize> block{};
     text.clear();
     text.seekg(0);
     do {
