@@ -47,6 +47,8 @@ constexpr std::array kTable{
            "deferred-copy-failed msg=%m from=%f error=%e"},
     LogRow{LogLine::SyncFailed, EV_NONE, LOG_ERR, LogGate::Always,
            "spool-sync-failed msg=%m error=%e"},
+    LogRow{LogLine::DeleteFailed, EV_NONE, LOG_ERR, LogGate::Always,
+           "delete-failed msg=%m error=%e"},
 
     LogRow{LogLine::SelfSend, EV_SELF_SEND, LOG_WARNING, LogGate::Always,
            "self-send msg=%m from=%f to=%t"},

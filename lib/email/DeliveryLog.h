@@ -35,6 +35,7 @@ enum class LogLine {
     RecipientsUnreadable,
     CopyFailed,
     SyncFailed,
+    DeleteFailed,
     // Conversations
     SelfSend,
     BadDomain,

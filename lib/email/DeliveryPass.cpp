@@ -21,6 +21,7 @@ bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
 }
 
 void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) {
+    writeJournal();
     std::unique_ptr<EmailAddr> first = recipients_.Remove();
     const char* name = first->text();
     traceLine(LogLine::TraceSendingTo, name);
@@ -55,6 +56,7 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
         refuseAll(accepted, failed, code);
         return;
     }
+    noteDone(accepted);
     if (mailscanGlobals::mailLogEnable) {
         reportDelivered(accepted, code);
     }
@@ -91,7 +93,7 @@ void ListSender::reportDelivered(const MailList& accepted, SMTPcode code) {
     for (const EmailAddr* rcpt = accepted.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
         logRecipient(line, *rcpt, code, serverAddress);
     }
-    std::array<char, EmailAddr::kTextSize> names;
+    std::array<char, EmailAddr::kTextSize> names{};
     accepted.AllNames(names.data());
     logEvent(returnMessage ? EV_RETURN_DELIVERED : EV_DELIVERED, names.data(), 0);
 }

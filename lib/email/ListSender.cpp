@@ -15,12 +15,9 @@ using Email::LogLine;
 
 namespace {
 
-// A left-over of a rewrite that was cut off goes first: nothing else would ever remove it. The text
-// goes before its recipient file, since a text without one would stay for ever.
-void deleteFiles(const FileName& textFile, const FileName& rcptFile) {
-    FileName(rcptFile, "~").Delete();
-    textFile.Delete();
-    rcptFile.Delete();
+// True when the file is gone; else errno tells why it is not.
+bool removed(const FileName& file) {
+    return file.Delete() || errno == ENOENT;
 }
 
 } // namespace
@@ -48,6 +45,10 @@ bool ListSender::Send(const FileName& entry, bool deferred, int traceLevel) {
         deferred ? mailscanGlobals::deferred_mail_path : mailscanGlobals::outgoing_mail;
     const FileName textFile(directory, entry, nullptr);
     const FileName rcptFile(directory, entry, deferred ? ".rmd" : ".rcp");
+    journal_.reset();
+    if (deferred) {
+        journal_.emplace(rcptFile());
+    }
     const SendResult result = sendQueued(entry, textFile, rcptFile, deferred);
     if (result == SEND_DEFERRED) {
         return true;
@@ -73,6 +74,45 @@ SendResult ListSender::sendQueued(const FileName& entry, const FileName& textFil
     return Send(text, deferred, entry(), true);
 }
 
+// A left-over of a rewrite that was cut off goes first: nothing else would ever remove it. The text
+// goes before its recipient file, since a text without one would stay for ever. A recipient file
+// that cannot be deleted must not give anybody a second copy.
+void ListSender::deleteFiles(const FileName& textFile, const FileName& rcptFile) {
+    FileName(rcptFile, "~").Delete();
+    const int textError = removed(textFile) ? 0 : errno;
+    const int rcptError = removed(rcptFile) ? 0 : errno;
+    if (rcptError != 0) {
+        writeJournal();
+    } else {
+        removeJournal();
+    }
+    if (const int error = textError != 0 ? textError : rcptError; error != 0) {
+        Email::writeLine(LogLine::DeleteFailed, {.message = textFile(), .error = error});
+    }
+}
+
+bool ListSender::allDoneBefore() {
+    return journal_ && journal_->takeDone(recipients_) && recipients_.IsEmpty();
+}
+
+void ListSender::noteDone(const MailList& done) {
+    if (journal_) {
+        journal_->note(done);
+    }
+}
+
+void ListSender::writeJournal() {
+    if (journal_) {
+        journal_->flush();
+    }
+}
+
+void ListSender::removeJournal() noexcept {
+    if (journal_) {
+        journal_->remove();
+    }
+}
+
 bool ListSender::Send(std::istream& text, const char* name) {
     const SendResult result = Send(text, false, name, false);
     clear();
@@ -95,13 +135,17 @@ SendResult ListSender::Send(std::istream& text, bool deferred, const char* name,
     refusedBy_.clear();
     traceLine(LogLine::TraceSending, name);
     messageName = name;
-    if (deferred && CheckTime()) {
+    const bool expired = deferred && CheckTime();
+    if (deferred && !expired && tooSoon()) {
+        return SEND_DEFERRED;
+    }
+    if (allDoneBefore()) {
+        return SEND_FINISHED;
+    }
+    if (expired) {
         logEvent(EV_OVERDUE, nullptr, 0);
         Bounce(recipients_, text);
         return SEND_FINISHED;
-    }
-    if (deferred && tooSoon()) {
-        return SEND_DEFERRED;
     }
     if (!mayGoOut(deferred)) {
         failed.Add(recipients_, true, IDS_NO_REASON);
@@ -155,12 +199,15 @@ void ListSender::reportDeferred() {
     current_ = nullptr;
 }
 
-// A list that could not be rewritten keeps its old content: those served meanwhile may get a second
-// copy, nobody is lost.
+// A list that could not be rewritten keeps its old content: nobody is lost, and those served
+// meanwhile get a second copy only if they cannot be written down elsewhere either.
 SendResult ListSender::rewriteDeferred(const FileName& leaf) {
     errno = 0;
     if (!recipients_.OverWrite(FileName(mailscanGlobals::deferred_mail_path, leaf, ".rmd"))) {
         logEvent(EV_RMD_REWRITE_FAILED, nullptr, 0);
+        writeJournal();
+    } else {
+        removeJournal();
     }
     return SEND_DEFERRED;
 }

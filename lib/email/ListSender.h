@@ -6,12 +6,14 @@
 // and what a crash leaves of them, stands in docs/spool.md.
 #pragma once
 
+#include "email/DeliveryJournal.h"
 #include "email/MailList.h"
 #include "email/Recipients.h"
 #include "email/Sender.h"
 
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 class FileName;
@@ -88,7 +90,13 @@ private:
     // The message of a queue directory, up to what becomes of its files.
     SendResult sendQueued(const FileName& entry, const FileName& textFile, const FileName& rcptFile,
                           bool deferred);
+    void deleteFiles(const FileName& textFile, const FileName& rcptFile);
     SendResult sendNew(const char* sender, const char* recipient, std::istream& text);
+    // Leaves out whom an earlier run was done with; true when nobody else is left.
+    bool allDoneBefore();
+    void noteDone(const MailList& done);
+    void writeJournal();
+    void removeJournal() noexcept;
     [[nodiscard]] bool mayGoOut(bool deferred) const noexcept;
 
     // One conversation of a pass.
@@ -117,7 +125,8 @@ private:
     void logEach(Email::LogLine line, const MailList& list) const;
     [[nodiscard]] IPaddress refuserOf(const EmailAddr* rcpt) const;
 
-    const EmailAddr* current_ = nullptr; // the recipient that a step is about
+    std::optional<Email::DeliveryJournal> journal_; // of a message of the deferred queue
+    const EmailAddr* current_ = nullptr;            // the recipient that a step is about
     // The server that gave a failed recipient its code in this attempt; without one, none had been
     // reached. A log line must never show the server of another conversation.
     std::unordered_map<const EmailAddr*, IPaddress> refusedBy_;

@@ -92,6 +92,7 @@ private:
             return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(errno));
         }
         FileName(file, "~").Delete();
+        FileName(file, "+").Delete();
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
             logChange("removed", message, "to=" + printable(r->text(), kShown));
         }

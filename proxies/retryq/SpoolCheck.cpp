@@ -149,7 +149,9 @@ private:
         for (const std::string& name : names) {
             if (std::ranges::binary_search(names, name + suffix_)) {
                 checkMessage(name, longPaths, unusable);
-            } else if (name.ends_with("~")) {
+            } else if (isJournalInUse(names, name)) {
+                continue;
+            } else if (name.ends_with("~") || name.ends_with(suffix_ + '+')) {
                 noFile.add(name, "left over by a crash, of no meaning: rm");
             } else if (isWithoutText(names, name)) {
                 noText.add(name, "recipient file without message text: retryq remove");
@@ -157,6 +159,13 @@ private:
                 noFile.add(name, "no recipient file: never delivered");
             }
         }
+    }
+
+    // What a run was done with before it was cut off: the next run needs it.
+    [[nodiscard]] bool isJournalInUse(const std::vector<std::string>& names,
+                                      const std::string& name) const {
+        return name.ends_with(suffix_ + '+') &&
+               std::ranges::binary_search(names, name.substr(0, name.size() - 1));
     }
 
     [[nodiscard]] bool isWithoutText(const std::vector<std::string>& names,
