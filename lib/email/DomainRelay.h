@@ -12,7 +12,7 @@
 struct cfgrec;
 
 // One table entry: a pattern and its relay addresses.
-class DRinfo : public IPaddressList {
+class DRinfo final : public IPaddressList {
 public:
     enum MatchType : std::int32_t { EXACT = 0, SUFFIX = 1, ALL = 2 };
 
