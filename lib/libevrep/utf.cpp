@@ -45,11 +45,11 @@ struct LeadByte {
 LeadByte classify(std::uint32_t byte) {
     if (byte < 0x80)
         return {1, byte, 0};
-    if (byte >= 0xC2 && byte < 0xE0)
+    if (byte >= 0xC0 && byte < 0xE0)
         return {2, byte & 0x1F, 0x80};
     if (byte >= 0xE0 && byte < 0xF0)
         return {3, byte & 0x0F, 0x800};
-    if (byte >= 0xF0 && byte < 0xF5)
+    if (byte >= 0xF0 && byte < 0xF8)
         return {4, byte & 0x07, 0x10000};
     return {0, 0, 0};
 }

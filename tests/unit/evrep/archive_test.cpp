@@ -12,8 +12,8 @@ namespace {
 
 struct Golden {
     const char* name;
-    const char* bytes;
-    std::function<void(CArchive&)> write;
+    std::string bytes;
+    GW_EVENT event;
 };
 
 class GoldenBytes : public testing::TestWithParam<Golden> {};
@@ -126,76 +126,70 @@ const std::string bareEvent = eventBytes("00 00 00 00");
 const std::string strangeEvent = eventBytes("07 00 00 00");
 const std::string statsAlone = statsBytes();
 
-TEST_P(GoldenBytes, AreWhatIsWritten) {
-    CMemArchive archive;
-    GetParam().write(archive);
-    EXPECT_EQ(copy(archive.Bytes()), hex(GetParam().bytes));
+TEST_P(GoldenBytes, AreWrittenAndReadBack) {
+    const Bytes bytes = hex(GetParam().bytes);
+    EXPECT_EQ(archived(GetParam().event), bytes);
+    CMemArchive archive(bytes);
+    GW_EVENT read;
+    archive >> read;
+    EXPECT_FALSE(archive.Failed());
+    EXPECT_TRUE(read == GetParam().event);
 }
 
-#define WRITES(what) [](CArchive& archive) { archive << what; }
 INSTANTIATE_TEST_SUITE_P(
-    Types, GoldenBytes,
-    testing::Values(Golden{"Int", "fe ff ff ff", WRITES(int{-2})},
-                    Golden{"Unsigned", "04 03 02 81", WRITES(0x81020304U)},
-                    Golden{"Short", "fe ff", WRITES(short{-2})},
-                    Golden{"UnsignedShort", "02 81", WRITES(static_cast<unsigned short>(0x8102))},
-                    Golden{"Long", "fe ff ff ff", WRITES(-2L)},
-                    Golden{"LongKeepsLow32Bits", "ff ff ff ff",
-                           WRITES(std::numeric_limits<unsigned long>::max())},
-                    Golden{"Char", "e9", WRITES('\xe9')},
-                    Golden{"UnsignedChar", "e9", WRITES(static_cast<unsigned char>(0xe9))},
-                    Golden{"Enumeration", "bd 34 00 00", WRITES(EVENT_SYS_ERROR_DOWN)},
-                    Golden{"NarrowText", "03 00 00 00 'abc'", WRITES("abc")},
-                    Golden{"UnsignedNarrowText", "01 00 00 00 ff",
-                           WRITES(reinterpret_cast<const unsigned char*>("\xff"))},
-                    Golden{"EmptyText", "00 00 00 00", WRITES("")},
-                    Golden{"NullText", "00 00 00 00", WRITES(static_cast<const char*>(nullptr))},
-                    Golden{"StringObject", "03 00 00 00 61 00 62", WRITES(std::string("a\0b", 3))},
-                    Golden{"WideText", "0c 00 00 00 61 00 00 00 ac 20 00 00 ff ff 10 00",
-                           WRITES(L"a\u20ac\U0010ffff")},
-                    Golden{"Pairs", pairsBytes, WRITES(pairs())},
-                    Golden{"Scan", scanBytes, WRITES(scanContext())},
-                    Golden{"Stats", statsAlone.c_str(), WRITES(statsContext())},
-                    Golden{"Bag", bagBytes, [](CArchive& archive) { bag().Write(archive); }},
-                    Golden{"Filter", "01 00 00 80 02 00 00 00 01 00 00 00 0d 7f 00 00 00 00 00 00",
-                           WRITES((GW_FILTER{0x80000001, 2, {EVENT_LAST}, {}}))},
-                    Golden{"BareEvent", bareEvent.c_str(), WRITES(event(UNDECIDED))},
-                    Golden{"EventOfAnotherKind", strangeEvent.c_str(),
-                           WRITES(event(static_cast<GW_UNION_DISCRIMINANT>(7)))},
-                    Golden{"ManagementEvent", managementEvent.c_str(),
-                           WRITES(event(MANAGEMENT_CONTEXT))},
-                    Golden{"ScanEvent", scanEvent.c_str(), WRITES(event(SCAN_CONTEXT))},
-                    Golden{"StatsEvent", statsEvent.c_str(), WRITES(event(STATS_CONTEXT))}),
+    Discriminants, GoldenBytes,
+    testing::Values(
+        Golden{"None", eventBytes("00 00 00 00"), event(UNDECIDED)},
+        Golden{"Management", eventBytes("01 00 00 00 02 00 00 00"), event(MANAGEMENT_CONTEXT)},
+        Golden{"Scan", eventBytes("02 00 00 00 " + std::string(scanBytes)), event(SCAN_CONTEXT)},
+        Golden{"Stats", eventBytes("03 00 00 00 " + statsBytes()), event(STATS_CONTEXT)},
+        Golden{"AnyOther", eventBytes("07 00 00 00"),
+               event(static_cast<GW_UNION_DISCRIMINANT>(7))}),
     [](const auto& one) { return one.param.name; });
 
+// `value` is written as `bytes`, and those are read as `value` again.
 template<class Value>
-Value readFrom(const char* bytes) {
+void standsFor(const char* bytes, const Value& value) {
+    EXPECT_EQ(archived(value), hex(bytes));
     CMemArchive archive(hex(bytes));
-    Value value{};
-    archive >> value;
+    Value read{};
+    archive >> read;
     EXPECT_FALSE(archive.Failed());
     EXPECT_EQ(archive.BytesLeft(), 0U);
-    return value;
+    EXPECT_TRUE(read == value) << bytes;
 }
 
-TEST(Extraction, MirrorsInsertion) {
-    EXPECT_EQ(readFrom<int>("fe ff ff ff"), -2);
-    EXPECT_EQ(readFrom<short>("fe ff"), -2);
-    EXPECT_EQ(readFrom<unsigned short>("02 81"), 0x8102);
-    EXPECT_EQ(readFrom<char>("e9"), '\xe9');
-    EXPECT_EQ(readFrom<unsigned char>("e9"), 0xe9);
-    EXPECT_EQ(readFrom<long>("fe ff ff ff"), -2L);
-    EXPECT_EQ(readFrom<unsigned long>("fe ff ff ff"), 0xfffffffeUL);
-    EXPECT_STREQ(readFrom<std::unique_ptr<char[]>>("02 00 00 00 'ab'").get(), "ab");
-    EXPECT_STREQ(readFrom<std::unique_ptr<wchar_t[]>>("04 00 00 00 ac 20 00 00").get(), L"\u20ac");
-    EXPECT_EQ(readFrom<std::unique_ptr<unsigned char[]>>("01 00 00 00 ff")[0], 0xff);
-    EXPECT_EQ(readFrom<std::string>("03 00 00 00 61 00 62"), std::string("a\0b", 3));
-    EXPECT_TRUE(readFrom<GW_EVENT>(statsEvent.c_str()) == event(STATS_CONTEXT));
-    const GW_FILTER filter{1, 2, {EVENT_LAST}, {EVENT_DEBUG, EVENT_TEST}};
-    CMemArchive archive(archived(filter));
-    GW_FILTER read;
-    archive >> read;
-    EXPECT_TRUE(read == filter.Copy());
+TEST(Primitives, AreWrittenAndReadBack) {
+    standsFor("fe ff ff ff", int{-2});
+    standsFor("04 03 02 81", 0x81020304U);
+    standsFor("fe ff", short{-2});
+    standsFor("02 81", static_cast<unsigned short>(0x8102));
+    standsFor("fe ff ff ff", -2L);
+    standsFor("fe ff ff ff", 0xfffffffeUL);
+    standsFor("e9", '\xe9');
+    standsFor("e9", static_cast<unsigned char>(0xe9));
+    standsFor("03 00 00 00 61 00 62", std::string("a\0b", 3));
+    standsFor("0c 00 00 00 61 00 00 00 ac 20 00 00 ff ff 10 00",
+              std::wstring(L"a\u20ac\U0010ffff"));
+    standsFor(pairsBytes, pairs());
+    standsFor("01 00 00 80 02 00 00 00 01 00 00 00 0d 7f 00 00 00 00 00 00",
+              GW_FILTER{0x80000001, 2, {EVENT_LAST}, {}}.Copy());
+    EXPECT_EQ(archived(std::numeric_limits<unsigned long>::max()), hex("ff ff ff ff"));
+    EXPECT_EQ(archived(EVENT_SYS_ERROR_DOWN), hex("bd 34 00 00"));
+    EXPECT_EQ(archived(static_cast<const char*>(nullptr)), hex("00 00 00 00"));
+    EXPECT_EQ(archived(static_cast<const wchar_t*>(L"\u20ac")), hex("04 00 00 00 ac 20 00 00"));
+}
+
+TEST(AllocatedTexts, AreTerminated) {
+    CMemArchive archive(hex("02 00 00 00 'ab' 04 00 00 00 ac 20 00 00 01 00 00 00 ff"));
+    std::unique_ptr<char[]> narrow;
+    std::unique_ptr<wchar_t[]> wide;
+    std::unique_ptr<unsigned char[]> raw;
+    archive >> narrow >> wide >> raw;
+    EXPECT_STREQ(narrow.get(), "ab");
+    EXPECT_STREQ(wide.get(), L"\u20ac");
+    EXPECT_EQ(raw[0], 0xff);
+    EXPECT_EQ(archived(static_cast<const unsigned char*>(raw.get())), hex("01 00 00 00 ff"));
 }
 
 TEST(Extraction, LeavesADestinationAloneWhenTheTextIsEmpty) {

@@ -57,7 +57,7 @@ Bytes sampleFrame() {
     event.m_EventContext.setSubSystemName("retryer");
     event.m_PropertyBag.Set(EPROP_IDENTITY, "file\x1b[2J\"1");
     event.m_PropertyBag.Set(EPROP_ERROR_CODE, 28);
-    event.m_PropertyBag.Set(static_cast<PropEnum>(77), L"\u20ac\n");
+    event.m_PropertyBag.Set(static_cast<PropEnum>(77), L"\u20ac\u009b\n");
     event.m_iUnionDiscriminant = MANAGEMENT_CONTEXT;
     event.m_ManagementContext.create().m_iReasonID = Reason_WriteError;
     Bytes frame = framed(event);
@@ -72,7 +72,7 @@ TEST_F(EvDump, ShowsEventsByNameAndNothingThatSteersATerminal) {
   time: 0
   source: 2
   task: 3 TASK_EVENT
-  size: 174
+  size: 178
   event: 128 delivery event
   severity: 1 failure
   audience: 64
@@ -84,7 +84,7 @@ TEST_F(EvDump, ShowsEventsByNameAndNothingThatSteersATerminal) {
   properties:
     EPROP_IDENTITY (string): file\x1b[2J"1
     EPROP_ERROR_CODE (int): 28
-    key 77 (wstring): €\x0a
+    key 77 (wstring): €\x9b\x0a
 )");
 }
 
@@ -98,14 +98,14 @@ TEST_F(EvDump, ShowsOneJsonObjectALineAndGoesOnAfterDamage) {
     EXPECT_EQ(run.output.substr(0, 46), R"({"kind":"damage","offset":32,"what":"checksum )");
     EXPECT_EQ(
         run.output.substr(line),
-        R"({"kind":"event","offset":232,"time":0,"source":2,"task":{"code":3,"name":"TASK_EVENT"},)"
-        R"("size":174,"event":{"code":128,"name":"delivery event"},)"
+        R"({"kind":"event","offset":236,"time":0,"source":2,"task":{"code":3,"name":"TASK_EVENT"},)"
+        R"("size":178,"event":{"code":128,"name":"delivery event"},)"
         R"("severity":{"code":1,"name":"failure"},"audience":64,"subsystem":"retryer",)"
         R"("struct_version":0,"reason":{"code":19,"name":"Reason_WriteError"},)"
         R"("bag":"Default Property Bag","bag_version":1,"properties":{)"
         R"("EPROP_IDENTITY":{"type":"string","value":"file\u001b[2J\"1"},)"
         R"("EPROP_ERROR_CODE":{"type":"int","value":28},)"
-        R"("key 77":{"type":"wstring","value":"€\u000a"}}})"
+        R"("key 77":{"type":"wstring","value":"€\u009b\u000a"}}})"
         "\n");
 }
 
@@ -195,15 +195,15 @@ TEST_F(EvDump, ListensInTheCollectorsPlace) {
     std::thread sender([&path] {
         const DaemonMsg record = sampleRecord();
         const auto bytes = std::as_bytes(std::span(&record, 1));
-        sendTo(path, bytes.first(100));
+        sendTo(path, Bytes(2000));
         sendTo(path, bytes);
     });
     const Listing run = evdump("--json --count 2 --listen " + path);
     sender.join();
     EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.output.find(R"({"kind":"damage","offset":0,"what":"a datagram of 100 bytes )"),
+    EXPECT_EQ(run.output.find(R"({"kind":"damage","offset":0,"what":"a datagram of 2000 bytes )"),
               0U);
-    EXPECT_NE(run.output.find(R"({"kind":"log","offset":100,)"), std::string::npos);
+    EXPECT_NE(run.output.find(R"({"kind":"log","offset":2000,)"), std::string::npos);
     EXPECT_FALSE(std::filesystem::exists(path));
     std::ofstream(path) << "taken";
     EXPECT_EQ(evdump("--listen " + path).status, 2);

@@ -1,5 +1,6 @@
 // Checksum, the sender's state machine, and the reader of framed messages.
 #include "bytes.h"
+#include "memory_count.h"
 #include "random_event.h"
 
 #include "libevrep/FrameReader.h"
@@ -191,6 +192,18 @@ TEST(FrameReader, TakesTheLargestAcceptedSizeAndNoMore) {
     EXPECT_EQ(drain(reader),
               (std::vector<std::string>{"0:12345", "99:Size: size is 6, more than the accepted 5",
                                         "127:"}));
+}
+
+TEST(FrameReader, DoesNotKeepWhatIsConsumed) {
+    const Bytes one = message();
+    FrameReader reader;
+    const MemoryCount memory;
+    for (int i = 0; i < 10000; ++i) {
+        reader.feed(one);
+        while (std::holds_alternative<Frame>(reader.next())) {
+        }
+    }
+    EXPECT_LE(memory.allocated(), 10 * one.size());
 }
 
 // Headers that all claim the same megabytes: each claim must be refuted without reading them.

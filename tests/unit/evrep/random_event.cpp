@@ -33,7 +33,8 @@ void fill(Random& random, std::initializer_list<IQELHeaderString*> texts) {
 }
 
 void fillBag(Random& random, CPropertyBag& bag) {
-    bag = CPropertyBag(below(random, 4) == 0 ? "" : narrowText(random), number(random));
+    std::string name = below(random, 4) == 0 ? "" : narrowText(random);
+    bag = CPropertyBag(std::move(name), number(random));
     for (std::uint32_t count = below(random, 12); count > 0; --count) {
         const auto key = static_cast<PropEnum>(
             below(random, 5) == 0 ? random() : below(random, EPROP_REAL_MAX + 1));
@@ -58,8 +59,10 @@ DeepPtr<StringValuePairList> pairs(Random& random) {
     if (below(random, 2) == 0)
         return list;
     list.create();
-    for (std::uint32_t count = below(random, 5); count > 0; --count)
-        list->Add(narrowText(random), number(random));
+    for (std::uint32_t count = below(random, 5); count > 0; --count) {
+        std::string name = narrowText(random); // first: compilers differ in the order of arguments
+        list->Add(std::move(name), number(random));
+    }
     return list;
 }
 
