@@ -53,7 +53,7 @@ class SmtpServer:
     The script maps a stage (DEFAULT's keys, and "body": before the body is read) to an action, or, for
     "rcpt", "mail" and "helo", to a dictionary: action by a piece of the argument, "" for the rest. An
     action is a reply line, or a tuple of steps: str a line, bytes raw, a number of seconds to wait,
-    ("oob", byte), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
+    ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
     connection each, the last one all that follow. With a `gate` (threading.Event) nobody is greeted
     before it is set."""
 
@@ -147,6 +147,7 @@ class _Conversation:
         return bytes(data[:at])
 
     def receive(self):
+        self.client.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 0)  # acknowledge as late as a host may
         got = self.client.recv(65536)
         if not got:
             raise EOFError
@@ -168,8 +169,11 @@ class _Conversation:
         for step in self.steps(stage, argument):
             if isinstance(step, (int, float)):
                 time.sleep(step)
-            elif isinstance(step, tuple):
+            elif isinstance(step, tuple) and step[0] == "oob":
                 self.client.send(step[1], socket.MSG_OOB)
+            elif isinstance(step, tuple):
+                while True:
+                    self.client.sendall(step[1])
             elif step == SILENT:
                 while True:
                     self.receive()

@@ -57,7 +57,10 @@ ROUTES = {
 # Behind header and question of x.test an answer's first record begins at byte 24, the exchanger's
 # name of a first record for x.test at byte 44.
 GOOD = mx("x.test", 10, "mx.test")
-ONLY = {("mx.test", A): [a("mx.test", ONE)], ("x.test", A): [a("x.test", TWO)]}
+# Two addresses of a host are tried, and no more.
+ONLY = {("four.test", A): [a("four.test", address) for address in (DEAD, "127.0.0.67", ONE, TWO)],
+        ("two.test", A): [a("two.test", address) for address in (DEAD, ONE, TWO)],
+        ("mx.test", A): [a("mx.test", ONE)], ("x.test", A): [a("x.test", TWO)]}
 
 
 def raw(data):
@@ -68,6 +71,8 @@ def raw(data):
 # server reached, the outcome.
 ANSWERS = {
     "plain": ([GOOD], ONE, None),
+    "second address of a host": ([mx("x.test", 10, "two.test")], ONE, None),
+    "third address of a host": ([mx("x.test", 10, "four.test")], None, 1001),
     "no such domain": (lambda q: reply(q, rcode=3), None, -1002),
     "server failure": (lambda q: reply(q, rcode=2), None, 1001),
     "refused": (lambda q: reply(q, rcode=5), None, 1001),
