@@ -57,7 +57,7 @@ constexpr std::array kTable{
     LogRow{LogLine::ConnectFailed, EV_CONNECT_FAILED, LOG_INFO, LogGate::Always,
            "connect-failed msg=%m to=%t relay=%a error=%e"},
     LogRow{LogLine::NoGreeting, EV_NO_GREETING, LOG_INFO, LogGate::Always,
-           "no-greeting msg=%m to=%t relay=%a error=%e"},
+           "no-greeting msg=%m to=%t relay=%a code=%c text=%r"},
 
     LogRow{LogLine::LookupStarted, EV_MX_START, LOG_DEBUG, LogGate::Debug,
            "lookup-started msg=%m to=%t"},

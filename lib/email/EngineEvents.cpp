@@ -63,8 +63,7 @@ void ListSender::logStep(eventId event, const char* text, int value, int error) 
         fields.error = value;
         break;
     case LogLine::NoGreeting:
-        // Without an error the server did speak: only its greeting was none.
-        fields.error = GetExErr() != 0 ? std::optional(GetExErr()) : std::nullopt;
+        fields.code = greeting;
         break;
     case LogLine::Overdue:
         first = std::to_string(DateTime(-1) - recipients_.firstSendTime());

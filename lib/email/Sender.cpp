@@ -147,7 +147,8 @@ int Sender::readReply(long timeoutSecs, SMTPcode* code) {
 }
 
 bool Sender::ReadBanner() {
-    return readReply(mailscanGlobals::initial_220_interval, nullptr) == SERVICE_READY;
+    greeting = readReply(mailscanGlobals::initial_220_interval, nullptr);
+    return greeting == SERVICE_READY;
 }
 
 void Sender::CloseTransport() noexcept {

@@ -97,6 +97,7 @@ protected:
     std::optional<std::string> messageName; // word for the deriving class
     DateTime commandDeadline;               // DateTime(0): none
     DateTime finalDeadline;                 // kept for the deriving class
+    std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
 
 private:
     int openSocket(IPaddress address, int port) noexcept;
