@@ -55,9 +55,12 @@ def mount(*args):
 
 
 def _leave(scratch):
-    for path in ("/etc", "/dev", scratch):
-        subprocess.run(["umount", "-l", path], stderr=subprocess.DEVNULL, check=False)
-    shutil.rmtree(scratch, ignore_errors=True)
+    for path in ("/etc", "/dev", os.path.join(scratch, "etc.host"), scratch):
+        subprocess.run(["umount", "-l", "-R", path], stderr=subprocess.DEVNULL, check=False)
+    # What is still mounted below belongs to the host: deleting through it would delete the host's.
+    with open("/proc/self/mountinfo") as mounts:
+        if not any(line.split()[4].startswith(scratch) for line in mounts):
+            shutil.rmtree(scratch, ignore_errors=True)
 
 
 def _private_etc(scratch):
@@ -66,6 +69,7 @@ def _private_etc(scratch):
     os.mkdir(etc, 0o755)
     os.mkdir(host, 0o755)
     mount("--rbind", "/etc", host)
+    mount("-o", "remount,bind,ro", host)
     users = open("/etc/passwd").read() + "Debian-exim:x:90:90::/:/bin/false\n"
     groups = open("/etc/group").read() + "Debian-exim:x:90:\n"
     own = {"hosts": f"127.0.0.1 localhost\n127.0.0.1 {HOST} gateway\n", "passwd": users, "group": groups,
