@@ -33,6 +33,7 @@ TEST(Body, LinesOfEveryShapeArriveWhole) {
         {"x\0y\n"s, "x\0y\r\n"s},
         {"x\n.tail", "x\r\n"},
         {a(1023), ""},
+        {a(1024), a(1022)},
         {a(3000), a(2044)},
         {"." + a(3000) + "\n.\n", ".." + a(3000) + "\r\n..\r\n"},
         // Continuations that begin with a dot: the second piece, and the rest behind it.

@@ -124,6 +124,7 @@ TEST(Exchangers, AreOrderedAndCutAtThisHost) {
         {"gw", {{20, "b."}, {10, "a"}}, "10 a;20 b;"},
         {"gw", {{10, "mxa"}, {10, "mxb"}, {5, "mxc"}}, "5 mxc;10 mxb;10 mxa;"},
         {"gw.x", {{10, "other"}, {10, "gw.x"}, {5, "best"}, {20, "worse"}}, "5 best;"},
+        {"gw.x", {{10, "other"}, {10, "gw.x"}}, ""},
         {"gw.x", {{1, "GW.X"}, {2, "a.gw.x"}, {3, "gw.x.more"}}, "1 GW.X;2 a.gw.x;"},
         {"gw", {{1, "a"}, {2, "127.0.0.1"}}, "1 a;"},
         {"gw", {{1, "a"}, {2, "localhost.b"}}, "1 a;"},
@@ -205,11 +206,13 @@ TEST(MXlookup, RemembersWhatItFoundForTheLimitAsked) {
     MXlookup::clearCache();
     EXPECT_EQ(lookUp("[10.0.0.1]", 10), 1);
     ThisHost::local(address("10.0.0.1")); // a new look-up would leave it out
-    EXPECT_EQ(lookUp("[10.0.0.1]", 10), 1);
     EXPECT_EQ(lookUp("[10.0.0.1]", 9), 0);
-    for (std::size_t i = 0; i < 2 * MXlookup::kCacheEntries; ++i) {
+    EXPECT_EQ(lookUp("[10.0.0.2]", 10), 1);
+    ThisHost::local(address("10.0.0.2"));
+    EXPECT_EQ(lookUp("[10.0.0.2]", 10), 1);
+    for (std::size_t i = 0; i < MXlookup::kCacheEntries; ++i) {
         lookUp("10.1." + std::to_string(i / 256) + '.' + std::to_string(i % 256), 10);
     }
-    EXPECT_EQ(lookUp("[10.0.0.1]", 10), 0);
+    EXPECT_EQ(lookUp("[10.0.0.2]", 10), 0);
     MXlookup::clearCache();
 }

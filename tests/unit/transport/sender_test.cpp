@@ -266,16 +266,20 @@ TEST_F(Data, ABodyThatCannotBeSentWholeIsNeverEnded) {
     EXPECT_EQ(wire, "");
     Email::Alarm::setExpiry(false);
 
-    std::istringstream large(std::string(4 << 20, 'x') + '\n');
-    join(client);
-    std::jthread server([this] {
-        getUntil(peer.get(), "\n");
-        put(peer.get(), "354 go\n");
-        peer.reset();
-    });
-    EXPECT_FALSE(client.SendDATA(large, nullptr, &code));
-    EXPECT_EQ(code, 1001);
-    EXPECT_EQ(client.theSocket, -1);
+    mailscanGlobals::DATA_send_interval = 0;
+    for (const bool gone : {true, false}) { // or there, but not reading any more
+        std::istringstream large(std::string(4 << 20, 'x') + '\n');
+        join(client);
+        std::jthread server([this, gone] {
+            getUntil(peer.get(), "\n");
+            put(peer.get(), "354 go\n");
+            peer.reset(gone ? -1 : peer.release());
+        });
+        EXPECT_FALSE(client.SendDATA(large, nullptr, &code));
+        EXPECT_EQ(code, 1001);
+        EXPECT_EQ(client.theSocket, -1);
+    }
+    mailscanGlobals::DATA_send_interval = 30;
 }
 
 IPaddressList listOf(std::initializer_list<const char*> dotted) {
@@ -329,6 +333,7 @@ TEST(OpenTransport, ChoosesAndSaysWhy) {
     char fallback[] = "[10.9.0.2]";
     char* hosts[] = {relay, fallback};
     DomainRelay::stdRelays.AddDomain("relayed.test", hosts, 1);
+    DomainRelay::stdRelays.AddDomain("gw.site.test", hosts, 1); // not for direct sends
     mailscanGlobals::dnsEnable = false;
     const char* internal[] = {"inside.test", nullptr};
     mailscanGlobals::direct_send_internal_domain = internal;
@@ -345,11 +350,12 @@ TEST(OpenTransport, ChoosesAndSaysWhy) {
         {"<a@gw>", 25, false, 1004, "120 101 "},
         {"<a@gw.site.test.x>", 25, false, 1004, "120 101 "},
         {"<a@>", 25, false, 1004, "120 101 "},
-        {"<a@GW.site.test>", 25, false, 1001, "120 "},
+        {"<a@Gw>", 25, false, 1001, "120 "},
         {"<a@[10.9.0.9]>", 25, true, 1001, "120 "},
         {"<a@relayed.test>", 25, true, 1001, "120 116 119 "}, // one relay failed: the end
         {"<a@other.test>", 25, true, 1001, "120 116 119 "},   // the fallback relay
         {"<a@relayed.test>", 2525, true, 1001, "120 121 116 119 "},
+        {"<a@relayed.test>", 2525, false, 1001, "120 121 "},
         {"<a@inside.test>", 2525, false, 1001, "120 "},
     };
     for (const auto& c : cases) {
