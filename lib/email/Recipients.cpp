@@ -32,8 +32,7 @@ bool readLine(BoundedLineReader& in, std::array<char, N>& line) {
     if (item.kind != Kind::Line && item.kind != Kind::Piece) {
         return false;
     }
-    constexpr std::string_view kEnds("\r\0", 2);
-    const std::string_view text = item.text.substr(0, item.text.find_first_of(kEnds));
+    const std::string_view text = item.text.substr(0, item.text.find('\r'));
     line[text.copy(line.data(), N - 1)] = '\0';
     return true;
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int kLong = 200'000; // deep enough to end a stack that recurses
+constexpr int kLong = 400'000; // deep enough to end a stack that recurses
 
 // "a450 b550 ": the first character inside the brackets, and the code.
 std::string text(const MailList& list) {

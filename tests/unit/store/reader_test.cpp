@@ -120,6 +120,7 @@ TEST(FdStream, SeeksAndReadsInSmallAndLargePieces) {
     std::string large(6000, '\0');
     in.read(large.data(), 6000);
     EXPECT_EQ(large, text.substr(0, 6000));
+    EXPECT_EQ(in.tellg(), 6000);
     in.seekg(0, std::ios::end);
     EXPECT_EQ(in.tellg(), std::streamoff(text.size()));
     in.seekg(4);

@@ -46,7 +46,7 @@ TEST(Recipients, FileIsRead) {
         {true, first + first + "x\ns\n", ""},
         {true, first + "1970/00/01@00:00:00_GMT\n1\ns\n", ""},
         // A head line is cut at 63 characters; the rest is the next line.
-        {true, "2002/02/01@14:05:09" + std::string(44, ' ') + "2002/02/01@0:0:0\n5\ns\n", "s|5|"},
+        {true, first + first + std::string(62, ' ') + "57\ns\n", "7|5|<s>:-1 "},
     };
     for (const auto& c : cases) {
         Recipients r;

@@ -86,12 +86,14 @@ TEST(FileReplacement, OddTargetsAreWrittenInPlace) {
 }
 
 // As a user without privileges: a file that may be written in a directory that takes no names, and
-// one that may not be written.
+// one that may not be written in a directory that takes them.
 TEST(FileReplacement, RightsDecide) {
     const Scratch dir;
+    const Scratch shared;
     const std::string open = dir.write("open", "a long old text");
-    const std::string closed = dir.write("closed", "old");
+    const std::string closed = shared.write("closed", "old");
     ::chmod(dir.path("").c_str(), 0755);
+    ::chmod(shared.path("").c_str(), 0777);
     ::chmod(open.c_str(), 0666);
     ::chmod(closed.c_str(), 0644);
     if (::geteuid() != 0 || ::seteuid(65534) != 0) {
@@ -101,9 +103,8 @@ TEST(FileReplacement, RightsDecide) {
     EXPECT_FALSE(replace(closed, "new"));
     EXPECT_EQ(errno, EACCES);
     ASSERT_EQ(::seteuid(0), 0);
-    EXPECT_EQ(dir.read("open"), "new");
-    EXPECT_EQ(dir.read("closed"), "old");
-    EXPECT_EQ(dir.names(), "closed open ");
+    EXPECT_EQ(dir.read("open") + dir.names(), "newopen ");
+    EXPECT_EQ(shared.read("closed") + shared.names(), "oldclosed ");
 
     ASSERT_EQ(::chown(open.c_str(), 12, 34), 0);
     EXPECT_TRUE(replace(open, "newer"));
