@@ -55,12 +55,14 @@ def mount(*args):
 
 
 def _leave(scratch):
-    for path in ("/etc", "/dev", os.path.join(scratch, "etc.host"), scratch):
-        subprocess.run(["umount", "-l", "-R", path], stderr=subprocess.DEVNULL, check=False)
+    def mounted():
+        with open("/proc/self/mountinfo") as mounts:
+            return [path for path in (line.split()[4] for line in mounts) if path.startswith(scratch)]
+    for path in ("/etc", "/dev", *mounted()[::-1]):
+        subprocess.run(["umount", "-l", path], stderr=subprocess.DEVNULL, check=False)
     # What is still mounted below belongs to the host: deleting through it would delete the host's.
-    with open("/proc/self/mountinfo") as mounts:
-        if not any(line.split()[4].startswith(scratch) for line in mounts):
-            shutil.rmtree(scratch, ignore_errors=True)
+    if not mounted():
+        shutil.rmtree(scratch, ignore_errors=True)
 
 
 def _private_etc(scratch):
