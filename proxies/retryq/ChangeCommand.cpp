@@ -1,3 +1,4 @@
+#include "email/DeliveryJournal.h"
 #include "email/FdStream.h"
 #include "email/FileReplacement.h"
 #include "email/MessageLock.h"
@@ -78,7 +79,7 @@ public:
             message.leaf = leaf;
             return remove(message, recipients);
         }
-        return whole ? retry(message) : fail(leaf, "has no message text");
+        return whole ? retry(message, recipients) : fail(leaf, "has no message text");
     }
 
 private:
@@ -102,7 +103,7 @@ private:
         return done(message.leaf, "removed");
     }
 
-    bool retry(const Message& message) {
+    bool retry(const Message& message, Recipients& recipients) {
         switch (message.state) {
         case State::Unreadable:
             return fail(message.leaf, "has an unreadable recipient file; see retryq check");
@@ -114,6 +115,12 @@ private:
             break;
         }
         const std::string path = context_.queue.recipientPath(message.leaf);
+        // A new recipient file would part the journal from its message, and whoever stands in it
+        // would be served again.
+        if (Email::DeliveryJournal(path).takeDone(recipients)) {
+            return fail(message.leaf, "was broken off in the middle of an attempt: the next run, "
+                                      "or retryer -now, goes on with it");
+        }
         Email::FdStream in(path.c_str());
         const std::string old{std::istreambuf_iterator<char>(in), {}};
         const DateTime due = DateTime(-1) + -std::int64_t{mailscanGlobals::retry_min_interval};

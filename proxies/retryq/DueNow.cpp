@@ -30,7 +30,7 @@ std::string withLatestTry(std::string_view text, const DateTime& due) {
     }
     std::string line = stamp(due);
     if (!usable(line)) {
-        line = stamp(due + -1);
+        line = stamp(due + -2); // one second less would be -1, which stands for now
     }
     std::string out(text.substr(0, first + 1));
     return out.append(line).append(text.substr(second));

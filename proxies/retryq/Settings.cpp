@@ -213,6 +213,9 @@ std::string RuleTable::value(const Setting& setting) const {
     if (record == nullptr) {
         return setting.builtIn;
     }
+    if (wrongWordCount(setting.kind, record->argc) != nullptr) {
+        return joined(*record); // the library's readers would end the program
+    }
     switch (setting.kind) {
     case Kind::Number:
         return std::to_string(intParam(setting.key, list_.get(), 0));

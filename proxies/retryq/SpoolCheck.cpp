@@ -21,7 +21,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
+#include <ctime>
 #include <memory>
 
 namespace Retryq {
@@ -33,6 +33,7 @@ using Weight = Finding::Weight;
 constexpr std::size_t kPathLimit = 200; // a message whose path is as long is never tried
 constexpr std::size_t kMostNamed = 20;  // findings of one kind that are spelt out
 constexpr std::size_t kShown = 512;
+constexpr std::time_t kSecondsToWrite = 60; // a younger temporary file may still be written
 constexpr std::uint64_t kLowBytes = std::uint64_t{64} << 20;
 constexpr std::uint64_t kLowInodes = 1000;
 
@@ -152,7 +153,9 @@ private:
             } else if (isJournalInUse(names, name)) {
                 continue;
             } else if (name.ends_with("~") || name.ends_with(suffix_ + '+')) {
-                noFile.add(name, "left over by a crash, of no meaning: rm");
+                if (untouched(name)) {
+                    noFile.add(name, "left over by a crash, of no meaning: rm");
+                }
             } else if (isWithoutText(names, name)) {
                 noText.add(name, "recipient file without message text: retryq remove");
             } else if (!name.ends_with(suffix_)) {
@@ -173,6 +176,13 @@ private:
         return name.ends_with(suffix_) &&
                !std::ranges::binary_search(names, name.substr(0, name.size() - suffix_.size())) &&
                stillThere(name);
+    }
+
+    // Nobody is just writing it.
+    [[nodiscard]] bool untouched(const std::string& name) const {
+        struct stat status {};
+        return ::stat((report_.directory + name).c_str(), &status) == 0 &&
+               status.st_mtime + kSecondsToWrite < std::time(nullptr);
     }
 
     [[nodiscard]] bool stillThere(const std::string& name) const {
