@@ -1,0 +1,190 @@
+#!/usr/bin/python3
+"""The keeper's program beside the real retryer: what it tells must be what a run then does."""
+import fcntl
+import json
+import os
+
+import harness
+import servers
+import world
+from harness import RELAYS, SENDERS, SystemTest, cases
+from servers import MX
+from test_routes import ANSWERS, BACK, ONE, ONLY, ROUTES, TWO, ZONE
+
+RETRYQ = os.path.join(os.path.dirname(world.BINARY), "../retryq/retryq")
+DAY = 86400
+DAEMON_NOTICE = 3 * 8 + 5
+
+
+class RetryqTest(SystemTest):
+    def retryq(self, *args, status=0, **how):
+        run = self.world.run(*args, binary=RETRYQ, **how)
+        self.assertEqual(run.status, status, run.out)
+        return run
+
+    def objects(self, *args, **how):
+        return [json.loads(line) for line in self.retryq("--json", *args, **how).out.splitlines()]
+
+    def assert_route(self, rcpt, reached, expected):
+        """The first server that is there is the one that the client reached; the fate agrees."""
+        route, = self.objects("route", rcpt)
+        tried = [server["address"] for step in route["steps"] for server in step["servers"] if "left_out" not in server]
+        self.assertEqual([address for address in tried if address in (ONE, TWO)][:1], reached, route)
+        if expected is not None:
+            self.assertEqual("returned" in route["failing"], expected < 0, route)
+
+
+class Route(RetryqTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.addClassCleanup(servers.Dnsmasq(harness.SCRATCH, ZONE).stop)
+
+    @cases({name: row for name, row in ROUTES.items() if name != "second relay word"})
+    def test_route(self, lines, settings, rcpt, reached, expected):
+        self.world.table(BACK, *lines, **settings)
+        self.assert_route(rcpt, reached, expected)
+
+    def test_it_connects_to_nothing(self):
+        self.world.table(BACK)
+        run = self.retryq("route", "u@order.test", strace=["-e", "trace=connect"])
+        self.assertNotIn("htons(25)", run.trace)
+        self.assertIn("try 1      127.0.0.2  one.test (preference 10)\n", run.out)
+
+
+class Answers(RetryqTest):
+    @cases(ANSWERS)
+    def test_answer(self, answer, reached, expected):
+        self.dns({("x.test", MX): answer, **ONLY})
+        self.world.table(BACK)
+        self.assert_route("u@x.test", [reached] if reached else [], expected)
+
+
+class Queue(RetryqTest):
+    def setUp(self):
+        super().setUp()
+        self.world.table(*RELAYS)
+
+    def test_states_are_what_a_run_does(self):
+        server, returns = self.smtp(), self.smtp(SENDERS)
+        self.world.queue("due", "<due@x.test>", last=-2001)
+        self.world.queue("waiting", "<waiting@x.test>", last=-1900)
+        self.world.queue("overdue", "<overdue@x.test>", first=-5 * DAY)
+        self.world.put("unreadable", b"text\n")
+        self.world.put("unreadable.rmd", b"")
+        before = self.world.spool()
+        listed = {entry["message"]: entry["state"] for entry in self.objects("list")}
+        self.assertEqual(listed, {leaf: leaf for leaf in ("due", "waiting", "overdue", "unreadable")})
+        self.assertEqual(self.world.spool(), before)
+        self.run_ok()
+        self.assertEqual(([mail.recipients for mail in server.mails], len(returns.mails)), ([["<due@x.test>"]], 1))
+        self.assertEqual(sorted(self.world.spool()), ["waiting", "waiting.rmd"])
+
+    def test_looking_takes_no_lock_and_writes_nothing(self):
+        self.world.queue("m", "<u@x.test>")
+        for command in (["list"], ["show", "m", "--body"], ["summary"], ["metrics"], ["route", "u@x.test"]):
+            run = self.retryq(*command, strace=["-e", "trace=flock,openat,unlink,unlinkat,rename,fcntl"])
+            spool = [line for line in run.trace.splitlines() if self.world.spool_dir in line]
+            self.assertFalse("flock(" in run.trace or "F_SETLK" in run.trace, run.trace)
+            self.assertFalse([line for line in spool if "O_RDONLY" not in line], spool)
+
+    def test_retry_makes_due_and_changes_nothing_else(self):
+        self.world.queue("m", [("<u@x.test>", 450), ("<v@x.test>", 1001)], first=-3000, last=-60, tries=7)
+        before = self.world.rmd("m")
+        self.assertEqual(self.objects("list")[0]["state"], "waiting")
+        run = self.retryq("retry", "m", "-y")
+        line, = run.log
+        self.assertEqual((line.priority, line.ident), (DAEMON_NOTICE, "retryq"))
+        self.assertRegex(line.text, r"^\d{5,} made-due msg=m from=<sender@from.test> latest-try=\S+Z by=root$")
+        after = self.world.rmd("m")
+        self.assertEqual(self.objects("list")[0]["state"], "due")
+        self.assertEqual((after.first, after.tries, after.sender, after.recipients),
+                         (before.first, before.tries, before.sender, before.recipients))
+        server = self.smtp()
+        self.run_ok()
+        self.assertEqual(len(server.mails), 1)
+
+    def test_a_broken_off_attempt_is_not_made_due(self):
+        self.world.queue("m", ["<u@x.test>", "<v@x.test>"], last=-60)
+        status = os.stat(self.world.spool_dir + "m.rmd")
+        seconds, nanoseconds = divmod(status.st_mtime_ns, 10**9)
+        self.world.put("m.rmd+", f"{status.st_ino} {seconds}.{nanoseconds} {status.st_size}\n<u@x.test>\tdone\n".encode())
+        before = self.world.spool()
+        self.retryq("retry", "--yes", "m", status=1)
+        self.assertEqual(self.world.spool(), before)
+
+    def test_remove(self):
+        for leaf in ("m", "n", "stays"):
+            self.world.queue(leaf, ["<u@x.test>", "<v@x.test>"])
+        self.world.put("m.rmd~", b"")
+        self.retryq("remove", "m", status=1)  # nobody to ask
+        self.assertIn("m", self.world.spool())
+        run = self.retryq("remove", "--yes", "m", "n", "../stays", "missing", status=1)
+        self.assertEqual(sorted(self.world.spool()), ["stays", "stays.rmd"])
+        self.assertEqual(len(run.lines(" removed msg=")), 4)
+        self.assertEqual(len(run.lines(" removed msg=m ", "to=<u@x.test>", "by=root")), 1)
+
+    def test_a_held_message_is_told_and_left_alone(self):
+        self.world.queue("m", "<u@x.test>", last=-60)
+        with open(self.world.spool_dir + "m.rmd", "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.assertIn("being tried now", self.retryq("list").out)
+            self.assertEqual([entry["message"] for entry in self.objects("list", "--state", "held")], ["m"])
+            before = self.world.spool()
+            for command in ("remove", "retry"):
+                self.retryq(command, "--yes", "m", status=1)
+            self.assertEqual(self.world.spool(), before)
+        self.assertFalse(self.objects("list")[0]["held"])
+
+    def test_listing_while_walkers_work(self):
+        self.smtp()
+        for number in range(300):
+            self.world.queue(f"m{number}", f"<u{number}@x.test>")
+        walkers = [self.world.start() for _ in range(3)]
+        while os.listdir(self.world.spool_dir):
+            self.assertLessEqual({entry["state"] for entry in self.objects("list")}, {"due"})
+        for walker in walkers:
+            self.assertEqual(self.world.finish(walker).status, 0)
+
+    def test_metrics_replace_a_file(self):
+        path = os.path.join(self.world.root, "retryer.prom")
+        self.world.queue("m", [f"<u@d{n}.test>" for n in range(25)])
+        self.retryq("metrics", path)
+        text = open(path, encoding="ascii").read()
+        self.assertIn('retryer_queue_recipients{state="due"} 25\n', text)
+        self.assertEqual(text.count("retryer_queue_domain_recipients{"), 20)
+        self.assertIn("retryer_queue_other_domain_recipients 5\n", text)
+        self.assertFalse(os.path.exists(path + "~"))
+
+    def test_outside_text_is_printable(self):
+        self.world.queue("m", "<\x1b[2J\xff@x.test>", sender="<\x1b]0;x\x07@from.test>", text=b"Subject: \x1b[2J\xc3\x28\n\n\x9b\n")
+        for command in (["list"], ["show", "--body", "m"], ["summary"], ["metrics"]):
+            out = self.retryq(*command).out.replace("\n", "")
+            self.assertTrue(out.isascii() and out.isprintable(), out)
+        self.assertTrue(self.objects("show", "--body", "m")[0]["body"])
+
+
+# Rule table behind the usual lines, and the status of "check".
+CHECKS = {"well": ("", 0), "typing mistake": ("vorn: smtp-min-deferal 5\n", 1), "rejected line": ("vorn: use-dns\n", 1),
+          "two values": ("vorn: use-dns no no\n", 2), "relay without server": ("vorn: domain-relay *\n", 2),
+          "relay that is local": ("vorn: domain-relay * 127.0.0.1\n", 1)}
+
+
+class Check(RetryqTest):
+    @cases(CHECKS)
+    def test_status(self, lines, status):
+        for directory in (self.world.spool_dir, self.world.outgoing_dir):
+            os.chmod(directory, 0o2770)
+        usual = f"vorn: deferred-directory {self.world.spool_dir}\nvorn: directory {self.world.outgoing_dir}\n"
+        self.world.table(raw=usual + lines)
+        self.assertEqual(self.objects("check", status=status)[-1], {"check": "verdict", "status": status})
+        self.assertEqual(self.world.run().status, 1 if status == 2 else 0)
+        self.assertEqual(os.listdir(self.world.spool_dir), [])
+
+    def test_no_rule_table(self):
+        self.retryq("check", "-as", "other", status=2)
+        self.assertEqual(self.world.run("-as", "other").status, 255)
+        self.retryq("-AS", "other", "list", status=2)
+
+
+if __name__ == "__main__":
+    harness.main()
