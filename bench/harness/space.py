@@ -1,0 +1,155 @@
+"""A private place to measure in: network, mounts, host name and process ids of its own."""
+import ctypes
+import json
+import os
+import shutil
+import socket
+import stat
+import subprocess
+import time
+from pathlib import Path
+
+CONTROL = "/run/bench-control"
+NETWORK = "10.77.0.0/16"
+SERVER = "10.77.0.1"    # the first of the sink's addresses
+DEAD = "10.77.9.9"      # nothing listens here: connections are refused at once
+DOMAINS = 100
+HOST = "gate.bench.test"
+USERS = """Debian-exim:x:801:801::/var/spool/exim4:/bin/false
+postfix:x:802:802::/var/spool/postfix:/bin/false
+opensmtpd:x:803:803::/var/lib/opensmtpd/empty:/bin/false
+opensmtpq:x:804:804::/var/lib/opensmtpd/empty:/bin/false
+nullmail:x:805:805::/var/spool/nullmailer:/bin/false
+smmsp:x:806:806::/var/lib/sendmail:/bin/false
+smmta:x:807:807::/var/lib/sendmail:/bin/false
+"""
+GROUPS = "Debian-exim:x:801:\npostfix:x:802:\nopensmtpd:x:803:\nopensmtpq:x:804:\nnullmail:x:805:\n" \
+         "smmsp:x:806:\nsmmta:x:807:\npostdrop:x:808:\n"
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, **options)
+
+
+def mount(source, target, kind=None, options=""):
+    Path(target).mkdir(parents=True, exist_ok=True)
+    run("mount", *(["-t", kind] if kind else ["--bind"]), *(["-o", options] if options else []),
+        str(source), str(target))
+
+
+def private_dev():
+    nodes = {n: os.stat(f"/dev/{n}").st_rdev for n in ("null", "zero", "full", "random", "urandom", "tty")}
+    mount("none", "/dev", "tmpfs", "mode=755")
+    for name, number in nodes.items():
+        os.mknod(f"/dev/{name}", 0o666 | stat.S_IFCHR, number)
+        os.chmod(f"/dev/{name}", 0o666)
+    os.symlink("/proc/self/fd", "/dev/fd")
+    mount("none", "/dev/shm", "tmpfs")
+
+
+def private_etc():
+    copy = Path("/run/etc")
+    shutil.copytree("/etc", copy, symlinks=True, ignore_dangling_symlinks=True)
+    shutil.rmtree(copy / "alternatives", ignore_errors=True)
+    mount(copy, "/etc")
+    for name, text in {
+            "hosts": f"127.0.0.1 localhost\n127.0.1.1 {HOST} gate\n",
+            "resolv.conf": "nameserver 127.0.0.1\n", "mailname": HOST + "\n", "hostname": HOST + "\n",
+            "nsswitch.conf": "passwd: files\ngroup: files\nhosts: files dns\nservices: files\n",
+            "aliases": "postmaster: root\n"}.items():
+        (copy / name).unlink(missing_ok=True)
+        (copy / name).write_text(text)
+    with open("/etc/passwd", "a") as passwd, open("/etc/group", "a") as group:
+        passwd.write(USERS)
+        group.write(GROUPS)
+
+
+def set_up(work, peer_trees):
+    """Called in fresh namespaces; everything that changes lies under `work` or in memory."""
+    mount("none", "/run", "tmpfs", "mode=755")
+    private_etc()
+    private_dev()
+    for name in ("spool", "lib", "log"):
+        (work / name).mkdir(parents=True, exist_ok=True)
+        mount(work / name, f"/var/{name}")
+    if peer_trees:
+        for part in ("usr", "etc"):
+            lower = ":".join(str(t / part) for t in peer_trees if (t / part).is_dir())
+            if part == "usr":
+                mount("overlay", "/usr", "overlay", f"ro,lowerdir={lower}:/usr")
+            else:
+                for tree in lower.split(":"):
+                    shutil.copytree(tree, "/etc", symlinks=True, dirs_exist_ok=True)
+    os.environ.update(TZ="UTC", PATH="/usr/sbin:/usr/bin:/sbin:/bin", LC_ALL="C")
+    socket.sethostname(HOST)
+    run("ip", "link", "set", "lo", "up")
+    run("ip", "route", "add", "local", NETWORK, "dev", "lo")
+    # As service managers set it: a burst of log lines need not wait for the collector line by line.
+    Path("/proc/sys/net/unix/max_dgram_qlen").write_text("512")
+
+
+class Sink:
+    """The servers, the name server and the log collector: one process beside what is measured."""
+
+    def __init__(self, program):
+        self.process = subprocess.Popen([program, SERVER, str(DOMAINS), CONTROL, "/dev/log"])
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind("/run/bench-asker")
+        self.socket.settimeout(30)
+        while not os.path.exists("/dev/log"):
+            time.sleep(0.01)
+        os.chmod("/dev/log", 0o666)
+
+    def reset(self, delay_us=0):
+        """Sets the delay before each reply; returns what was counted since the last call."""
+        self.socket.sendto(str(delay_us).encode(), CONTROL)
+        return json.loads(self.socket.recv(1024))
+
+    def peek(self):
+        """What was counted, without a reset."""
+        self.socket.sendto(b"?", CONTROL)
+        return json.loads(self.socket.recv(1024))
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait()
+
+
+class Account:
+    """Processor time of programs that scatter: a control group that holds all they start. It vanishes
+    with the benchmark."""
+
+    def __init__(self):
+        self.new_style = os.path.exists("/sys/fs/cgroup/cgroup.controllers")
+        base = "/sys/fs/cgroup" if self.new_style else "/sys/fs/cgroup/cpuacct"
+        self.path = Path(f"{base}/queue-bench-{os.stat('/proc/self/ns/pid').st_ino}")
+        self.path.mkdir()
+
+    def enter(self):
+        """Puts the calling process in; for the moment before exec."""
+        (self.path / "cgroup.procs").write_text("0")
+
+    def seconds(self):
+        if self.new_style:
+            return int((self.path / "cpu.stat").read_text().split()[1]) * 1e-6
+        return int((self.path / "cpuacct.usage").read_text()) * 1e-9
+
+    def processes(self):
+        return (self.path / "cgroup.procs").read_text().split()
+
+    def close(self):
+        while self.processes():
+            time.sleep(0.05)
+        self.path.rmdir()
+
+
+def settle(path):
+    """Writes out what the preparation left in memory, so that no run pays for it."""
+    fd = os.open(path, os.O_RDONLY)
+    ctypes.CDLL(None).syncfs(fd)
+    os.close(fd)
+
+
+def refused_connections():
+    fields, values = [l.split() for l in open("/proc/net/snmp") if l.startswith("Tcp:")]
+    return int(values[fields.index("AttemptFails")])

@@ -1,0 +1,203 @@
+"""The workloads W1 to W9 and the order in which they are run."""
+import dataclasses
+import json
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+from typing import Callable
+
+from . import peers, space, spool
+
+DEFERRED = "/var/spool/deferred/"
+MEGABYTE = 1000 * 1000
+RULES = f"""w1,w4,w7,w9: deferred-directory {DEFERRED}
+w5a: deferred-directory /var/spool/w5a/
+w5b: deferred-directory /var/spool/w5b/
+w6: deferred-directory /var/spool/w6/
+w5a,w5b: smtp-min-deferral 300000
+w7: domain-relay dead.bench.test {space.DEAD}
+w1,w7,w9: domain-relay * {space.SERVER}
+"""
+
+
+@dataclasses.dataclass
+class Subject:
+    """One thing that does a workload's work."""
+    name: str
+    argv: list
+    seed: Callable = lambda: None
+    copies: int = 1
+    peer: object = None     # a peer runs itself
+    against: str = ""       # the subject whose figures are this one's 1.0
+
+
+@dataclasses.dataclass
+class Workload:
+    key: str
+    title: str
+    units: int              # what the counts are divided by
+    subjects: list
+    messages: int = 0       # that the sink must have taken afterwards
+    delay_us: int = 0
+    repeat: int = 1         # runs in each round; their least counts
+
+
+def make(options):
+    """All workloads, in order."""
+    build, scale = options.build, options.scale
+    n = max(2, int(1000 * scale) // 2 * 2)
+    big = int(100 * MEGABYTE * scale)
+    small = spool.text(4096)
+    alive = [[f"r{i}@d0.bench.test"] for i in range(n)]
+    half_dead = [[f"r{i}@{'dead' if i % 2 else 'd0'}.bench.test"] for i in range(n)]
+    bad = [[f"bad{i}@d0.bench.test"] for i in range(n)]
+
+    def floor(name, *args):
+        return [str(build / "bench/floors" / f"floor_{name}"), *map(str, args)]
+
+    def seeder(body, lists, directory=DEFERRED):
+        return lambda: spool.seed(directory, body, lists)
+
+    def retryer(service, body, lists, name="retryer", copies=1, against="floor"):
+        return Subject(name, [str(options.retryer), "-as", service], seeder(body, lists), copies, None, against)
+
+    def pair(service, body, lists, relay=space.SERVER):
+        return [Subject("floor", floor("send", DEFERRED, relay), seeder(spool.wire(body), lists)),
+                retryer(service, body, lists)]
+
+    def of_peers(count, body):
+        return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor")
+                for p in peers.chosen(options)]
+
+    ceiling = Subject("sink ceiling", floor("ceiling", space.SERVER, n, 16, 4096))
+    yield Workload("W1", f"{n} due messages of 4 KB, one server", n,
+                   [ceiling, *pair("w1", small, alive),
+                    retryer("w1", small, alive, "retryer, 2 walkers", 2),
+                    retryer("w1", small, alive, "retryer, 4 walkers", 4), *of_peers(n, small)], n)
+    for key, what, body in (("W2a", "ordinary lines", spool.text(big)),
+                            ("W2b", "lines of 60 bytes that begin with a dot", spool.dotted(big))):
+        ceiling = Subject("sink ceiling", floor("ceiling", space.SERVER, 1, 1, big))
+        yield Workload(key, f"one message of {big // MEGABYTE} MB, {what}", 1,
+                       [ceiling, *pair("w1", body, alive[:1]), *of_peers(1, body)], 1)
+    for key, count in (("W3a", 1000), ("W3b", 10000)):
+        count = max(2, int(count * scale))
+        lists = [[f"r{i}@d0.bench.test" for i in range(count)]]
+        yield Workload(key, f"one message, {count} recipients, one server", count,
+                       pair("w1", small, lists), 1)
+    for key, count in (("W4a", 1000), ("W4b", 10000)):
+        count = max(space.DOMAINS, int(count * scale))
+        lists = [[f"r{i}@d{i % space.DOMAINS}.bench.test" for i in range(count)]]
+        yield Workload(key, f"one message, {count} recipients, {space.DOMAINS} domains", count,
+                       pair("w4", small, lists, "-"), space.DOMAINS)
+    for key, count in (("W5a", 10000), ("W5b", 100000)):
+        count = int(count * scale)
+        where = f"/var/spool/{key.lower()}/"
+        if wanted(options, key):
+            spool.seed_once(where, small, count)
+        subjects = [Subject("floor", floor("scan", where)),
+                    Subject("retryer", [str(options.retryer), "-as", key.lower()], against="floor")]
+        if key == "W5a":
+            subjects += [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, small), 1, p, "floor")
+                         for p in peers.chosen(options) if p.idle_argv]
+        yield Workload(key, f"{count} messages, none due", count, subjects)
+    os.makedirs("/var/spool/w6", exist_ok=True)
+    yield Workload("W6", "an empty spool", 1, [
+        Subject("floor", floor("empty")),
+        Subject("retryer", [str(options.retryer), "-as", "w6"], against="floor")], repeat=20)
+    yield Workload("W7", f"{n} due messages, half of them for a dead host", n, [
+        Subject("floor", floor("rewrite", DEFERRED, n // 2), seeder(small, alive)),
+        retryer("w7", small, alive[:n // 2], "retryer, living half", against=""),
+        retryer("w7", small, half_dead, against="retryer, living half")], n // 2)
+    yield Workload("W8", f"{n} due messages, each reply after 20 ms", n, [
+        retryer("w1", small, alive, f"retryer, {walkers} walkers", walkers, "retryer, 1 walkers")
+        for walkers in (1, 2, 8, 32)], n, 20000)
+    yield Workload("W9", f"{n} due messages, all refused for good", n, pair("w9", small, bad), n)
+
+
+def wanted(options, key):
+    chosen = [c for c in options.only.upper().split(",") if c]
+    return not chosen or any(key.upper().startswith(c) for c in chosen)
+
+
+def run_once(options, subject, workload, sink):
+    """Seeds, runs, and checks that the work was done; the figures of the run."""
+    subject.seed()
+    space.settle(options.work)
+    sink.reset(workload.delay_us)
+    refused = space.refused_connections()
+    if subject.peer and subject.peer.daemon:
+        figures = subject.peer.run(sink, workload.messages)
+    else:
+        command = [str(options.build / "bench/floors/bench_measure"), str(subject.copies), *subject.argv]
+        enter = peers.Daemon.account.enter if subject.peer else None
+        before = peers.Daemon.account.seconds()
+        done = subprocess.run(command, check=True, stdout=subprocess.PIPE, preexec_fn=enter)
+        figures = json.loads(done.stdout)
+        if subject.peer:  # what it started and did not wait for counts as well
+            figures["cpu"] = peers.Daemon.account.seconds() - before
+    counts = sink.reset()
+    figures["sink"] = counts
+    figures["refused_connections"] = space.refused_connections() - refused
+    if is_failure(subject, workload, counts, figures):
+        print(f"  {subject.name}: incomplete: status {figures.get('status')}, {counts}", file=sys.stderr)
+        figures["incomplete"] = True
+    return figures
+
+
+def is_failure(subject, workload, counts, figures):
+    expected = 0 if "rewrite" in subject.argv[0] else workload.messages
+    return counts["messages"] != expected or figures.get("status", 0) != 0
+
+
+def count_calls(options, subject, workload, sink):
+    """System calls by name, from a run under strace."""
+    subject.seed()
+    sink.reset(workload.delay_us)
+    output = Path("/run/bench-strace")
+    if subject.peer and subject.peer.daemon:
+        subject.peer.run(sink, workload.messages, trace=str(output))
+    else:
+        subprocess.run(["strace", "-f", "-c", "-o", str(output), *subject.argv], check=False,
+                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    calls = {}
+    for line in output.read_text().splitlines():
+        found = re.match(r"\s*[\d.]+\s+[\d.]+\s+\d+\s+(\d+)\s+(?:\d+\s+)?(\w+)$", line)
+        if found and found[2] != "total":
+            calls[found[2]] = int(found[1])
+    return calls
+
+
+def measure_all(options, sink):
+    rules = options.work / "config/usr/local/etc/rulbex-table"
+    rules.parent.mkdir(parents=True, exist_ok=True)
+    rules.write_text(RULES)
+    os.environ["TAVORIX"] = str(options.work / "config")
+    results = []
+    for workload in make(options):
+        if wanted(options, workload.key):
+            results.append(measure(options, workload, sink))
+    return results
+
+
+def measure(options, workload, sink):
+    print(f"{workload.key}: {workload.title}", file=sys.stderr, flush=True)
+    runs = {s.name: [] for s in workload.subjects}
+    for turn in range(options.rounds):
+        at = turn % len(workload.subjects)  # every round begins with another subject
+        for subject in workload.subjects[at:] + workload.subjects[:at]:
+            try:
+                tries = [run_once(options, subject, workload, sink) for _ in range(workload.repeat)]
+            except (OSError, RuntimeError, subprocess.SubprocessError) as error:
+                if not subject.peer:
+                    raise
+                print(f"  {subject.name}: {error}", file=sys.stderr)
+                continue
+            runs[subject.name].append(min(tries, key=lambda figures: figures["wall"]))
+    workload.subjects = [s for s in workload.subjects if runs[s.name]]
+    calls = {}
+    for subject in workload.subjects:
+        if not options.no_strace and subject.copies == 1 and subject.name != "sink ceiling":
+            calls[subject.name] = count_calls(options, subject, workload, sink)
+    return workload, runs, calls

@@ -1,0 +1,45 @@
+// What one recipient's outcome costs besides its delivery.
+#include "email/DeliveryLog.h"
+#include "email/deliveryEvents.h"
+#include "libevrep/EventContext.h"
+#include "libevrep/Reporter.h"
+
+#include <benchmark/benchmark.h>
+
+// This program's reporter discards, as the gateway's re-delivery does.
+std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
+    class Discarding : public AbstractReporter {
+        void report(const GW_EVENT&) override {}
+    };
+    return std::make_unique<Discarding>();
+}
+
+namespace {
+
+void buildEvent(benchmark::State& state) {
+    Email::EventDetails details;
+    details.messageSize = 4096;
+    details.server = IPaddress(0x0100000a);
+    details.messageName = "/var/spool/deferred/m042929";
+    details.sender = "<s@bench.test>";
+    details.text = "<r@d0.bench.test>";
+    for (auto run : state) {
+        GW_EVENT event = Email::deliveryEvent(lookupSEvent(EV_DELIVERED), details);
+        Reporter::reportEvent(event);
+    }
+}
+BENCHMARK(buildEvent);
+
+void formatOutcome(benchmark::State& state) {
+    const Email::LogFields fields{.message = "/var/spool/deferred/m042929",
+                                  .sender = "<s@bench.test>",
+                                  .recipient = "<r@d0.bench.test>",
+                                  .relay = IPaddress(0x0100000a),
+                                  .code = 250};
+    for (auto run : state) {
+        benchmark::DoNotOptimize(Email::formatLine(Email::LogLine::Delivered, fields));
+    }
+}
+BENCHMARK(formatOutcome);
+
+} // namespace

@@ -1,0 +1,22 @@
+// A name server for the benchmark's own zone: "d<n>.bench.test" has the one exchanger
+// "mx<n>.bench.test", which has the address <network>.<n + 1>; every other name does not exist.
+#pragma once
+
+#include "Smtp.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+class Dns {
+public:
+    // `network` is the address that "mx0" has, in host order; `hosts` the number of exchangers.
+    Dns(std::uint32_t network, unsigned hosts) noexcept : network_(network), hosts_(hosts) {}
+
+    // The answer to one question (RFC 1035), empty when it is not one.
+    [[nodiscard]] std::string answer(std::string_view question, Counters& counters) const;
+
+private:
+    std::uint32_t network_;
+    unsigned hosts_;
+};

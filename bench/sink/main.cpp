@@ -1,0 +1,282 @@
+// bench_sink <first address> <count> <control socket> <log socket>
+//
+// One process, one epoll loop: SMTP servers on port 25 of `count` addresses, the name server of
+// their zone on 127.0.0.1, and the collector of the system log. A datagram "<microseconds>" to the
+// control socket sets the delay before each reply to a command, sets the counters to zero and is
+// answered with what they were, as JSON; "?" only asks.
+#include "Dns.h"
+#include "Smtp.h"
+
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Connection {
+    int fd;
+    Smtp smtp;
+    std::string out;
+    bool waiting = false; // a delayed reply is on its way
+};
+
+[[noreturn]] void fail(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+int boundSocket(int domain, int type, const void* address, std::size_t size) {
+    const int fd = socket(domain, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (fd < 0 ||
+        bind(fd, static_cast<const sockaddr*>(address), static_cast<socklen_t>(size)) != 0) {
+        fail("bench_sink: bind");
+    }
+    return fd;
+}
+
+int boundInet(int type, std::uint32_t address, std::uint16_t port) {
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_port = htons(port);
+    name.sin_addr.s_addr = htonl(address);
+    return boundSocket(AF_INET, type, &name, sizeof name);
+}
+
+int boundUnix(const char* path) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    std::snprintf(name.sun_path, sizeof name.sun_path, "%s", path);
+    unlink(path);
+    return boundSocket(AF_UNIX, SOCK_DGRAM, &name, sizeof name);
+}
+
+double processorSeconds() {
+    rusage use{};
+    getrusage(RUSAGE_SELF, &use);
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+    };
+    return seconds(use.ru_utime) + seconds(use.ru_stime);
+}
+
+class Sink {
+public:
+    Sink(std::uint32_t first, unsigned count, const char* control, const char* log)
+        : dns_(first, count), dnsFd_(boundInet(SOCK_DGRAM, INADDR_LOOPBACK, 53)),
+          controlFd_(boundUnix(control)), logFd_(boundUnix(log)) {
+        for (unsigned i = 0; i < count; ++i) {
+            const int fd = boundInet(SOCK_STREAM, first + i, 25);
+            if (listen(fd, 4096) != 0) {
+                fail("bench_sink: listen");
+            }
+            isListener_.resize(static_cast<std::size_t>(fd) + 1);
+            isListener_[static_cast<std::size_t>(fd)] = true;
+            watch(fd);
+        }
+        watch(dnsFd_);
+        watch(controlFd_);
+        watch(logFd_);
+    }
+
+    [[noreturn]] void run() {
+        std::vector<epoll_event> events(256);
+        for (;;) {
+            const int n = wait(events);
+            for (int i = 0; i < n; ++i) {
+                serve(events[static_cast<std::size_t>(i)].data.fd);
+            }
+            sendDue();
+        }
+    }
+
+private:
+    struct Delayed {
+        Clock::time_point due;
+        std::shared_ptr<Connection> connection;
+    };
+
+    void watch(int fd) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+    }
+
+    int wait(std::vector<epoll_event>& events) {
+        timespec left{};
+        if (!delayed_.empty()) {
+            const auto ns = std::chrono::nanoseconds(delayed_.front().due - Clock::now()).count();
+            left.tv_nsec = ns > 0 ? static_cast<long>(ns % 1'000'000'000) : 0;
+            left.tv_sec = ns > 0 ? ns / 1'000'000'000 : 0;
+        }
+        const timespec* limit = delayed_.empty() ? nullptr : &left;
+        return epoll_pwait2(epoll_, events.data(), static_cast<int>(events.size()), limit, nullptr);
+    }
+
+    void serve(int fd) {
+        const auto at = static_cast<std::size_t>(fd);
+        if (at < isListener_.size() && isListener_[at]) {
+            accept(fd);
+        } else if (fd == dnsFd_) {
+            serveDns();
+        } else if (fd == controlFd_) {
+            serveControl();
+        } else if (fd == logFd_) {
+            drainLog();
+        } else {
+            receive(connections_[at]);
+        }
+    }
+
+    void accept(int listener) {
+        for (int fd;
+             (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
+            const auto at = static_cast<std::size_t>(fd);
+            if (at >= connections_.size()) {
+                connections_.resize(at + 1);
+            }
+            connections_[at] = std::make_shared<Connection>(Connection{fd, {}, {}});
+            ++counters_.connections;
+            send(fd, Smtp::kGreeting.data(), Smtp::kGreeting.size(), MSG_NOSIGNAL);
+            watch(fd);
+        }
+    }
+
+    void receive(const std::shared_ptr<Connection>& connection) {
+        const ssize_t got = recv(connection->fd, block_.data(), block_.size(), 0);
+        if (got <= 0) {
+            if (got == 0 || errno != EAGAIN) {
+                close(*connection);
+            }
+            return;
+        }
+        const std::string_view bytes(block_.data(), static_cast<std::size_t>(got));
+        connection->smtp.take(bytes, connection->out, counters_);
+        if (connection->out.empty() || connection->waiting) {
+            acknowledge(connection->fd);
+            return;
+        }
+        if (delay_.count() == 0) {
+            reply(*connection);
+        } else {
+            connection->waiting = true;
+            delayed_.push_back({Clock::now() + delay_, connection});
+        }
+    }
+
+    // At once, so that nobody who sends a body in small pieces is charged for delayed ones.
+    static void acknowledge(int fd) {
+        const int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    }
+
+    void reply(Connection& connection) {
+        connection.waiting = false;
+        if (connection.fd < 0) {
+            return;
+        }
+        send(connection.fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
+        connection.out.clear();
+        if (connection.smtp.finished()) {
+            close(connection);
+        }
+    }
+
+    void close(Connection& connection) {
+        const int fd = std::exchange(connection.fd, -1);
+        ::close(fd);
+        connections_[static_cast<std::size_t>(fd)].reset();
+    }
+
+    void sendDue() {
+        while (!delayed_.empty() && delayed_.front().due <= Clock::now()) {
+            const std::shared_ptr<Connection> connection = std::move(delayed_.front().connection);
+            delayed_.pop_front();
+            reply(*connection);
+        }
+    }
+
+    void serveDns() {
+        sockaddr_storage from{};
+        socklen_t size = sizeof from;
+        auto* name = reinterpret_cast<sockaddr*>(&from);
+        const ssize_t got = recvfrom(dnsFd_, block_.data(), 512, 0, name, &size);
+        if (got > 0) {
+            const std::string_view question(block_.data(), static_cast<std::size_t>(got));
+            const std::string text = dns_.answer(question, counters_);
+            sendto(dnsFd_, text.data(), text.size(), 0, name, size);
+        }
+    }
+
+    void serveControl() {
+        sockaddr_un from{};
+        socklen_t size = sizeof from;
+        auto* name = reinterpret_cast<sockaddr*>(&from);
+        char order[32] = {};
+        recvfrom(controlFd_, order, sizeof order - 1, 0, name, &size);
+        drainLog();
+        char text[512];
+        const double cpu = processorSeconds();
+        const int length = std::snprintf(
+            text, sizeof text,
+            R"({"connections":%lu,"messages":%lu,"recipients":%lu,"refused":%lu,"bytes":%lu,)"
+            R"("mx":%lu,"address":%lu,"log":%lu,"cpu":%.6f})",
+            counters_.connections, counters_.messages, counters_.recipients, counters_.refused,
+            counters_.bytes, counters_.mxQuestions, counters_.addressQuestions, counters_.logLines,
+            cpu - cpuAtReset_);
+        if (order[0] != '?') {
+            delay_ = std::chrono::microseconds(std::atol(order));
+            cpuAtReset_ = cpu;
+            counters_ = {};
+        }
+        sendto(controlFd_, text, static_cast<std::size_t>(length), 0, name, size);
+    }
+
+    void drainLog() {
+        while (recv(logFd_, block_.data(), block_.size(), 0) > 0) {
+            ++counters_.logLines;
+        }
+    }
+
+    Dns dns_;
+    int epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    int dnsFd_;
+    int controlFd_;
+    int logFd_;
+    std::vector<bool> isListener_;
+    std::vector<std::shared_ptr<Connection>> connections_;
+    std::deque<Delayed> delayed_; // in order of time: the delay is the same for all
+    std::chrono::microseconds delay_{0};
+    std::vector<char> block_ = std::vector<char>(256 * 1024);
+    Counters counters_;
+    double cpuAtReset_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    in_addr first{};
+    if (argc != 5 || inet_aton(argv[1], &first) == 0) {
+        std::fprintf(stderr, "usage: %s <address> <count> <control socket> <log socket>\n",
+                     argv[0]);
+        return 2;
+    }
+    Sink(ntohl(first.s_addr), static_cast<unsigned>(std::atoi(argv[2])), argv[3], argv[4]).run();
+}
