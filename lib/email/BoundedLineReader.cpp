@@ -8,7 +8,7 @@ namespace Email {
 namespace {
 
 constexpr std::size_t kFirstBlock = BoundedLineReader::kMaxLimit + 1;
-constexpr std::size_t kBlock = 64 * 1024;
+constexpr std::size_t kBlock = std::size_t{64} * 1024;
 
 } // namespace
 

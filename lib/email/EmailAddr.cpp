@@ -17,10 +17,24 @@ namespace {
 constexpr std::size_t kMaxInside = EmailAddr::kMaxText - 2; // between the brackets
 constexpr int kAnyCount = IPaddressList::kCapacity;
 
-std::string normalised(const char* text) {
-    std::array<char, EmailAddr::kTextSize> buffer;
-    EmailAddr::setAddr(buffer.data(), text);
-    return buffer.data();
+std::string normalised(std::string_view text) {
+    text.remove_prefix(text.rfind('<') + 1);
+    text = text.substr(0, text.find('>'));
+    const std::string_view address = text.substr(0, kMaxInside);
+    std::string_view domain = mailscanGlobals::defaultDomain;
+    if (address.empty() || text.find('.') != std::string_view::npos ||
+        address.size() + domain.size() + 1 > kMaxInside) {
+        domain = {};
+    }
+    // A dot, not "@": the default domain completes a short domain name. A bare local name gets it
+    // the same way, and the gateway's other programs expect what comes of it.
+    const std::size_t dot = domain.empty() ? 0 : 1;
+    std::string bracketed(address.size() + dot + domain.size() + 2, '.');
+    bracketed.front() = '<';
+    address.copy(&bracketed[1], address.size());
+    domain.copy(&bracketed[1 + address.size() + dot], domain.size());
+    bracketed.back() = '>';
+    return bracketed;
 }
 
 } // namespace
@@ -46,24 +60,8 @@ std::unique_ptr<EmailAddr> EmailAddr::copy(const EmailAddr* first) {
 }
 
 void EmailAddr::setAddr(char* dst, const char* text) {
-    std::string_view address = text;
-    address.remove_prefix(address.rfind('<') + 1);
-    address = address.substr(0, address.find('>'));
-    const bool dotted = address.find('.') != std::string_view::npos;
-    address = address.substr(0, kMaxInside);
-
-    *dst++ = '<';
-    dst += address.copy(dst, address.size());
-    const std::string_view domain = mailscanGlobals::defaultDomain;
-    if (!address.empty() && !dotted && !domain.empty() &&
-        address.size() + domain.size() + 1 <= kMaxInside) {
-        // A dot, not "@": the default domain completes a short domain name. A bare local name gets
-        // it the same way, and the gateway's other programs expect what comes of it.
-        *dst++ = '.';
-        dst += domain.copy(dst, domain.size());
-    }
-    *dst++ = '>';
-    *dst = '\0';
+    const std::string address = normalised(text);
+    dst[address.copy(dst, kMaxText)] = '\0';
 }
 
 char* EmailAddr::addrOkay(char* text, bool allowNull) {
@@ -87,7 +85,7 @@ bool EmailAddr::GetDomain(char* dst) const noexcept {
 
 bool EmailAddr::CheckForDirectSend() const noexcept {
     constexpr std::int32_t kSmtpPort = 25;
-    std::array<char, kDomainSize> domain;
+    std::array<char, kDomainSize> domain{};
     const char* const* entry = mailscanGlobals::direct_send_internal_domain;
     if (entry == nullptr || mailscanGlobals::mailSendPort == kSmtpPort ||
         !GetDomain(domain.data())) {
@@ -119,7 +117,7 @@ bool EmailAddr::suitableHost(IPaddress addr) {
 }
 
 bool EmailAddr::throughRelaysOrMX(IPaddress addr) {
-    std::array<char, kDomainSize> domain;
+    std::array<char, kDomainSize> domain{};
     const bool named = GetDomain(domain.data());
     IPaddressList relays;
     const int n = named ? DomainRelay::stdRelays.getGoodAddr(domain.data(), relays, kAnyCount) : 0;
@@ -160,7 +158,7 @@ int EmailAddr::lookUpMX(const char* domain) {
 int EmailAddr::GetMXhosts(IPaddressList& out, int max) {
     if (!doneMX_) {
         doneMX_ = true;
-        std::array<char, kDomainSize> domain;
+        std::array<char, kDomainSize> domain{};
         const int count = lookUpMX(GetDomain(domain.data()) ? domain.data() : nullptr);
         if (count < 1) {
             return count;

@@ -56,7 +56,7 @@ private:
     off_t offset_ = 0; // of the byte behind the buffered ones
     int error_ = 0;
     std::ios* owner_ = nullptr;
-    std::array<char, 4096> block_; // filled by underflow() only
+    std::array<char, 4096> block_{}; // filled by underflow() only
 };
 
 class FdStream : public std::istream {

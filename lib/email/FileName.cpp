@@ -17,6 +17,7 @@ namespace {
 constexpr std::string_view kTemporaryPrefix = "/tmp/file";
 constexpr std::size_t kRandomLetters = 6;
 static_assert(kTemporaryPrefix.size() + kRandomLetters < L_tmpnam);
+constexpr std::size_t kCopyBlock = 16384;
 constexpr mode_t kCopyMode = 0664; // before the umask
 
 const char* checked(const char* text, const char* condition, std::uint32_t line) {
@@ -63,7 +64,7 @@ std::string freshTemporaryName() {
 }
 
 bool copyBytes(int from, int to) noexcept {
-    std::array<char, 16 * 1024> block;
+    std::array<char, kCopyBlock> block{};
     for (;;) {
         const ssize_t n = ::read(from, block.data(), block.size());
         if (n == 0) {

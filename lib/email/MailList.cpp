@@ -86,7 +86,7 @@ bool MailList::Remove(char* buf, SMTPcode* code) {
     if (!record) {
         return false;
     }
-    std::strcpy(buf, record->text());
+    std::memcpy(buf, record->text(), record->size() + 1);
     if (code != nullptr) {
         *code = record->reason;
     }

@@ -69,13 +69,13 @@ SMTPcode takeCode(char* line) {
 }
 
 void appendNumber(std::string& out, std::int32_t number) {
-    std::array<char, 12> digits;
+    std::array<char, 12> digits{};
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
     out.append(digits.data(), end);
 }
 
 void appendTime(std::string& out, const DateTime& time) {
-    std::array<char, DateTime::kTextSize> text;
+    std::array<char, DateTime::kTextSize> text{};
     out.append(time.Get(text.data())) += '\n';
 }
 

@@ -134,6 +134,6 @@ bool operator==(const DateTime& a, const DateTime& b) noexcept {
 }
 
 std::ostream& operator<<(std::ostream& out, const DateTime& time) {
-    std::array<char, DateTime::kTextSize> text;
+    std::array<char, DateTime::kTextSize> text{};
     return out << time.Get(text.data());
 }

@@ -48,16 +48,16 @@ cfgrec* lookUp(const char* key, cfgrec* cfg) {
     return cfg == nullptr ? nullptr : cfg_get(key, cfg);
 }
 
-// The one word of a single-valued key, or null when the key is absent.
-const char* singleWord(const char* key, cfgrec* cfg) {
-    const cfgrec* const cf = lookUp(key, cfg);
-    if (cf == nullptr) {
-        return nullptr;
-    }
-    if (cf->argc != 1) {
+const char* onlyWord(const cfgrec& cf) {
+    if (cf.argc != 1) {
         assert_failure("cf->argc == 1", kUnit, __LINE__);
     }
-    return cf->argv[0];
+    return cf.argv[0];
+}
+
+const char* wordOr(const char* key, cfgrec* cfg, const char* dflt) {
+    const cfgrec* const cf = lookUp(key, cfg);
+    return cf == nullptr ? dflt : onlyWord(*cf);
 }
 
 bool isTrue(const char* word) noexcept {
@@ -81,11 +81,11 @@ std::int32_t number(const char* key, cfgrec* cfg, long dflt) {
 } // namespace
 
 long intParam(const char* key, cfgrec* cfg, long dflt) {
-    const char* const word = singleWord(key, cfg);
-    if (word == nullptr) {
+    const cfgrec* const cf = lookUp(key, cfg);
+    if (cf == nullptr) {
         return dflt;
     }
-    std::string_view text = word;
+    std::string_view text = onlyWord(*cf);
     return Email::takeDecimal(text).value_or(0);
 }
 
@@ -95,12 +95,11 @@ bool boolParam(const char* key, cfgrec* cfg, bool dflt) {
         return dflt;
     }
     // A switch without a word is off; only the other keys insist on one word.
-    return cf->argc != 0 && isTrue(singleWord(key, cfg));
+    return cf->argc != 0 && isTrue(onlyWord(*cf));
 }
 
 void charParam(const char*& value, const char* key, cfgrec* cfg, const char* dflt) {
-    const char* const word = singleWord(key, cfg);
-    value = word == nullptr ? dflt : word;
+    value = wordOr(key, cfg, dflt);
 }
 
 void charsParam(const char**& list, const char* key, cfgrec* cfg) {
@@ -120,8 +119,7 @@ void charsParam(const char**& list, const char* key, cfgrec* cfg) {
 }
 
 FileName fileParam(const char* key, cfgrec* cfg, const char* dflt) {
-    const char* const word = singleWord(key, cfg);
-    return FileName(word == nullptr ? dflt : word);
+    return FileName(wordOr(key, cfg, dflt));
 }
 
 void mailscanGlobals::initialise(cfgrec* cfg) {
