@@ -1,0 +1,371 @@
+"""Plays the tables of hostile servers, DNS answers and spool files: one message a case, all cases of a
+table in one spool, worked off by several walkers at once. The tables' languages are explained in their
+heads."""
+import collections
+import functools
+import os
+import re
+import socket
+import struct
+import threading
+import time
+
+import servers
+import world
+from scene import Server, told_about
+from servers import CLOSE, RST, SILENT, A, MX
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+BACK = "127.0.0.9"  # where return mail goes
+WALKERS = 12
+OUTCOME = re.compile(r"\d+ (delivered|deferred|returned|dropped) msg=(\S+) .*?to=(\S+) .*?code=(-?\d+)")
+WORDS = {"delivered": "delivered", "deferred": "kept", "returned": "returned", "dropped": "dropped"}
+
+
+def table(name):
+    """The rows of a table as stripped fields, "\\|" being a plain bar."""
+    with open(os.path.join(HERE, "data", name + ".txt")) as rows:
+        for row in rows:
+            if row.strip() and row[0] != "#":
+                yield [field.strip().replace("\0", "|") for field in row.replace("\\|", "\0").split("|")]
+
+
+def unescape(text):
+    return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
+
+
+def outcomes(text):
+    """"kept 450; two returned 550" as {"u": ("kept", 450), "two": ("returned", 550)}."""
+    found = {}
+    for part in text.split(";"):
+        *who, word, code = [*part.split(), *([None] if part.split()[-1].isalpha() else [])]
+        found[who[0] if who else "u"] = word, code and int(code)
+    return found
+
+
+class Play:
+    """One spool with a message a case; run() returns what became of each recipient, by leaf."""
+
+    def __init__(self, scratch, *lines, **settings):
+        self.world = world.World(scratch)
+        limits = {f"smtp_{name}_timeout": 2 for name in ("connect", "mail", "rcpt", "data", "send", "final")}
+        self.world.table(f"domain-relay *.from.test {BACK}", *lines, **{**limits, **settings})
+        self.returns, self.faults, self.seconds, self.log = Server(BACK), collections.defaultdict(list), 0, []
+
+    def run(self, meanwhile=None, walkers=WALKERS, limit=60):
+        began = time.monotonic()
+        running = [self.world.start() for _ in range(walkers)]
+        if meanwhile:
+            meanwhile()
+        runs = [self.world.finish(walker, limit) for walker in running]
+        self.seconds, self.log = time.monotonic() - began, [line.text for run in runs for line in run.log]
+        if any(run.status != 0 for run in runs):
+            self.faults[""].append(f"walkers ended with {[run.status for run in runs]} {[run.out for run in runs if run.out]}")
+        self.returns.settle()
+        self.told = collections.Counter(rcpt for mail in self.returns.mails for rcpt in told_about(mail.data))
+        self.ended, self.lines = collections.defaultdict(dict), collections.Counter()
+        for line in self.log:
+            if match := OUTCOME.match(line):
+                self.lines[match[2]] += 1
+                if match[3] in self.ended[match[2]]:
+                    self.faults[match[2]].append(f"two outcomes for {match[3]}")
+                self.ended[match[2]][match[3]] = WORDS[match[1]], int(match[4])
+
+    def check(self, leaf, expected):
+        """expected: {recipient: (word, code or None)}. The log, the spool and the return mails must
+        agree on it."""
+        kept = {}
+        if os.path.exists(self.world.spool_dir + leaf + ".rmd"):
+            with open(self.world.spool_dir + leaf + ".rmd", "rb") as file:
+                kept = dict(world.Rmd.parse(file.read()).recipients)
+        for rcpt, (word, code) in expected.items():
+            said = self.ended[leaf].get(rcpt)
+            if said is None or said[0] != word or code not in (None, said[1]):
+                self.faults[leaf].append(f"{rcpt}: {said} instead of {(word, code)}")
+            if (rcpt in kept) != (word == "kept") or (word == "kept" and kept[rcpt] != said[1]):
+                self.faults[leaf].append(f"{rcpt}: the spool has {kept}")
+            if self.told[rcpt] != (word == "returned"):
+                self.faults[leaf].append(f"{rcpt}: named in {self.told[rcpt]} return mails")
+        return self.faults.pop(leaf, [])
+
+
+def cases(play, names, check):
+    """One case a row, and one for the walkers themselves."""
+    for leaf, name in names.items():
+        yield name, functools.partial(check, leaf)
+    yield "the walkers", lambda: play.faults.get("", [])
+
+
+# --- servers --------------------------------------------------------------------------------------
+def step(text):
+    word, _, rest = text.partition(" ")
+    if word in ("close", "reset", "silent"):
+        return ({"close": CLOSE, "reset": RST, "silent": SILENT}[word],)
+    if word == "wait":
+        return (float(rest),)
+    if word == "raw":
+        return (unescape(rest),)
+    if word == "oob":
+        return (("oob", rest.encode()),)
+    if word == "none":
+        return (b"",)
+    if word in ("times", "drip"):
+        number, _, data = rest.partition(" ")
+        return (unescape(data),) * int(number) if word == "times" else servers.drip(unescape(data), float(number))
+    if word == "every":
+        seconds, number, data = rest.split(" ", 2)
+        return (float(seconds), unescape(data)) * int(number)
+    return (text,)
+
+
+def script_of(text):
+    """"rcpt: 250 ok + wait 1; rcpt/two: 550 no" as a script for SmtpServer."""
+    script = {}
+    for part in filter(None, (part.strip() for part in text.split(";"))):
+        stage, _, action = part.partition(":")
+        steps = tuple(one for piece in action.split(" + ") for one in step(piece.strip()))
+        stage, _, argument = stage.partition("/")
+        if stage == "rcpt":
+            script.setdefault("rcpt", {})[argument and f"<{argument}@"] = steps
+        else:
+            script[stage] = steps
+    return script
+
+
+def smtp_cases(scratch, everything):
+    rows = [row for row in table("smtp") if everything or row[3:] != ["slow"]]
+    play = Play(scratch, *(f"domain-relay *.c{n}.test {address(n)}" for n in range(len(rows))))
+    there, expected = {}, {}
+    for n, (_, script, outcome, *_) in enumerate(rows):
+        there[f"c{n}"] = Server(address(n), script_of(script))
+        expected[f"c{n}"] = {f"<{who}@c{n}.test>": ends for who, ends in outcomes(outcome).items()}
+        text = b"Subject: x\n\n" + (b"line\n" * 800000 if "body:" in script else b".dot\nline\n")
+        play.world.queue(f"c{n}", list(expected[f"c{n}"])[::-1], text)
+    play.run(limit=250)
+
+    def check(leaf):
+        faults = play.check(leaf, expected[leaf])
+        body = world.wire(b"Subject: x\n\n.dot\nline\n")
+        wrong = [mail.data for mail in there[leaf].mails if mail.data != body and len(mail.data) < 10000]
+        return faults + [f"another body arrived: {data!r}" for data in wrong]
+    return cases(play, {f"c{n}": row[0] for n, row in enumerate(rows)}, check)
+
+
+def address(n):
+    return f"127.1.{n >> 8}.{n & 255 or 254}"
+
+
+# --- DNS ------------------------------------------------------------------------------------------
+HOSTS = {"good": "127.2.0.1", "two": "127.2.0.2", "dead": "127.2.0.66", "dead2": "127.2.0.67", "local": "127.0.0.1"}
+QUESTION_END = 12 + len(servers.question(bytes(12) + servers.name("d00.test") + bytes(4)))
+
+
+def name_of(text):
+    return unescape(text[1:]) if text[0] == "=" else servers.name("" if text == "." else text + ".test")
+
+
+def element(text, owner):
+    """One record of an answer."""
+    options = dict(re.findall(r" (\w+)=(\S+)", text))
+    kind, *words = re.sub(r" \w+=\S+", "", text).split()
+    owner = name_of(options["owner"]) if "owner" in options else servers.name(owner)
+    how = {key: int(options[key]) for key in ("klass", "length") if key in options}
+    if kind == "mx":
+        return servers.record(owner, MX, struct.pack(">H", int(words[0])) + name_of(words[1]), **how)
+    if kind == "a":
+        return servers.record(owner, A, socket.inet_aton(words[0]), **how)
+    if kind == "cname":
+        return servers.record(owner, 5, name_of(words[0]), **how)
+    if kind == "type":
+        return servers.record(owner, int(words[0]), bytes(int(words[1])), **how)
+    return unescape(words[0])
+
+
+def answer_of(text, owner):
+    """An answer as a function of the query: "mx 10 good; count 9; cut 40"."""
+    parts = [part.strip() for part in text.split(";") if part.strip()]
+    said = {word: part.partition(" ")[2] for part in parts for word in [part.split()[0]]
+            if word in ("rcode", "flags", "count", "cut", "id", "question", "silent", "echo", "pad", "reply")}
+    records = [element(part, owner) for part in parts if part.split()[0] in ("mx", "a", "cname", "type", "raw")]
+
+    def answer(query):
+        if "silent" in said:
+            return None
+        data = servers.reply(query, *records, rcode=int(said.get("rcode", 0)), flags=int(said.get("flags", "8180"), 16),
+                             count=int(said["count"]) if "count" in said else None)
+        if "question" in said:
+            data = data[:12] + name_of(said["question"]) + data[QUESTION_END - 4:]
+        if "id" in said:
+            data = bytes([data[0] ^ 255]) + data[1:]
+        data = query if "echo" in said else query[:2] + unescape(said["reply"]) if "reply" in said else data
+        return data[:int(said.get("cut", 65535))] + bytes(int(said.get("pad", 0)))
+    return answer
+
+
+class Zone(dict):
+    """Answers for all cases at once, and for the hosts that they name."""
+
+    def __init__(self, rows):
+        super().__init__({(f"{host}.test", A): [servers.a(f"{host}.test", ip)] for host, ip in HOSTS.items()})
+        for n, (_, text, *_) in enumerate(rows):
+            domain = f"d{n:02}.test"
+            for part in ["own a " + HOSTS["two"], *text.split("//")]:
+                kind, _, rest = part.strip().partition(" ")
+                if kind == "host":
+                    host, _, rest = rest.partition(" ")
+                    self[f"{host}.test", A] = answer_of(rest, f"{host}.test")
+                elif kind == "own":
+                    self[domain, A] = answer_of(rest, domain)
+                else:
+                    self["tcp" if kind == "tcp" else MX, domain] = answer_of(rest if kind == "tcp" else part, domain)
+
+    def get(self, asked, otherwise):
+        name = asked[0].lower()
+        return super().get((MX, name) if asked[1] == MX else (name, asked[1]), otherwise)
+
+    def serve_tcp(self):
+        listener = socket.create_server((world.DNS_ADDRESS, 53))
+        threading.Thread(target=self._serve, args=(listener,), daemon=True).start()
+
+    def _serve(self, listener):
+        while True:
+            client, _ = listener.accept()
+            with client:
+                query = client.recv(65536)[2:]
+                domain = re.sub(rb"[\x00-\x1f]", b".", servers.question(query)[1:-5]).decode("latin-1")
+                if answer := super().get(("tcp", domain)):
+                    data = answer(query)
+                    client.sendall(struct.pack(">H", len(data)) + data)
+
+
+def dns_cases(scratch, everything):
+    rows = list(table("dns"))
+    play = Play(scratch)
+    zone = Zone(rows)
+    zone.serve_tcp()
+    servers.DnsServer(zone)
+    there = {name: Server(HOSTS[name]) for name in ("good", "two")}
+    for n in range(len(rows)):
+        play.world.queue(f"d{n:02}", f"<u@d{n:02}.test>")
+    play.run()
+
+    def check(leaf):
+        _, _, outcome, *reached = rows[int(leaf[1:])]
+        rcpt = f"<u@{leaf}.test>"
+        faults = play.check(leaf, {rcpt: outcomes(outcome)["u"]})
+        got = [name for name, server in there.items() for mail in server.mails if rcpt in mail.recipients]
+        return faults + [f"reached {got} instead of {reached}"] * (got != reached)
+    return cases(play, {f"d{n:02}": row[0] for n, row in enumerate(rows)}, check)
+
+
+# --- spool files ----------------------------------------------------------------------------------
+TEXT = b"Subject: x\n\nhello\n"
+
+
+def put(path, how, data):
+    """Makes, or changes, the file as a step of spool.txt says."""
+    word, _, rest = how.partition(" ")
+    if word in ("none", "fifo", "dir", "link"):
+        if os.path.lexists(path):
+            os.unlink(path)
+        if word != "none":
+            {"fifo": os.mkfifo, "dir": os.mkdir, "link": lambda name: os.symlink(rest, name)}[word](path)
+        return None
+    changed = edit(word, rest, data)
+    with open(path, "wb") as file:
+        file.write(changed)
+    return changed
+
+
+def edit(word, rest, data):
+    if word == "raw":
+        return unescape(rest)
+    if word == "cut":
+        return data[:int(rest)]
+    if word == "lines":
+        return b"".join(data.splitlines(True)[:int(rest)])
+    if word == "flip":
+        at, mask = map(int, rest.split())
+        return data[:at] + bytes([data[at] ^ mask]) + data[at + 1:]
+    if word == "sub":
+        old, new = map(unescape, rest.split(" => ") if " => " in rest else (rest.removesuffix(" =>"), ""))
+        return data.replace(old, new)
+    if word == "append":
+        return data + unescape(rest)
+    number, new = rest.split(" ", 1)  # repeat
+    return data + b"".join(unescape(new).replace(b"{n}", b"%d" % n) for n in range(int(number)))
+
+
+class SpoolCase:
+    def __init__(self, leaf, name, steps, outcome):
+        self.leaf, self.name, self.outcome = leaf, name, outcome
+        self.steps = [step.strip().replace("{me}", leaf).replace("{now}", world.stamp(time.time())) for step in steps.split(";") if step.strip()]
+        self.late = [step[6:] for step in self.steps if step.startswith("later ")]
+        self.rcpt = f"<ok@{leaf}.{'later' if self.late else 'test'}.test>"
+
+    def queue(self, play):
+        self.play, self.path, self.text = play, play.world.spool_dir + self.leaf, TEXT
+        play.world.queue(self.leaf, self.rcpt, TEXT)
+        self.apply(step for step in self.steps if not step.startswith("later "))
+        self.before = self.files()
+
+    def apply(self, steps):
+        for step in steps:
+            which, _, how = step.partition(" ")
+            path = self.path + (".rmd" if which == "list" else "")
+            data = None if os.path.islink(path) or not os.path.isfile(path) else open(path, "rb").read()
+            changed = put(path, how, data)
+            if which == "text" and changed is not None:
+                self.text = changed
+
+    def files(self):
+        return {name: open(self.path + name, "rb").read() if os.path.isfile(self.path + name) else "there"
+                for name in ("", ".rmd", ".rmd~", ".rmd+") if os.path.lexists(self.path + name)}
+
+    def check(self, accepted):
+        word, *code = self.outcome.split()
+        ends, now = self.play.ended[self.leaf], self.files()
+        listed = max(0, self.before.get(".rmd", b"").count(b"\n") - 4) if isinstance(self.before.get(".rmd"), bytes) else 1
+        given_up = any("action=delete" in line and f" msg={self.leaf} " in line for line in self.play.log)
+        said = f"{ends}, {sorted(now)}, given up: {given_up}"
+        if word == "untouched":
+            good = now == self.before and not ends and not given_up
+        elif word == "deleted":
+            good = not now and given_up and not ends
+        elif word == "gone":
+            good = not now and not given_up and not ends
+        elif word == "sane":
+            served = given_up or self.play.lines[self.leaf] >= listed
+            good = now == self.before or (served and (not now or ".rmd" in now))
+        else:
+            good = bool(now) == (word == "kept") and len(ends) == listed and all(
+                end == (word, int(code[0]) if code else end[1]) for end in ends.values())
+            if word == "delivered":
+                bodies = {mail.data for mail in accepted if any(f"@{self.leaf}." in rcpt for rcpt in mail.recipients)}
+                good = good and (bodies == {world.wire(self.text)} or self.late)
+        return [] if good else [f"{said} instead of {self.outcome}"]
+
+
+def spool_rows(everything):
+    """The table's cases, "*" counted out."""
+    length = len(world.Rmd(time.time(), time.time(), 1, "<sender@from.test>", [("<ok@s000.test.test>", -1)]).text())
+    for name, steps, outcome in table("spool"):
+        for n in range(0, length if "*" in steps else 1, 1 if everything else 9):
+            yield f"{name} {n}" if "*" in steps else name, steps.replace("*", str(n)), outcome
+
+
+def spool_cases(scratch, everything):
+    found = [SpoolCase(f"s{n:03}", *row) for n, row in enumerate(spool_rows(everything))]
+    late = [case for case in found if case.late]
+    lines = "domain-relay *.later.test 127.3.0.2", "domain-relay * 127.3.0.1"
+    Server("127.3.0.2", {"banner": (1.0, "220 ready"), "rcpt": {"busy": "450 busy"}})
+    server, plays = Server("127.3.0.1", {"rcpt": {"busy": "450 busy", "bad": "550 no"}}), []
+    for some, walkers in ((late, len(late)), ([case for case in found if not case.late], WALKERS)):
+        plays.append(Play(scratch, *lines))
+        for case in some:
+            case.queue(plays[-1])
+        plays[-1].run(lambda some=some: [time.sleep(0.5)] + [case.apply(case.late) for case in some], walkers)
+        plays[-1].returns.stop()
+    for case in found:
+        yield case.name, lambda case=case: case.check(server.mails)
+    yield "the walkers", lambda: [fault for play in plays for fault in play.faults.get("", [])]

@@ -1,0 +1,217 @@
+"""The kill, error and power-cut sweeps."""
+import functools
+import itertools
+import os
+import re
+
+from scene import RECIPIENTS, STRAYS, Ledger, Scene, sender_of
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def numbered(trace):
+    """Each call of a trace as (name, how manyth of that name, its line)."""
+    counts, calls = {}, []
+    for line in trace.splitlines():
+        if match := re.match(r"(?:\d+ +)?(\w+)\(", line):
+            counts[match[1]] = counts.get(match[1], 0) + 1
+            calls.append((match[1], counts[match[1]], line))
+    return calls
+
+
+def undisturbed(scratch):
+    """One run without a fault: its calls and where everybody ends."""
+    scene = Scene(scratch).fill()
+    run = scene.run(strace=[])
+    return numbered(run.trace), Ledger(scene), scene.log
+
+
+def inject(name, number, what):
+    """Options for strace: that call meets `what`, and with a "+" behind it every later one too."""
+    return ["-e", f"trace={name}", "-e", f"inject={name}:{what.rstrip('+')}:when={number}{'+' * what.endswith('+')}"]
+
+
+def kill_cases(scratch):
+    calls, ledger, _ = undisturbed(scratch)
+    yield "no kill", lambda: ledger.check_accounted().check_copies(()).faults
+    for name, number, _ in calls:
+        yield f"{name} {number}", functools.partial(killed, scratch, name, number)
+
+
+def killed(scratch, name, number):
+    scene = Scene(scratch).fill()
+    scene.run(strace=inject(name, number, "signal=KILL"))
+    twice = scene.in_flight()
+    faults = Ledger(scene).check_accounted().faults
+    again = scene.run("-now")
+    faults += ["the next run failed"] * (again.status != 0)
+    return faults + Ledger(scene).check_accounted().check_copies(twice).check_finished().faults
+
+
+def error_table():
+    with open(os.path.join(HERE, "data/errors.txt")) as table:
+        for row in table:
+            if row.strip() and row[0] != "#":
+                names, what, codes = (field.strip() for field in row.split("|"))
+                yield names.split(), what, codes.split()
+
+
+def error_cases(scratch):
+    calls, ledger, log = undisturbed(scratch)
+    table, usual = list(error_table()), ledger.places()
+    start = next(at for at, (name, _, _) in enumerate(calls) if name == "flock")
+    for at, (name, number, line) in enumerate(calls):
+        row = next((row for row in table if name in row[0] and re.search(row[1], line)), None)
+        for code in row[2] if row else ():
+            play = functools.partial(failing, scratch, inject(name, number, code if "=" in code else f"error={code}"), at < start, usual, log)
+            yield f"{name} {number} {code}   [{line.strip()}]", play
+
+
+def failing(scratch, fault, early, usual, usual_log):
+    scene = Scene(scratch).fill()
+    before = scene.world.spool()
+    run = scene.run(strace=fault)
+    ledger = Ledger(scene).check_accounted()
+    faults = ledger.faults
+    if run.status != 0 and not (early and not scene.mails() and scene.world.spool() == before):
+        faults.append(f"the run ended with {run.status}: {run.out}")
+    moved = {RECIPIENTS[rcpt] for rcpt, place in ledger.places().items() if place != usual[rcpt]}
+    moved |= {RECIPIENTS[rcpt] for rcpt in ledger.copies if rcpt in ledger.kept}
+    for leaf in moved:
+        if not (untouched(leaf, before, ledger) or explained(leaf, scene.log, usual_log)):
+            faults.append(f"the log says nothing about {leaf}: {scene.log}")
+    again = scene.run("-now")
+    faults += ["the next run failed"] * (again.status != 0)
+    return faults + Ledger(scene).check_accounted().check_finished().faults
+
+
+def untouched(leaf, before, ledger):
+    """Nothing was done, so there is nothing to tell: a later run does it."""
+    return all(ledger.spool.get(name) == before[name] for name in (leaf, leaf + ".rmd")) and \
+        not any(ledger.copies[rcpt] for rcpt, of in RECIPIENTS.items() if of == leaf)
+
+
+def explained(leaf, log, usual_log):
+    """A line about the message that an undisturbed run does not write, with an error or a result."""
+    def shape(line):
+        return re.sub(r"^\d+ |rjctfile\w+|waited=\d+", "", line)
+    usual = {shape(line) for line in usual_log}
+    told = f"msg={leaf} ", f"to={sender_of(leaf)} "
+    return any(shape(line) not in usual and any(word in line for word in told) and re.search(r" (error|code)=", line) for line in log)
+
+
+# --- power cuts -----------------------------------------------------------------------------------
+class Disk:
+    """What a traced run did to its spool. Each name and each file's data has a durable value and the
+    later ones that no sync has covered: after a cut any of them may be there."""
+
+    def __init__(self, spool):
+        self.files = {number: [data] for number, data in enumerate(spool.values())}
+        self.names = {name: [number] for number, name in enumerate(spool)}
+        self.open, self.next = {}, len(spool)
+
+    def point(self, name, number):
+        self.names.setdefault(name, [None]).append(number)
+
+    def create(self, name):
+        self.files[self.next] = [b""]
+        self.point(name, self.next)
+        self.next += 1
+        return self.names[name][-1]
+
+    def write(self, number, data):
+        values = self.files[number]
+        whole = values[-1] + data
+        values += [whole[:(len(values[-1]) + len(whole)) // 2], whole]
+
+    def states(self, names):
+        """Every content that a cut may leave under these names; None where there is no file."""
+        choices = []
+        for name in names:
+            data = []
+            for number in self.names.get(name, [None]):
+                data += [None] if number is None else self.files[number]
+            choices.append(list(dict.fromkeys(data)))
+        return itertools.product(*choices)
+
+
+CALL = re.compile(r"\d+ +(\w+)\((.*)\) += (-?\d+)(?: |$)")
+FILE_CALLS = ("openat", "write", "pwrite64", "ftruncate", "fsync", "fdatasync", "rename", "unlink", "close", "flock",
+              "recvfrom", "sendto")
+
+
+def replay(trace, disk, root):
+    """Carries the trace out on the disk. Yields, after each call, the message in hand, the names that
+    belong to it so far, and how many mails were accepted and log lines written."""
+    leaf, group, accepted, told = None, [], 0, 0
+    for line in trace.splitlines():
+        match = CALL.match(line)
+        if not match or match[3].startswith("-"):
+            continue
+        name, argument, result = match[1], match[2], int(match[3])
+        paths = [path[len(root):] for path in re.findall(r'"((?:[^"\\]|\\.)*)"', argument) if path.startswith(root)]
+        fd = int(found[0]) if (found := re.match(r"\d+", argument)) else None
+        if name == "openat":
+            disk.open[result] = paths and (paths[0] or "/")
+            if paths and paths[0] and "O_CREAT" in argument:
+                disk.create(paths[0])
+                group.append(paths[0])
+        elif name == "flock":
+            leaf = disk.open[fd][:-4]
+            group = [leaf, leaf + ".rmd", leaf + ".rmd~"]
+        elif name == "recvfrom":
+            accepted += '"250 taken' in argument
+        elif name == "sendto":
+            told += '"\\x3c' in argument
+        elif name in ("rename", "unlink"):
+            disk.point(paths[-1], disk.names[paths[0]][-1] if name == "rename" else None)
+            disk.point(paths[0], None)
+            group += paths
+        elif not disk.open.get(fd):
+            continue
+        elif disk.open[fd] == "/":
+            if name.endswith("sync"):
+                disk.names = {key: values[-1:] for key, values in disk.names.items()}
+        elif name in ("write", "pwrite64"):
+            text = re.search(r'"((?:\\x..)*)"', argument)[1]
+            disk.write(disk.names[disk.open[fd]][-1], bytes.fromhex(text.replace("\\x", "")))
+        elif name.endswith("sync"):
+            number = disk.names[disk.open[fd]][-1]
+            disk.files[number] = disk.files[number][-1:]
+        if leaf:
+            yield leaf, list(dict.fromkeys(group)), accepted, told
+
+
+def power_cases(scratch):
+    scene = Scene(scratch).fill()
+    disk = Disk({name: data for name, data in scene.world.spool().items() if name not in STRAYS})
+    run = scene.run(strace=["-e", "trace=" + ",".join(FILE_CALLS), "-s", "100000", "-xx"])
+    mails = sorted((s.began, mail) for server in scene.servers for s in server.sessions for mail in s.mails if mail.accepted)
+    seen = set()
+    trace = re.sub(r'"((?:\\x..)+)"', unhex, run.trace)
+    for leaf, group, accepted, told in replay(trace, disk, scene.world.spool_dir):
+        for state in disk.states(group):
+            files = {name: data for name, data in zip(group, state) if data is not None}
+            key = leaf, accepted, tuple(sorted(files.items()))
+            if key not in seen:
+                seen.add(key)
+                done = [mail for _, mail in mails[:accepted]]
+                yield f"{leaf} state {len(seen)}", functools.partial(after_cut, scratch, leaf, files, done, scene.log[:told])
+
+
+def unhex(match):
+    """Paths and replies readable, file data as it was traced."""
+    data = bytes.fromhex(match[1].replace("\\x", ""))
+    return f'"{data.decode().rstrip()}"' if re.fullmatch(rb"[ -!#-\[\]-~]*(\r\n)?", data) and data[:1] in b"/2" else match[0]
+
+
+def after_cut(scratch, leaf, files, done, log):
+    scene = Scene(scratch, [leaf])
+    scene.log += log
+    for name, data in files.items():
+        scene.world.put(name, data)
+    faults = Ledger(scene, done).check_accounted().faults
+    run = scene.run("-now")
+    faults += ["the next run failed"] * (run.status != 0)
+    ledger = Ledger(scene, done).check_accounted()
+    return faults + [f"{fault}   from {files}" for fault in ledger.faults]

@@ -1,0 +1,64 @@
+"""Many walkers on one spool: each due message is attempted by one of them."""
+import collections
+import functools
+import os
+import random
+import time
+
+import world
+from scene import Server
+
+MESSAGES, SOME = 2000, 300
+ROUTES = "domain-relay *.a.test 127.0.0.2", "domain-relay *.b.test 127.0.0.3"
+
+
+def walker_cases(scratch, everything):
+    there = [Server(address, {"rcpt": {"busy": "450 busy", "": "250 ok"}}) for address in ("127.0.0.2", "127.0.0.3")]
+    for number in range(3 if everything else 1):
+        for args in ((), ("-now",)):
+            for kills in (0, 6):
+                play = functools.partial(together, scratch, there, args, kills, MESSAGES if everything else SOME, number)
+                yield f"round {number + 1} {' '.join(args)} {kills} killed", play
+
+
+def together(scratch, there, args, kills, count, seed):
+    """Every message has a recipient at each server, every fifth one a busy one besides."""
+    spool = world.World(scratch)
+    spool.table(*ROUTES)
+    for server in there:
+        server.sessions.clear()
+        server.served = 0
+    for n in range(count):
+        spool.queue(f"m{n}", [f"<{n}@a.test>", f"<{n}@b.test>"] + [f"<busy{n}@b.test>"] * (n % 5 == 0))
+    faults, killed, chance = [], 0, random.Random(seed)
+    running = [spool.start(*args) for _ in range(8)]
+    for _ in range(kills):
+        time.sleep(0.1 + 0.2 * chance.random())
+        victim = running.pop(0)
+        os.kill(victim.pid, 9)
+        killed += spool.finish(victim).status == -9
+        running.append(spool.start(*args))
+    faults += [f"a walker ended with {run.status}" for run in [spool.finish(one, 300) for one in running] if run.status != 0]
+    if kills:
+        faults += ["the last run failed"] * (spool.run(*args, timeout=300).status != 0)
+    for server in there:
+        server.settle()
+    return faults + check(spool, there, args, killed, count)
+
+
+def check(spool, there, args, killed, count):
+    sessions = [session for server in there for session in server.sessions]
+    copies = collections.Counter(rcpt for s in sessions for mail in s.mails if mail.accepted for rcpt in mail.recipients)
+    asked = collections.Counter(line[9:].decode() for s in sessions for line in s.commands if line[:9] == b"RCPT TO: ")
+    expected = {f"<{n}@{where}.test>" for n in range(count) for where in "ab"}
+    busy = {f"<busy{n}@b.test>" for n in range(0, count, 5)}
+    second = sum(copies.values()) - len(copies)
+    faults = [f"{rcpt} did not get it" for rcpt in expected - set(copies)]
+    faults += [f"{second} second copies with {killed} killed"] * (second > 2 * killed)
+    # With -now a message is due again at once: for each walker once, or as often as the system lists a
+    # name to it while others change the directory.
+    most = 1 + killed if not args else 4 * (9 + killed)
+    often = {rcpt: asked[rcpt] for rcpt in busy if not 1 <= asked[rcpt] <= most}
+    kept = {rcpt for name in os.listdir(spool.spool_dir) if name.endswith(".rmd") and os.path.exists(spool.spool_dir + name[:-4])
+            for rcpt, _ in spool.rmd(name[:-4]).recipients}
+    return faults + [f"asked about {often}"] * bool(often) + [f"kept {kept ^ busy}"] * (kept != busy)
