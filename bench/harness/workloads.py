@@ -44,76 +44,108 @@ class Workload:
     repeat: int = 1         # runs in each round; their least counts
 
 
-def make(options):
-    """All workloads, in order."""
-    build, scale = options.build, options.scale
-    n = max(2, int(1000 * scale) // 2 * 2)
-    big = int(100 * MEGABYTE * scale)
-    small = spool.text(4096)
-    alive = [[f"r{i}@d0.bench.test"] for i in range(n)]
-    half_dead = [[f"r{i}@{'dead' if i % 2 else 'd0'}.bench.test"] for i in range(n)]
-    bad = [[f"bad{i}@d0.bench.test"] for i in range(n)]
+class Maker:
+    """Makes the workloads for one run of the benchmark."""
 
-    def floor(name, *args):
-        return [str(build / "bench/floors" / f"floor_{name}"), *map(str, args)]
+    def __init__(self, options):
+        self.options = options
+        self.n = max(2, int(1000 * options.scale) // 2 * 2)
+        self.small = spool.text(4096)
 
-    def seeder(body, lists, directory=DEFERRED):
-        return lambda: spool.seed(directory, body, lists)
+    def all(self):
+        yield from self.messages()
+        yield from self.large()
+        yield from self.recipients()
+        yield from self.idle()
+        yield from self.troubled()
 
-    def retryer(service, body, lists, name="retryer", copies=1, against="floor"):
-        return Subject(name, [str(options.retryer), "-as", service], seeder(body, lists), copies, None, against)
+    def floor(self, name, *args):
+        return [str(self.options.build / f"bench/floors/floor_{name}"), *map(str, args)]
 
-    def pair(service, body, lists, relay=space.SERVER):
-        return [Subject("floor", floor("send", DEFERRED, relay), seeder(spool.wire(body), lists)),
-                retryer(service, body, lists)]
+    def walker(self, service):
+        return [str(self.options.retryer), "-as", service]
 
-    def of_peers(count, body):
+    def retryer(self, service, body, lists, name="retryer", copies=1, against="floor"):
+        return Subject(name, self.walker(service), seeder(body, lists), copies, None, against)
+
+    def pair(self, service, body, lists, relay=space.SERVER):
+        return [Subject("floor", self.floor("send", DEFERRED, relay), seeder(spool.wire(body), lists)),
+                self.retryer(service, body, lists)]
+
+    def ceiling(self, messages, at_once, size):
+        return Subject("sink ceiling", self.floor("ceiling", space.SERVER, messages, at_once, size))
+
+    def of_peers(self, count, body):
         return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor")
-                for p in peers.chosen(options)]
+                for p in peers.chosen(self.options)]
 
-    ceiling = Subject("sink ceiling", floor("ceiling", space.SERVER, n, 16, 4096))
-    yield Workload("W1", f"{n} due messages of 4 KB, one server", n,
-                   [ceiling, *pair("w1", small, alive),
-                    retryer("w1", small, alive, "retryer, 2 walkers", 2),
-                    retryer("w1", small, alive, "retryer, 4 walkers", 4), *of_peers(n, small)], n)
-    for key, what, body in (("W2a", "ordinary lines", spool.text(big)),
-                            ("W2b", "lines of 60 bytes that begin with a dot", spool.dotted(big))):
-        ceiling = Subject("sink ceiling", floor("ceiling", space.SERVER, 1, 1, big))
-        yield Workload(key, f"one message of {big // MEGABYTE} MB, {what}", 1,
-                       [ceiling, *pair("w1", body, alive[:1]), *of_peers(1, body)], 1)
-    for key, count in (("W3a", 1000), ("W3b", 10000)):
-        count = max(2, int(count * scale))
-        lists = [[f"r{i}@d0.bench.test" for i in range(count)]]
-        yield Workload(key, f"one message, {count} recipients, one server", count,
-                       pair("w1", small, lists), 1)
-    for key, count in (("W4a", 1000), ("W4b", 10000)):
-        count = max(space.DOMAINS, int(count * scale))
-        lists = [[f"r{i}@d{i % space.DOMAINS}.bench.test" for i in range(count)]]
-        yield Workload(key, f"one message, {count} recipients, {space.DOMAINS} domains", count,
-                       pair("w4", small, lists, "-"), space.DOMAINS)
-    for key, count in (("W5a", 10000), ("W5b", 100000)):
-        count = int(count * scale)
-        where = f"/var/spool/{key.lower()}/"
-        if wanted(options, key):
-            spool.seed_once(where, small, count)
-        subjects = [Subject("floor", floor("scan", where)),
-                    Subject("retryer", [str(options.retryer), "-as", key.lower()], against="floor")]
-        if key == "W5a":
-            subjects += [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, small), 1, p, "floor")
-                         for p in peers.chosen(options) if p.idle_argv]
-        yield Workload(key, f"{count} messages, none due", count, subjects)
-    os.makedirs("/var/spool/w6", exist_ok=True)
-    yield Workload("W6", "an empty spool", 1, [
-        Subject("floor", floor("empty")),
-        Subject("retryer", [str(options.retryer), "-as", "w6"], against="floor")], repeat=20)
-    yield Workload("W7", f"{n} due messages, half of them for a dead host", n, [
-        Subject("floor", floor("rewrite", DEFERRED, n // 2), seeder(small, alive)),
-        retryer("w7", small, alive[:n // 2], "retryer, living half", against=""),
-        retryer("w7", small, half_dead, against="retryer, living half")], n // 2)
-    yield Workload("W8", f"{n} due messages, each reply after 20 ms", n, [
-        retryer("w1", small, alive, f"retryer, {walkers} walkers", walkers, "retryer, 1 walkers")
-        for walkers in (1, 2, 8, 32)], n, 20000)
-    yield Workload("W9", f"{n} due messages, all refused for good", n, pair("w9", small, bad), n)
+    def messages(self):
+        n, small, lists = self.n, self.small, people(self.n)
+        yield Workload("W1", f"{n} due messages of 4 KB, one server", n,
+                       [self.ceiling(n, 16, 4096), *self.pair("w1", small, lists),
+                        self.retryer("w1", small, lists, "retryer, 2 walkers", 2),
+                        self.retryer("w1", small, lists, "retryer, 4 walkers", 4),
+                        *self.of_peers(n, small)], n)
+
+    def large(self):
+        size = int(100 * MEGABYTE * self.options.scale)
+        for key, what, body in (("W2a", "ordinary lines", spool.text(size)),
+                                ("W2b", "lines of 60 bytes that begin with a dot", spool.dotted(size))):
+            yield Workload(key, f"one message of {size // MEGABYTE} MB, {what}", 1,
+                           [self.ceiling(1, 1, size), *self.pair("w1", body, people(1)),
+                            *self.of_peers(1, body)], 1)
+
+    def recipients(self):
+        domains = space.DOMAINS
+        for key, count in (("W3a", 1000), ("W3b", 10000)):
+            count = max(2, int(count * self.options.scale))
+            yield Workload(key, f"one message, {count} recipients, one server", count,
+                           self.pair("w1", self.small, [sum(people(count), [])]), 1)
+        for key, count in (("W4a", 1000), ("W4b", 10000)):
+            count = max(domains, int(count * self.options.scale))
+            lists = [[f"r{i}@d{i % domains}.bench.test" for i in range(count)]]
+            yield Workload(key, f"one message, {count} recipients, {domains} domains", count,
+                           self.pair("w4", self.small, lists, "-"), domains)
+
+    def idle(self):
+        for key, count in (("W5a", 10000), ("W5b", 100000)):
+            count = int(count * self.options.scale)
+            where = f"/var/spool/{key.lower()}/"
+            if wanted(self.options, key):
+                spool.seed_once(where, self.small, count)
+            subjects = [Subject("floor", self.floor("scan", where)),
+                        Subject("retryer", self.walker(key.lower()), against="floor")]
+            if key == "W5a":
+                subjects += [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, self.small), 1, p,
+                                     "floor") for p in peers.chosen(self.options) if p.idle_argv]
+            yield Workload(key, f"{count} messages, none due", count, subjects)
+        os.makedirs("/var/spool/w6", exist_ok=True)
+        yield Workload("W6", "an empty spool", 1,
+                       [Subject("floor", self.floor("empty")),
+                        Subject("retryer", self.walker("w6"), against="floor")], repeat=20)
+
+    def troubled(self):
+        n, small = self.n, self.small
+        alive = people(n)
+        half_dead = [[f"r{i}@{'dead' if i % 2 else 'd0'}.bench.test"] for i in range(n)]
+        yield Workload("W7", f"{n} due messages, half of them for a dead host", n, [
+            Subject("floor", self.floor("rewrite", DEFERRED, n // 2), seeder(small, alive)),
+            self.retryer("w7", small, alive[:n // 2], "retryer, living half", against=""),
+            self.retryer("w7", small, half_dead, against="retryer, living half")], n // 2)
+        yield Workload("W8", f"{n} due messages, each reply after 20 ms", n, [
+            self.retryer("w1", small, alive, f"retryer, {walkers} walkers", walkers, "retryer, 1 walkers")
+            for walkers in (1, 2, 8, 32)], n, 20000)
+        yield Workload("W9", f"{n} due messages, all refused for good", n,
+                       self.pair("w9", small, people(n, "bad")), n)
+
+
+def people(count, prefix="r"):
+    """As many lists of one recipient."""
+    return [[f"{prefix}{i}@d0.bench.test"] for i in range(count)]
+
+
+def seeder(body, lists):
+    return lambda: spool.seed(DEFERRED, body, lists)
 
 
 def wanted(options, key):
@@ -175,7 +207,7 @@ def measure_all(options, sink):
     rules.write_text(RULES)
     os.environ["TAVORIX"] = str(options.work / "config")
     results = []
-    for workload in make(options):
+    for workload in Maker(options).all():
         if wanted(options, workload.key):
             results.append(measure(options, workload, sink))
     return results
@@ -198,6 +230,7 @@ def measure(options, workload, sink):
     workload.subjects = [s for s in workload.subjects if runs[s.name]]
     calls = {}
     for subject in workload.subjects:
-        if not options.no_strace and subject.copies == 1 and subject.name != "sink ceiling":
+        counted = subject.copies == 1 and not workload.delay_us and subject.name != "sink ceiling"
+        if counted and not options.no_strace:
             calls[subject.name] = count_calls(options, subject, workload, sink)
     return workload, runs, calls
