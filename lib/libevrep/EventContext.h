@@ -24,19 +24,19 @@
 // differ in the name.
 #define GW_TEXT_ACCESSORS(Name, field)                                                             \
     void set##Name(const char* text) {                                                             \
-        field.SetValue(text);                                                                      \
+        (field).SetValue(text);                                                                    \
     }                                                                                              \
     void set##Name(const wchar_t* text) {                                                          \
-        field.SetValue(text);                                                                      \
+        (field).SetValue(text);                                                                    \
     }                                                                                              \
     [[nodiscard]] const char* getAnsi##Name(const char* fallback) const {                          \
-        return *field.GetAnsiValue() != '\0' ? field.GetAnsiValue() : fallback;                    \
+        return *(field).GetAnsiValue() != '\0' ? (field).GetAnsiValue() : fallback;                \
     }                                                                                              \
     [[nodiscard]] const wchar_t* getWide##Name(const wchar_t* fallback) const {                    \
-        return *field.GetWideValue() != L'\0' ? field.GetWideValue() : fallback;                   \
+        return *(field).GetWideValue() != L'\0' ? (field).GetWideValue() : fallback;               \
     }                                                                                              \
     [[nodiscard]] bool getUTF8##Name(iconv_t handle, char* buffer, std::size_t& length) const {    \
-        return getUTF8(handle, field.GetWideValue(), buffer, length);                              \
+        return getUTF8(handle, (field).GetWideValue(), buffer, length);                            \
     }
 
 // Where the event happened. Nothing in this library fills it; a reporter that needs it does.

@@ -9,21 +9,21 @@
 // proxies' log records. Fixed at 32 bits: a number that has no name here (a delivery event of the
 // mail library, or a newer program's code) is carried all the same.
 enum ReportableEvent : std::int32_t {
-#define REPORTABLE_EVENT(name, value) name = value,
+#define REPORTABLE_EVENT(name, value) name = (value),
 #include "libevrep/ReportableEvents.inc"
 #undef REPORTABLE_EVENT
 };
 
 // Why, for events with a management context.
 enum Reason : std::int32_t {
-#define EVENT_REASON(name, value) name = value,
+#define EVENT_REASON(name, value) name = (value),
 #include "libevrep/Reasons.inc"
 #undef EVENT_REASON
 };
 
 // Keys of the property bag.
 enum PropEnum : std::int32_t {
-#define EVENT_PROPERTY(name, value) name = value,
+#define EVENT_PROPERTY(name, value) name = (value),
 #include "libevrep/Properties.inc"
 #undef EVENT_PROPERTY
 };

@@ -1,6 +1,7 @@
 #include "libevrep/senddata.h"
 
 #include "libevrep/EventArchive.h"
+#include "libevrep/FrameReader.h"
 #include "libevrep/crc32.h"
 #include "libevrep/debugOut.h"
 
@@ -87,10 +88,7 @@ std::span<const std::byte, CSendFooter::wireSize> CSendFooter::data() const noex
 }
 
 void CTransfer::Init() noexcept {
-    m_nState = UNKNOWN;
-    m_pHdrData.reset();
-    m_pEventData.reset();
-    m_pFooterData.reset();
+    *this = CTransfer(m_pSocket);
 }
 
 std::int32_t CTransfer::Send(const GW_EVENT& event) {
@@ -143,6 +141,25 @@ const CMemArchive* CTransfer::GetWriteData() {
         break;
     }
     return nullptr;
+}
+
+std::span<std::byte> CTransfer::GetReadBuffer() {
+    std::span<std::byte> buffer;
+    if (m_nState == HEADER)
+        buffer = m_pHdrBuffer;
+    else if (m_nState == DATA)
+        buffer = dataBuffer();
+    else if (m_nState == FOOTER)
+        buffer = m_pFooterBuffer;
+    m_nBytesToRead = static_cast<std::int32_t>(buffer.size());
+    return buffer;
+}
+
+std::span<std::byte> CTransfer::dataBuffer() {
+    const CSendHeader header(m_pHdrBuffer);
+    const bool accepted = header.IsValid() && header.GetSize() <= FrameReader::defaultMaxDataSize;
+    m_pDataBuffer.resize(accepted ? header.GetSize() : 0);
+    return m_pDataBuffer;
 }
 
 TransferState CTransfer::Transition() {

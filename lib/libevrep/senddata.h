@@ -10,6 +10,7 @@
 #include <memory>
 #include <span>
 #include <string_view>
+#include <vector>
 
 // Kind of appliance that sends.
 enum SourceType : std::int32_t {
@@ -79,14 +80,14 @@ public:
     [[nodiscard]] static std::string_view Identity() noexcept;
 
 private:
-    char m_szIdentity[14];
-    char m_Padding[2];
-    std::int32_t m_nVersion;
-    std::uint32_t m_timeStamp;
-    SourceType m_nSourceType;
-    TaskVerb m_nTaskVerb;
-    std::uint32_t m_lDataCRC;
-    std::uint32_t m_lSize;
+    char m_szIdentity[14]{};
+    char m_Padding[2]{};
+    std::int32_t m_nVersion = currentVersion;
+    std::uint32_t m_timeStamp = 0;
+    SourceType m_nSourceType = TYPE_UNKNOWN;
+    TaskVerb m_nTaskVerb = TASK_NOTHING;
+    std::uint32_t m_lDataCRC = 0;
+    std::uint32_t m_lSize = 0;
 };
 static_assert(sizeof(CSendHeader) == CSendHeader::wireSize);
 
@@ -103,20 +104,22 @@ public:
     [[nodiscard]] std::span<const std::byte, wireSize> data() const noexcept;
 
 private:
-    std::array<char, wireSize> m_szFooter;
+    std::array<char, wireSize> m_szFooter{};
 };
 static_assert(sizeof(CSendFooter) == CSendFooter::wireSize);
 
 enum TransferState : std::int32_t { UNKNOWN = 0, HEADER = 1, DATA = 2, FOOTER = 3, FINISHED = 4 };
 
-// Builds the pieces of a message and hands them out one after another, while its user writes each
-// to the connection and calls Transition() when it is through. Receiving is FrameReader's.
+// One message, sent or received in its three pieces. Its user writes what GetWriteData() hands out
+// to the connection, or fills what GetReadBuffer() gives with the bytes that come, and calls
+// Transition() when a piece is through. A stream that is not trusted is FrameReader's to read.
 class CTransfer {
 public:
     // The socket, which may be null, is only kept for GetReplySocket().
     explicit CTransfer(CSocket* socket = nullptr) noexcept : m_pSocket(socket) {}
 
-    // Drops all pieces; the state is UNKNOWN until the next Send.
+    // Drops all pieces and what was received; the state is UNKNOWN until the next Send or
+    // ResetState().
     void Init() noexcept;
     void Flush() noexcept { Init(); }
 
@@ -135,10 +138,19 @@ public:
     // null before a Send and when all is handed out. Owned by this object until the next Send.
     [[nodiscard]] const CMemArchive* GetWriteData();
 
+    // The room for the piece to be received in this state, which the caller fills whole: 40 bytes
+    // in HEADER, 18 in FOOTER, and in DATA as many as the header received before says. Empty in the
+    // other states, and in DATA when that header is not valid or says more than a FrameReader
+    // accepts by default. The bytes stay until the next message overwrites them or a Send, Init()
+    // or Flush() drops them; nothing in them is checked.
+    [[nodiscard]] std::span<std::byte> GetReadBuffer();
+    // The size of the buffer given last.
+    [[nodiscard]] std::int32_t GetBytesToRead() const noexcept { return m_nBytesToRead; }
+
     // Moves to the next state, which it returns; FINISHED stays, UNKNOWN gives 0.
     TransferState Transition();
-    // Hands the same pieces out again, from the header.
-    void ResetState() noexcept { m_nState = m_pHdrData ? HEADER : UNKNOWN; }
+    // Begins at the header: the pieces are handed out again, or a message is received.
+    void ResetState() noexcept { m_nState = HEADER; }
     [[nodiscard]] TransferState GetState() const noexcept { return m_nState; }
 
     // The pieces as built; header and footer are only there when IsValid().
@@ -149,9 +161,15 @@ public:
     [[nodiscard]] CSocket* GetReplySocket() const noexcept { return m_pSocket; }
 
 private:
+    [[nodiscard]] std::span<std::byte> dataBuffer();
+
+    std::int32_t m_nBytesToRead = 0;
     TransferState m_nState = UNKNOWN;
     std::unique_ptr<CMemArchive> m_pHdrData;
     std::unique_ptr<CMemArchive> m_pEventData;
     std::unique_ptr<CMemArchive> m_pFooterData;
+    std::array<std::byte, CSendHeader::wireSize> m_pHdrBuffer{};
+    std::vector<std::byte> m_pDataBuffer;
+    std::array<std::byte, CSendFooter::wireSize> m_pFooterBuffer{};
     CSocket* m_pSocket;
 };

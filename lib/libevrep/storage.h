@@ -68,7 +68,7 @@ public:
 
 private:
     std::int32_t m_nValue;
-    char m_szValue[xtoaSize];
+    char m_szValue[xtoaSize]{};
 };
 
 using CIntStore = NumberStore<ST_INT>;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -104,7 +105,7 @@ bool usable(iconv_t handle, const void* text, const void* buffer, std::size_t le
 } // namespace
 
 iconv_t invalidIconv() noexcept {
-    return reinterpret_cast<iconv_t>(static_cast<std::intptr_t>(-1));
+    return std::bit_cast<iconv_t>(std::intptr_t{-1});
 }
 
 bool Is7BitData(std::string_view bytes) noexcept {
@@ -169,7 +170,7 @@ bool utf8_valid(std::string_view text) noexcept {
 std::optional<std::size_t> ucs4_to_utf8(std::wstring_view text, std::span<char> out) noexcept {
     std::size_t used = 0;
     for (const wchar_t c : text) {
-        const auto value = static_cast<std::uint32_t>(c);
+        const auto value = std::bit_cast<std::uint32_t>(c);
         if (!isCharacter(value))
             return std::nullopt;
         const Encoded encoded = encode(value);

@@ -20,7 +20,7 @@ bool isControl(wchar_t c) {
 }
 
 void appendUtf8(std::string& out, wchar_t c) {
-    std::array<char, 4> bytes;
+    std::array<char, 4> bytes{};
     auto length = ucs4_to_utf8({&c, 1}, bytes);
     if (!length)
         length = ucs4_to_utf8({&replacement, 1}, bytes);

@@ -102,7 +102,7 @@ int listStream(const Options& options, Listing& listing) {
     if (!options.file.empty())
         opened.reset(::open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
     const int fd = options.file.empty() ? STDIN_FILENO : opened.get();
-    std::array<std::byte, 65536> piece;
+    std::array<std::byte, 65536> piece{};
     ssize_t got = 0;
     while (fd >= 0 && (got = read(fd, piece.data(), piece.size())) > 0)
         listing.feed(std::span(piece).first(static_cast<std::size_t>(got)));
@@ -116,7 +116,7 @@ int listen(const Options& options, LogListing& listing) {
     LogSocket socket(options.socket);
     if (!socket.open())
         return unable(options.socket);
-    std::array<std::byte, sizeof(DaemonMsg)> datagram;
+    std::array<std::byte, sizeof(DaemonMsg)> datagram{};
     for (std::uint32_t left = options.count; left > 0; --left) {
         const ssize_t got = socket.receive(datagram);
         if (got < 0 && errno != EINTR)
