@@ -9,106 +9,74 @@
 
 namespace {
 
-struct Seen {
-    int made = 0;
-    int destroyed = 0;
-    std::vector<GW_EVENT> events;
-    std::string logged;
-} seen;
+int made = 0;
+int destroyed = 0;
+std::vector<GW_EVENT> reported;
+std::string logged;
 
 class Recorder : public AbstractReporter {
 public:
-    Recorder() { ++seen.made; }
-    void report(const GW_EVENT& event) override { seen.events.push_back(event); }
-    ~Recorder() override { ++seen.destroyed; }
+    Recorder() { ++made; }
+    void report(const GW_EVENT& event) override { reported.push_back(event); }
+    ~Recorder() override { ++destroyed; }
 };
 
-GW_EVENT event(std::int32_t code) {
-    return Reporter::createEvent(UNDECIDED, 1, 2, static_cast<ReportableEvent>(code), Reason_Null,
-                                 nullptr, nullptr);
+GW_EVENT make(std::int32_t discriminant, std::int32_t code = EVENT_TEST,
+              const char* place = nullptr, const char* rule = nullptr) {
+    return Reporter::createEvent(static_cast<GW_UNION_DISCRIMINANT>(discriminant), 3, 4,
+                                 static_cast<ReportableEvent>(code), Reason_DiskFull, place, rule);
 }
 
 void report(std::int32_t code) {
-    GW_EVENT one = event(code);
+    GW_EVENT one = make(UNDECIDED, code);
     Reporter::reportEvent(one);
 }
 
-class ReporterTest : public testing::Test {
-protected:
-    void SetUp() override {
-        Reporter::c_pInstance.reset();
-        Reporter::c_State = Reporter::notStarted;
-        seen = Seen();
-    }
-    void TearDown() override { SetUp(); }
-};
-
-TEST_F(ReporterTest, IsMadeOnDemandAndStampsEvents) {
+TEST(Reporter, IsMadeOnDemandStampsEventsAndRefusesThemOnceShutDown) {
+    EXPECT_EQ(Reporter::c_State, 0);
     strcpy(Reporter::c_szSubSystemName, "tester");
-    report(EVENT_TEST);
-    report(EVENT_TEST);
-    EXPECT_EQ(seen.made, 1);
-    EXPECT_EQ(Reporter::c_State, 1);
-    ASSERT_EQ(seen.events.size(), 2U);
-    EXPECT_STREQ(seen.events[0].m_EventContext.getAnsiSubSystemName(""), "tester");
-    EXPECT_STREQ(seen.events[0].m_EventContext.getAnsiSubSystemVersion("none"), "none");
-}
-
-TEST_F(ReporterTest, DropsCodesOutsideTheRangeSilently) {
-    for (const std::int32_t code : {0, -1, 32526, 1, 32525})
+    for (const std::int32_t code : {0, -1, 32526, 1, 32525}) // the first three have no range
         report(code);
-    ASSERT_EQ(seen.events.size(), 2U);
-    EXPECT_EQ(seen.events[0].m_EventID, 1);
-    EXPECT_EQ(seen.events[1].m_EventID, EVENT_LAST);
-    EXPECT_EQ(seen.logged, "");
-}
-
-TEST_F(ReporterTest, RefusesEventsAfterShutdownUntilStarted) {
-    Reporter::startup();
-    Reporter::startup();
-    EXPECT_EQ(seen.made, 1);
-    EXPECT_EQ(Reporter::c_State, 2);
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(Reporter::c_State, 1);
+    ASSERT_EQ(reported.size(), 2U);
+    EXPECT_EQ(reported[0].m_EventID, 1);
+    EXPECT_EQ(reported[1].m_EventID, EVENT_LAST);
+    EXPECT_STREQ(reported[0].m_EventContext.getAnsiSubSystemName(""), "tester");
+    EXPECT_STREQ(reported[0].m_EventContext.getAnsiSubSystemVersion("none"), "none");
+    EXPECT_EQ(logged, "");
     Reporter::shutdown();
-    EXPECT_EQ(seen.destroyed, 1);
+    EXPECT_EQ(destroyed, 1);
     EXPECT_EQ(Reporter::c_State, 3);
     report(EVENT_TEST);
-    EXPECT_TRUE(seen.events.empty());
-    EXPECT_EQ(seen.logged, "1 Attempt to send event while reporting is shut down\n");
-    Reporter::startup();
+    EXPECT_EQ(logged, "1 Attempt to send event while reporting is shut down\n");
+    for (int twice = 0; twice < 2; ++twice)
+        Reporter::startup();
+    EXPECT_EQ(made, 2);
+    EXPECT_EQ(Reporter::c_State, 2);
+    EXPECT_EQ(reported.size(), 2U);
     report(EVENT_TEST);
-    EXPECT_EQ(seen.events.size(), 1U);
+    EXPECT_EQ(reported.size(), 3U);
 }
 
 TEST(CreateEvent, FillsWhatTheDiscriminantAsksFor) {
-    const auto make = [](std::int32_t discriminant, const char* rule) {
-        return Reporter::createEvent(static_cast<GW_UNION_DISCRIMINANT>(discriminant), 3, 4,
-                                     EVENT_TEST_FAILED, Reason_DiskFull, "unit:12", rule);
-    };
-    const GW_EVENT management = make(MANAGEMENT_CONTEXT, nullptr);
-    EXPECT_EQ(management.m_iStructVersion, 0);
-    EXPECT_EQ(management.m_EventID, EVENT_TEST_FAILED);
-    EXPECT_EQ(management.m_EventContext.m_Severity, 3U);
-    EXPECT_EQ(management.m_intendedAudience, 4);
-    EXPECT_EQ(management.m_PropertyBag.Identifier(), "Default Property Bag");
-    EXPECT_EQ(management.m_PropertyBag.Version(), 1);
-    EXPECT_EQ(management.getManagementContext()->m_iReasonID, Reason_DiskFull);
-    EXPECT_EQ(management.getScanContext(), nullptr);
-    std::string place;
-    EXPECT_TRUE(management.m_PropertyBag.Get(EPROP_CODE_LOCATION, place));
-    EXPECT_EQ(place, "unit:12");
-    EXPECT_STREQ(make(SCAN_CONTEXT, "rule").getScanContext()->getAnsiScanRule(""), "rule");
-    EXPECT_STREQ(make(SCAN_CONTEXT, nullptr).getScanContext()->getAnsiScanRule("none"), "none");
-    EXPECT_EQ(make(STATS_CONTEXT, nullptr).m_iUnionDiscriminant, STATS_CONTEXT);
-    EXPECT_EQ(make(STATS_CONTEXT, nullptr).getStatsContext(), nullptr);
-    EXPECT_EQ(make(7, nullptr).m_iUnionDiscriminant, UNDECIDED);
-    EXPECT_EQ(event(EVENT_TEST).m_PropertyBag.Count(), 0U); // no code location
-}
-
-TEST(Modes, StandAsTheProgramsExpectThemAtStart) {
-    EXPECT_EQ(ReportingMode, 0);
-    EXPECT_EQ(DetailMode, 1);
-    EXPECT_EQ(ErrorMode, 1);
-    EXPECT_EQ(DebugMode, 0);
+    GW_EVENT expected;
+    expected.m_EventID = EVENT_TEST_FAILED;
+    expected.m_EventContext.m_Severity = 3;
+    expected.m_intendedAudience = 4;
+    expected.m_PropertyBag = CPropertyBag("Default Property Bag", 1);
+    expected.m_PropertyBag.Set(EPROP_CODE_LOCATION, "unit:12");
+    expected.m_iUnionDiscriminant = MANAGEMENT_CONTEXT;
+    expected.m_ManagementContext.create().m_iReasonID = Reason_DiskFull;
+    EXPECT_TRUE(make(MANAGEMENT_CONTEXT, EVENT_TEST_FAILED, "unit:12") == expected);
+    EXPECT_EQ(make(MANAGEMENT_CONTEXT).getScanContext(), nullptr);
+    const GW_EVENT scan = make(SCAN_CONTEXT, EVENT_TEST, nullptr, "rule");
+    EXPECT_STREQ(scan.getScanContext()->getAnsiScanRule(""), "rule");
+    EXPECT_EQ(scan.m_PropertyBag.Count(), 0U); // no code location
+    EXPECT_STREQ(make(SCAN_CONTEXT).getScanContext()->getAnsiScanRule("none"), "none");
+    EXPECT_EQ(make(STATS_CONTEXT).m_iUnionDiscriminant, STATS_CONTEXT);
+    EXPECT_EQ(make(STATS_CONTEXT).getStatsContext(), nullptr);
+    EXPECT_EQ(make(7).m_iUnionDiscriminant, UNDECIDED);
 }
 
 } // namespace
@@ -124,5 +92,5 @@ extern "C" void syslog(int priority, const char* format, ...) {
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    seen.logged += std::to_string(priority) + " " + text + "\n";
+    logged += std::to_string(priority) + " " + text + "\n";
 }
