@@ -3,9 +3,7 @@
 #include "email/Resolver.h"
 #include "libevrep/Reporter.h"
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -14,43 +12,29 @@ std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
     std::abort(); // a failed check: nothing in an answer may lead to one
 }
 
-namespace {
-
-void require(bool holds) {
+static void require(bool holds) {
     if (!holds) {
         std::abort();
     }
 }
 
-void checkOrder(const int* prefs, int n) {
-    for (int i = 0; i < n; ++i) {
-        require(prefs[i] >= 0 && prefs[i] <= 0xffff);
-        require(i == 0 || prefs[i - 1] <= prefs[i]);
-    }
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // A copy of its own size, so that a read behind the answer is seen.
     const std::vector<unsigned char> message(data, data + size);
-    std::array<char*, Resolver::kMaxExchangers> names{};
-    std::array<int, Resolver::kMaxExchangers> prefs{};
+    char* names[Resolver::kMaxExchangers] = {};
+    int prefs[Resolver::kMaxExchangers] = {};
     int n = Resolver::kMaxExchangers;
-    Resolver resolver;
-    const bool good = resolver.ParseQuery(message.data(), static_cast<int>(message.size()),
-                                          names.data(), prefs.data(), n);
+    const bool good =
+        Resolver().ParseQuery(message.data(), static_cast<int>(size), names, prefs, n);
     require(n >= 0 && n <= Resolver::kMaxExchangers && (good || n == 0));
-    for (int i = 0; i < n; ++i) {
-        require(std::strlen(names[static_cast<std::size_t>(i)]) < Resolver::kNameSize);
-    }
-    Resolver::SortMXAnswers(names.data(), prefs.data(), n);
-    checkOrder(prefs.data(), n);
+    require(std::all_of(names, names + n,
+                        [](char* name) { return std::strlen(name) < Resolver::kNameSize; }));
+    Resolver::SortMXAnswers(names, prefs, n);
+    require(std::is_sorted(prefs, prefs + n) &&
+            (n == 0 || (prefs[0] >= 0 && prefs[n - 1] < 65536)));
     const int before = n;
-    Resolver::RemoveSameServerMXAnswers(names.data(), prefs.data(), n);
+    Resolver::RemoveSameServerMXAnswers(names, prefs, n);
     require(n >= 0 && n <= before);
-    for (char* name : names) {
-        delete[] name;
-    }
+    std::for_each(names, std::end(names), [](char* name) { delete[] name; });
     return 0;
 }

@@ -1,6 +1,5 @@
-// What a server sends, any bytes, cut into segments: every reply is a number of three characters or
-// 1001, and the reading ends. The first input byte gives the length of the segments, of which there
-// are 64 at most.
+// What a server sends, any bytes, in 64 segments at most, whose length the first byte gives: every
+// reply is a number of three characters or 1001, and the reading ends.
 #include "email/Sender.h"
 #include "fwall/UniqueFd.h"
 #include "libevrep/Reporter.h"
@@ -8,40 +7,29 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
 
 std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
     std::abort(); // a failed check: nothing that a server sends may lead to one
 }
 
-namespace {
-
-class Client : public Sender {
-public:
+struct Client : Sender {
     explicit Client(int fd) { theSocket = fd; }
     void logEvent(eventId, const char*, int) override {}
 };
-
-bool plausible(int number) {
-    return number == COMMS_FAILED || (number >= -99 && number <= 999);
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     int fds[2] = {-1, -1};
     if (size == 0 || ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
         return 0;
     }
-    UniqueFd server(fds[1]);
+    const UniqueFd server(fds[1]);
     Client client(fds[0]);
     const std::size_t segment = data[0] + size / 64 + 1;
     for (std::size_t at = 1; at < size; at += segment) {
         ::send(server.get(), data + at, std::min(segment, size - at), MSG_NOSIGNAL);
         const int number = client.readReply(0, nullptr);
-        if (!plausible(number)) {
+        if (number != COMMS_FAILED && (number < -99 || number > 999)) {
             std::abort();
         }
     }
