@@ -137,7 +137,7 @@ class Disk:
 
 CALL = re.compile(r"\d+ +(\w+)\((.*)\) += (-?\d+)(?: |$)")
 FILE_CALLS = ("openat", "write", "pwrite64", "ftruncate", "fsync", "fdatasync", "rename", "unlink", "close", "flock",
-              "recvfrom", "sendto")
+              "recvfrom", "?recv", "sendto", "?send")  # without address: on 32 bits
 
 
 def replay(trace, disk, root):
@@ -159,9 +159,9 @@ def replay(trace, disk, root):
         elif name == "flock":
             leaf = disk.open[fd][:-4]
             group = [leaf, leaf + ".rmd", leaf + ".rmd~"]
-        elif name == "recvfrom":
+        elif name in ("recvfrom", "recv"):
             accepted += '"250 taken' in argument
-        elif name == "sendto":
+        elif name in ("sendto", "send"):
             told += '"\\x3c' in argument
         elif name in ("rename", "unlink"):
             disk.point(paths[-1], disk.names[paths[0]][-1] if name == "rename" else None)
