@@ -88,7 +88,7 @@ struct Client : Sender {
 };
 
 struct Conversation : testing::Test {
-    Conversation() { join(); }
+    Conversation() { join(), mailscanGlobals::DATA_final_interval = 5; }
     ~Conversation() override { Email::Alarm::setExpiry(false); }
     void join() {
         client.CloseTransport();
