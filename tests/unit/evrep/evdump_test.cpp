@@ -42,10 +42,6 @@ protected:
     const std::string path_ = directory_ / "input";
 };
 
-Bytes type(const std::string& name) {
-    return block(GOLDEN "/types.txt", name);
-}
-
 TEST_F(EvDump, ShowsEveryTypeByName) {
     Bytes stream;
     for (const char* name : {"event1", "event2", "event3"})
@@ -72,6 +68,7 @@ TEST_F(EvDump, TellsWhereItIsDamagedGoesOnAndPrintsNothingThatSteersATerminal) {
 TEST_F(EvDump, ListsStandardLogRecords) {
     Bytes good = block(WIRE_FORMAT, "log");
     std::fill_n(good.begin() + 0xcb, 64, std::byte{'d'}); // a field without terminator
+    good[0x14] = std::byte{27};                           // a facility above the severity
     Bytes records = good;
     append(records, hex("40 06 00 00")); // another size
     records.resize(2 * good.size());

@@ -129,14 +129,11 @@ TEST(PropertyBag, ConvertsValuesAndReplacesThem) {
     std::wstring wide;
     std::int32_t number = 0;
     long large = 0;
-    EXPECT_TRUE(bag.Get(EPROP_SIZE, wide) && bag.Get(EPROP_HOST, number) &&
-                bag.Get(EPROP_COUNT, large) && bag.Get(EPROP_SERVER, text));
-    EXPECT_EQ(wide, L"-1");
-    EXPECT_EQ(number, -12);
-    EXPECT_EQ(large, 2147483647L);
-    EXPECT_EQ(text, "?");
-    EXPECT_FALSE(bag.Get(EPROP_RULE, number));
-    EXPECT_EQ(number, -12);
+    EXPECT_TRUE(bag.Get(EPROP_SIZE, wide) && wide == L"-1");
+    EXPECT_TRUE(bag.Get(EPROP_HOST, number) && number == -12);
+    EXPECT_TRUE(bag.Get(EPROP_COUNT, large) && large == 2147483647L);
+    EXPECT_TRUE(bag.Get(EPROP_SERVER, text) && text == "?");
+    EXPECT_TRUE(!bag.Get(EPROP_RULE, number) && number == -12);
     EXPECT_EQ(bag.GetElementNumber(0)->m_nIndex, EPROP_SERVER);
     EXPECT_EQ(bag.GetElementNumber(4), nullptr);
     bag.Set(EPROP_HOST, 25);

@@ -63,6 +63,10 @@ Bytes block(const std::string& path, const std::string& name) {
     return bytes;
 }
 
+Bytes type(const std::string& name) {
+    return block(GOLDEN "/types.txt", name);
+}
+
 Bytes handedOut(CTransfer& transfer) {
     Bytes bytes;
     while (const CMemArchive* piece = transfer.GetWriteData()) {

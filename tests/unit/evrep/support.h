@@ -18,6 +18,8 @@ using Bytes = std::vector<std::byte>;
 // where "@" and a name stand for the bytes of another block. No line goes without explanation, and
 // an offset that is given must be right.
 [[nodiscard]] Bytes block(const std::string& path, const std::string& name);
+// A block of golden/types.txt.
+[[nodiscard]] Bytes type(const std::string& name);
 
 inline Bytes copy(std::span<const std::byte> bytes) {
     return {bytes.begin(), bytes.end()};
@@ -32,6 +34,14 @@ Bytes archived(const Record& record) {
     CMemArchive archive;
     archive << record;
     return copy(archive.Bytes());
+}
+
+// Reads the bytes of a value; false unless they are read without failure and to their end.
+template<class Value>
+bool readAll(std::span<const std::byte> bytes, Value& value) {
+    CMemArchive archive(bytes);
+    archive >> value;
+    return !archive.Failed() && archive.BytesLeft() == 0;
 }
 
 // Everything a transfer hands out, in order, as if it had been built at 1700000000.

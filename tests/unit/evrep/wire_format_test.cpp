@@ -14,9 +14,8 @@ namespace {
 // That the fields hold what the explanations say is seen in golden/damaged.txt.
 TEST(WireFormat, EventAndFrameExamplesAreWhatTheLibraryWrites) {
     const Bytes example = block(WIRE_FORMAT, "event");
-    CMemArchive archive(example);
     GW_EVENT event;
-    archive >> event;
+    EXPECT_TRUE(readAll(example, event));
     EXPECT_EQ(archived(event), example);
     CTransfer transfer;
     EXPECT_EQ(transfer.Send(event), 0);
