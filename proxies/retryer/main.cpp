@@ -46,7 +46,7 @@ int printUsage(const char* program) {
 
 // The settings point into the rule table, which lives until the process ends.
 void configure(const Arguments& arguments) {
-    cfgrec* table = cfg_read(arguments.service);
+    static cfgrec* const table = cfg_read(arguments.service);
     if (table == nullptr || cfg_failed(table)) {
         std::exit(kNoRuleTableStatus);
     }
