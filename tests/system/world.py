@@ -8,6 +8,7 @@ Servers to talk to are in servers.py.
 import atexit
 import calendar
 import collections
+import ctypes
 import os
 import re
 import shutil
@@ -37,10 +38,12 @@ def enter(disk=False):
             flags += ["--user", "--map-root-user", "--map-auto"]
         env = dict(os.environ, **{MARK: scratch, "GATEWAY_WORLD_DISK": "1" if disk else ""})
         sys.stdout.flush()
+        ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG: the world ends with who started it
         os.execvpe("unshare", ["unshare", *flags, "/usr/bin/python3", *sys.orig_argv[1:]], env)
     if not os.environ["GATEWAY_WORLD_DISK"]:
         mount("-t", "tmpfs", "-o", "mode=755", "world", scratch)
     atexit.register(_leave, scratch)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     _private_etc(scratch)
     _private_dev(scratch)
     if os.path.isdir("/var/spool"):  # a run with default directories must not find the host's spool
@@ -55,14 +58,19 @@ def mount(*args):
 
 
 def _leave(scratch):
+    """Removes the scratch directory. While it lives the host's /etc is bound inside: nothing is
+    deleted but an empty directory, or a tree in which nothing is mounted any more."""
     def mounted():
         with open("/proc/self/mountinfo") as mounts:
             return [path for path in (line.split()[4] for line in mounts) if path.startswith(scratch)]
     for path in ("/etc", "/dev", *mounted()[::-1]):
         subprocess.run(["umount", "-l", path], stderr=subprocess.DEVNULL, check=False)
-    # What is still mounted below belongs to the host: deleting through it would delete the host's.
-    if not mounted():
+    if mounted():
+        return
+    if os.environ["GATEWAY_WORLD_DISK"]:
         shutil.rmtree(scratch, ignore_errors=True)
+    else:
+        os.rmdir(scratch)
 
 
 def _private_etc(scratch):
@@ -71,7 +79,7 @@ def _private_etc(scratch):
     os.mkdir(etc, 0o755)
     os.mkdir(host, 0o755)
     mount("--rbind", "/etc", host)
-    mount("-o", "remount,bind,ro", host)
+    subprocess.run(["mount", "-o", "remount,bind,ro", host], stderr=subprocess.DEVNULL, check=False)
     users = open("/etc/passwd").read() + "Debian-exim:x:90:90::/:/bin/false\n"
     groups = open("/etc/group").read() + "Debian-exim:x:90:\n"
     own = {"hosts": f"127.0.0.1 localhost\n127.0.0.1 {HOST} gateway\n", "passwd": users, "group": groups,
