@@ -73,7 +73,7 @@ std::string sourceText(std::int32_t line) {
 void reportSettings(const Context& context) {
     title(context, "Settings in force");
     Table table(context.screen,
-                {{"KEY", 27}, {"VALUE", 20, false, true}, {"UNIT", 9}, {"FROM", 8}});
+                {{"KEY", 27}, {"FROM", 8}, {"UNIT", 9}, {"VALUE", 20, false, true}});
     for (const Setting& setting : settings()) {
         if (setting.kind == Setting::Kind::Relays) {
             continue;
@@ -88,9 +88,9 @@ void reportSettings(const Context& context) {
                                            {"default", line == 0},
                                            {"line", line}});
         } else {
-            const std::array cells{std::string(setting.key),
-                                   value.empty() ? "-" : printable(value, kShown),
-                                   std::string(setting.unit), sourceText(line)};
+            const std::array cells{std::string(setting.key), sourceText(line),
+                                   std::string(setting.unit),
+                                   value.empty() ? "-" : printable(value, kShown)};
             table.row(cells);
         }
     }
@@ -196,8 +196,9 @@ void reportVerdict(const Context& context, Status status) {
         writeJson(context.screen.out, {{"check", "verdict"}, {"status", static_cast<int>(status)}});
         return;
     }
-    constexpr std::array kWords{"All is well.", "There are warnings.",
-                                "retryer would stop: mend this first."};
+    constexpr std::array kWords{
+        "All is well.", "There are warnings.",
+        "retryer would stop: mend this first. rulbex-table(5) has a sample and every key."};
     constexpr std::array kColours{Colour::Green, Colour::Yellow, Colour::Red};
     context.screen.out << context.screen.paint(kWords.at(status), kColours.at(status)) << '\n';
 }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kGap = 2;         // blanks between columns
 constexpr int kLeast = 4;       // of a flexible column
-constexpr int kPipeWidth = 140; // laid out for this where there is no terminal
+constexpr int kPipeWidth = 120; // laid out for this where there is no terminal
 
 // The date and time of day with `separator` between them.
 std::string timeText(const std::tm& fields, char separator) {

@@ -68,7 +68,7 @@ void printTable(const Context& context, const std::vector<Message>& messages) {
                                  {"TRIES", 5, true},
                                  {"RCPTS", 5, true},
                                  {"SENDER", 16, false, true},
-                                 {"NEXT", 12, false, true},
+                                 {"NEXT", 14, false, true},
                                  {"LAST RESULT", 16, false, true}});
     table.header();
     for (const Message& message : messages) {

@@ -223,11 +223,11 @@ private:
             return false;
         }
         Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
-        Step step{"exchangers", 0, "the domain's mail exchangers, best first"};
+        Step step{"exchangers", 0, "MX records of the domain, best first"};
         Step cut = step;
         mx.keepBetter(cut);
         if (mx.count == 0) {
-            cut.text = "the domain's mail exchangers, none better than this host";
+            cut.text = "MX records of the domain, none better than this host";
             if (!cut.servers.empty()) {
                 route_.steps.push_back(std::move(cut));
             }

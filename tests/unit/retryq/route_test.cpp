@@ -54,6 +54,8 @@ TEST(Route, FollowsTheClient) {
          "domain-relay@2 -127.0.0.1 | domain-relay@3 192.0.2.2"},
         {"vorn: max-addr-to-try 1\nvorn: domain-relay * 192.0.2.1 192.0.2.2\n", "a@x.test",
          "domain-relay@3 192.0.2.1 -"},
+        {"vorn: max-addr-to-try 1\nvorn: domain-relay * 127.0.0.1 192.0.2.2\n", "a@x.test",
+         "domain-relay@3 -127.0.0.1 192.0.2.2"},
         {"vorn: use-dns no\nvorn: fallback-relay * 192.0.2.3\n", "a@x.test",
          "exchangers@2 | fallback-relay@3 192.0.2.3"},
         {"vorn: default-domain test\nvorn: domain-relay x.test 192.0.2.1\n", "a@x",
