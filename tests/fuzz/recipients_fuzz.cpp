@@ -6,19 +6,16 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-constexpr std::size_t kLongestReadBack = 2030; // address and code must fit a line
+constexpr std::size_t kLongestReadBack = 2036; // bytes of address and code that surely fit a line
 
 void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
+    condition ? void() : std::abort();
 }
 
 std::vector<std::string> entries(const Recipients& recipients) {
@@ -29,36 +26,31 @@ std::vector<std::string> entries(const Recipients& recipients) {
     return all;
 }
 
-bool fitsALine(const Recipients& recipients) {
-    std::size_t longest = 0;
-    for (const EmailAddr* record = recipients.first(); record; record = record->next.get()) {
-        longest = std::max(longest, record->size());
-    }
-    return longest <= kLongestReadBack;
-}
-
 void writeAndReadBack(Recipients& recipients, const FileName& target) {
-    const std::vector<std::string> before = entries(recipients);
-    const bool comparable = recipients.tries() != 0 && fitsALine(recipients);
+    std::vector<std::string> before = entries(recipients);
     const std::string sender = recipients.GetSender();
+    const bool firstTry = recipients.tries() == 0; // may be written as none
     require(recipients.OverWrite(target) == !before.empty());
-    if (before.empty() || !comparable || recipients.firstSendTime().Time == 0) {
+    const auto tooLong = [](const auto& entry) { return entry.size() > kLongestReadBack; };
+    if (before.empty() || firstTry || std::ranges::any_of(before, tooLong) ||
+        recipients.firstSendTime().Time == 0) {
         return;
     }
     Recipients again;
     require(again.Read(target, true));
     require(sender == again.GetSender() && recipients.tries() == again.tries());
-    require(entries(again) == std::vector<std::string>(before.rbegin(), before.rend()));
+    std::ranges::reverse(before);
+    require(entries(again) == before);
 }
 
-void stampIsStable(std::string_view text) {
+void stampIsStable(const std::string& text) {
     char first[DateTime::kTextSize];
     char second[DateTime::kTextSize];
     DateTime time;
-    time.Set(std::string(text.substr(0, 63)).c_str());
+    time.Set(text.c_str());
     time.Get(first);
     time.Set(first);
-    require(std::string_view(first) == time.Get(second));
+    require(std::string(first) == time.Get(second));
 }
 
 } // namespace
@@ -70,15 +62,15 @@ std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const int file = ::memfd_create("recipients", MFD_CLOEXEC);
     static const FileName name(("/proc/self/fd/" + std::to_string(file)).c_str());
+    static const FileName target("/dev/shm", FileName(true)());
     require(::ftruncate(file, 0) == 0 && ::pwrite(file, data, size, 0) == ssize_t(size));
     for (const bool full : {false, true}) {
         Recipients recipients;
         if (recipients.Read(name, full)) {
-            static const FileName target("/dev/shm", FileName(true)());
             writeAndReadBack(recipients, target);
             static_cast<void>(target.Delete());
         }
     }
-    stampIsStable({reinterpret_cast<const char*>(data), size});
+    stampIsStable({data, data + std::min<std::size_t>(size, 63)});
     return 0;
 }

@@ -1,26 +1,12 @@
 #include "email/DomainRelay.h"
-#include "email/EmailAddr.h"
 #include "email/mailscanGlobals.h"
 #include "store_support.h"
-
-#include <array>
 
 namespace {
 
 using G = mailscanGlobals;
 
-constexpr const char* kServer = "198.51.100.1";
-constexpr const char* kRelay = "198.51.100.7";
-constexpr const char* kFallback = "198.51.100.8";
-
-IPaddress address(const char* literal) {
-    IPaddressList list;
-    HostList::hostLookup(literal, list, 1, false);
-    return list.addr(0);
-}
-
-class Address : public testing::Test {
-protected:
+struct Address : testing::Test {
     ~Address() override {
         G::initialise(nullptr);
         DomainRelay::stdRelays.Clear();
@@ -29,35 +15,40 @@ protected:
     }
 };
 
-std::string normalised(const std::string& text) {
-    std::array<char, EmailAddr::kTextSize> buf;
-    EmailAddr::setAddr(buf.data(), text.c_str());
-    EXPECT_EQ(EmailAddr(text.c_str(), nullptr, IDS_NO_REASON).text(), std::string(buf.data()));
-    return buf.data();
+EmailAddr record(const std::string& text) {
+    return EmailAddr(text.c_str(), nullptr, IDS_NO_REASON);
+}
+
+IPaddress server(char last) {
+    IPaddressList list;
+    HostList::hostLookup((std::string("198.51.100.") + last).c_str(), list, 1, false);
+    return list.addr(0);
+}
+
+std::string x(std::size_t n) {
+    return std::string(n, 'x');
 }
 
 TEST_F(Address, IsNormalised) {
-    const std::string x2046(2046, 'x');
-    G::defaultDomain = "d.example";
-    const std::pair<std::string, std::string> cases[] = {
-        {"", "<>"},
-        {"A B <a@b.c> z", "<a@b.c>"},
-        {"<x<a@b.c", "<a@b.c>"},
-        {"<a@b.c>d>", "<a@b.c>"},
-        {"<a@b.c> <", "<>"},
-        {"a@host", "<a@host.d.example>"},
-        {"a", "<a.d.example>"},
-        {"<a@b> .", "<a@b.d.example>"}, // a dot behind the address does not count
-        {x2046 + "yz", '<' + x2046 + '>'},
-        {std::string(2036, 'x'), '<' + std::string(2036, 'x') + ".d.example>"},
-        {std::string(2037, 'x'), '<' + std::string(2037, 'x') + '>'},
-        {x2046 + ".d", '<' + x2046 + '>'},
-    };
-    for (const auto& [text, expected] : cases) {
-        EXPECT_EQ(normalised(text), expected) << text;
+    // clang-format off
+    const std::tuple<const char*, std::string, std::string> cases[] = {
+        {"d.example", "", "<>"}, {"d.example", "A B <a@b.c> z", "<a@b.c>"},
+        {"d.example", "<x<a@b.c", "<a@b.c>"}, {"d.example", "<a@b.c>d>", "<a@b.c>"},
+        {"d.example", "<a@b.c> <", "<>"}, {"d.example", "a@host", "<a@host.d.example>"},
+        {"", "a@host", "<a@host>"}, {"d.example", "a", "<a.d.example>"},
+        {"d.example", "<a@b> .", "<a@b.d.example>"}, // a dot behind the address does not count
+        {"d.example", x(2036), '<' + x(2036) + ".d.example>"},
+        {"d.example", x(2037), '<' + x(2037) + '>'},
+        {"d.example", x(2048), '<' + x(2046) + '>'},
+        {"d.example", x(2046) + ".d", '<' + x(2046) + '>'}};
+    // clang-format on
+    for (const auto& [domain, text, expected] : cases) {
+        G::defaultDomain = domain;
+        std::array<char, EmailAddr::kTextSize> buf;
+        EmailAddr::setAddr(buf.data(), text.c_str());
+        EXPECT_EQ(buf.data(), expected);
+        EXPECT_EQ(record(text).text(), expected);
     }
-    G::defaultDomain = "";
-    EXPECT_EQ(normalised("a@host"), "<a@host>");
 }
 
 std::string accepted(std::string text, bool allowNull = false) {
@@ -66,133 +57,192 @@ std::string accepted(std::string text, bool allowNull = false) {
 }
 
 TEST_F(Address, GrammarAcceptsAndRejects) {
-    for (const char* text : {"a@b", "a#$&+=_-.9@b-c.d", "<a@b.c>", R"(<"a b"@c>)", R"(<"a\"b"@c>)",
-                             R"(<""@c>)", R"(<"a@b"@c>)", "<a!%'*/?^`{|}~@b>", R"(<a\@b@c>)",
-                             "<a@[1.2.3.4]>", "<a@[.......]>", "<\"\x80\"@b>"}) {
+    // clang-format off
+    for (const char* text : {
+             "a@b", "a#$&+=_-.9@b-c.d", "<a@b.c>", R"(<"a b"@c>)", R"(<"a\"b"@c>)", R"(<""@c>)",
+             R"(<"a@b"@c>)", "<a!%'*/?^`{|}~@b>", R"(<a\@b@c>)", "<a@[1.2.3.4]>", "<a@[.......]>",
+             "<\"\x80\"@b>"}) {
         EXPECT_EQ(accepted(text), text);
     }
-    EXPECT_EQ(accepted("<a@b.c>tail"), "<a@b.c>");
-    EXPECT_EQ(accepted("<@x,@[y]:a@b>"), "<a@b>");
-    EXPECT_EQ(accepted(R"(<@x:"a:b"@c>)"), R"(<"a:b"@c>)");
-    EXPECT_EQ(accepted("<>", true), "<>");
-    for (const char* text : {"<>",
-                             "",
-                             "a",
-                             "@b",
-                             "_a@b",
-                             "a!@b",
-                             "a@",
-                             "a@b@c",
-                             "a@-b",
-                             "<a@b_c>",
-                             "<a@[1.2.3.]>",
-                             "<a@[1.2.3.4>",
-                             "<a@[1.2.3.x]>",
-                             "<@b>",
-                             "<a b@c>",
-                             R"(<"a b@c>)",
-                             R"(<"@c>)",
-                             R"(<"a\"@c>)",
-                             "<a\\\x01@b>",
-                             "<\"a\x7f\"@b>",
-                             "<a",
-                             "<a@b",
-                             "<ab>",
-                             "<@x:y>",
-                             "<@x!:a@b>",
-                             "<@x@y:z>",
-                             "<\x80@b>",
-                             "<@x>:a@b",
-                             "<@x:@b>"}) {
+    for (const char* text : {
+             "<>", "", "a", "@b", "_a@b", "a!@b", "a@", "a@b@c", "a@-b", "<a@b_c>", "<a@[1.2.3.]>",
+             "<a@[1.2.3.4>", "<a@[1.2.3.x]>", "<@b>", "<a b@c>", R"(<"a b@c>)", R"(<"@c>)",
+             R"(<"a\"@c>)", "<a\\\x01@b>", "<\"a\x7f\"@b>", "<a", "<a@b", "<ab>", "<@x:y>",
+             "<@x!:a@b>", "<@x@y:z>", "<\x80@b>", "<@x>:a@b", "<@x:@b>"}) {
         EXPECT_EQ(accepted(text), "none") << text;
     }
+    // clang-format on
+    EXPECT_EQ(accepted("<>", true) + accepted("<a@b.c>tail"), "<><a@b.c>");
+    EXPECT_EQ(accepted("<@x,@[y]:a@b>") + accepted(R"(<@x:"a:b"@c>)"), R"(<a@b><"a:b"@c>)");
     G::allow_nonrfc_domain = "YESterday";
-    EXPECT_EQ(accepted("<a@b_c>"), "<a@b_c>");
-    EXPECT_EQ(accepted("<a@_c>"), "none");
+    EXPECT_EQ(accepted("<a@b_c>") + accepted("<a@_c>"), "<a@b_c>none");
 }
 
 TEST_F(Address, DomainIsTakenOut) {
-    std::array<char, EmailAddr::kDomainSize> domain{};
-    const auto domainOf = [&](const std::string& text) {
-        return EmailAddr(text.c_str(), nullptr, IDS_NO_REASON).GetDomain(domain.data());
-    };
-    EXPECT_TRUE(domainOf("a@b@c.d"));
-    EXPECT_STREQ(domain.data(), "c.d");
-    EXPECT_TRUE(domainOf("a@"));
-    EXPECT_STREQ(domain.data(), "");
-    EXPECT_FALSE(domainOf("abc"));
-    EXPECT_TRUE(domainOf("a@" + std::string(255, 'x')));
-    EXPECT_FALSE(domainOf("a@" + std::string(256, 'x')));
+    const std::pair<std::string, std::string> cases[] = {
+        {"a@b@c.d", "c.d"}, {"a@", ""}, {"a", "none"}, {x(1) + '@' + x(255), x(255)}};
+    for (const auto& [text, expected] : cases) {
+        std::array<char, EmailAddr::kDomainSize> domain;
+        EXPECT_EQ(record(text).GetDomain(domain.data()) ? domain.data() : "none", expected);
+        EXPECT_FALSE(record("a@" + x(256)).GetDomain(domain.data()));
+    }
 }
 
 TEST_F(Address, DirectSendIsDecidedByTheFirstEntryThatDiffers) {
-    const auto direct = [](const std::string& domains, const char* recipient, int port) {
-        charsParam(G::direct_send_internal_domain, "k", table("other x\n" + domains));
+    // clang-format off
+    const std::tuple<const char*, const char*, int, bool> cases[] = {
+        {"", "a@b.c", 26, false}, {"k x.y", "a@b.c", 25, false}, {"k x.y", "a@b.c", 26, true},
+        {"k b.c", "a@b.c", 26, false}, {"k B.c", "a@b.c", 26, true}, {"k x.y", "abc", 26, false},
+        {"k b.c x.y", "a@b.c", 26, true}, {"k b.c b.c", "a@b.c", 26, false}};
+    // clang-format on
+    for (const auto& [domains, recipient, port, direct] : cases) {
+        charsParam(G::direct_send_internal_domain, "k", table(std::string("other x\n") + domains));
         G::mailSendPort = port;
-        return EmailAddr(recipient, nullptr, IDS_NO_REASON).CheckForDirectSend();
-    };
-    EXPECT_FALSE(direct("", "a@b.c", 26));
-    EXPECT_FALSE(direct("k x.y", "a@b.c", 25));
-    EXPECT_TRUE(direct("k x.y", "a@b.c", 26));
-    EXPECT_FALSE(direct("k b.c", "a@b.c", 26));
-    EXPECT_TRUE(direct("k B.c", "a@b.c", 26));
-    EXPECT_TRUE(direct("k b.c x.y", "a@b.c", 26));
-    EXPECT_FALSE(direct("k b.c b.c", "a@b.c", 26));
-    EXPECT_FALSE(direct("k x.y", "abc", 26));
-    EXPECT_TRUE(direct("k x.y", "a@b.c", 26));
-    EXPECT_TRUE(EmailAddr("a@b.c", nullptr, IDS_NO_REASON).suitableHost(IPaddress::loopback));
+        EXPECT_EQ(record(recipient).CheckForDirectSend(), direct) << domains;
+        EXPECT_EQ(record(recipient).suitableHost(IPaddress::loopback), direct) << domains;
+    }
 }
 
-bool suits(const char* recipient, const char* server) {
-    return EmailAddr(recipient, nullptr, IDS_NO_REASON).suitableHost(address(server));
+// Which servers suit a recipient, whether it was asked before or not. A literal domain stands for
+// one whose exchanger is known.
+std::string suiting(const char* recipient) {
+    std::string suiting;
+    EmailAddr askedBefore = record(recipient);
+    for (const char last : {'1', '2', '7', '8'}) {
+        const bool suits = record(recipient).suitableHost(server(last));
+        EXPECT_EQ(askedBefore.suitableHost(server(last)), suits) << last;
+        suiting += suits ? std::string(1, last) : "";
+    }
+    return suiting + ' ';
 }
 
-void relay(DomainRelay& table, std::string host = kRelay) {
-    char* hosts[] = {host.data()};
-    table.AddDomain("*", hosts, 1);
-}
-
-// A literal domain stands for a domain whose exchanger is known.
 TEST_F(Address, ServerSuitsByRelayThenExchangerThenFallback) {
-    const char* const literal = "a@[198.51.100.1]";
-    EXPECT_TRUE(suits(literal, kServer));
-    EXPECT_FALSE(suits(literal, kRelay));
-    EXPECT_FALSE(suits("nodomain", kServer));
-
-    relay(DomainRelay::fallbackRelays, kFallback);
-    EXPECT_TRUE(suits(literal, kServer));
-    EXPECT_FALSE(suits(literal, kFallback)); // the exchangers are known
-    EXPECT_FALSE(suits("nodomain", kFallback));
-    ASSERT_TRUE(HostList::BlackL.Add(address("198.51.100.2"))); // no exchanger remains
-    EXPECT_TRUE(suits("a@[198.51.100.2]", kFallback));
-    EXPECT_FALSE(suits("a@[198.51.100.2]", kServer));
-
-    relay(DomainRelay::stdRelays);
-    EXPECT_TRUE(suits(literal, kRelay));
-    EXPECT_FALSE(suits(literal, kServer)); // never looked up behind a relay
-    EXPECT_FALSE(suits(literal, kFallback));
-    EXPECT_FALSE(suits("nodomain", kRelay));
+    const char* const known = "a@[198.51.100.1]";
+    std::string fallback = "198.51.100.8";
+    std::string relay = "198.51.100.7";
+    char* hosts[] = {fallback.data(), relay.data()};
+    EXPECT_EQ(suiting(known) + suiting("nodomain"), "1  ");
+    DomainRelay::fallbackRelays.AddDomain("*", hosts, 1);
+    ASSERT_TRUE(HostList::BlackL.Add(server('2'))); // the second has no exchanger left
+    EXPECT_EQ(suiting(known) + suiting("nodomain") + suiting("a@[198.51.100.2]"), "1  8 ");
+    DomainRelay::stdRelays.AddDomain("*", hosts + 1, 1); // behind a relay there is no lookup
+    EXPECT_EQ(suiting(known) + suiting("nodomain"), "7  ");
+    ASSERT_TRUE(HostList::BlackL.Add(server('7')));
+    EXPECT_EQ(suiting(known), "1 ");
 }
 
 TEST_F(Address, ExchangersAreLookedUpOnce) {
-    EmailAddr known("a@[198.51.100.1]", nullptr, IDS_NO_REASON);
+    EmailAddr known = record("a@[198.51.100.1]");
+    EmailAddr none = record("nodomain");
     IPaddressList out;
-    EXPECT_EQ(known.GetMXhosts(out, 10), 1);
-    EXPECT_EQ(out.addr(0), address(kServer));
+    EXPECT_TRUE(known.GetMXhosts(out, 10) == 1 && out.addr(0) == server('1'));
     EXPECT_EQ(known.GetMXhosts(out, 1), 1); // full
     EXPECT_EQ(known.GetMXhosts(out, 10), 2);
-
-    EmailAddr none("nodomain", nullptr, IDS_NO_REASON);
     EXPECT_LT(none.GetMXhosts(out, 10), 1);
-    EXPECT_EQ(out.count(), 2);
     EXPECT_EQ(none.GetMXhosts(out, 10), 2); // the count of `out`, no second lookup
 }
 
-TEST_F(Address, BlacklistedRelayGivesWayToTheExchanger) {
-    relay(DomainRelay::stdRelays);
-    ASSERT_TRUE(HostList::BlackL.Add(address(kRelay)));
-    EXPECT_TRUE(suits("a@[198.51.100.1]", kServer));
-    EXPECT_FALSE(suits("a@[198.51.100.1]", kRelay));
+// The first pair becomes the head.
+void fill(MailList& list, std::initializer_list<std::pair<const char*, int>> records) {
+    for (auto it = std::rbegin(records); it != std::rend(records); ++it) {
+        list.Add(it->first, static_cast<SMTPcode>(it->second));
+    }
+}
+
+TEST(MailList, AddsAtTheHeadAndTakesFromIt) {
+    MailList list;
+    list.Add("first", IDS_NO_REASON);
+    EXPECT_TRUE(list.one());
+    list.Add(static_cast<const char*>(nullptr), IDS_RTS450);
+    list.Add(std::unique_ptr<EmailAddr>(), IDS_RTS450);
+    list.Add(std::make_unique<EmailAddr>("own", nullptr, IDS_RTS550), IDS_NO_REASON);
+    list.Add(std::make_unique<EmailAddr>("set", nullptr, IDS_RTS550), IDS_RTS451);
+    EXPECT_EQ(records(list), "<set>:451 <own>:550 <first>:-1 ");
+    EXPECT_FALSE(list.one() || list.ReasonPresent(IDS_RTS421));
+    EXPECT_TRUE(list.ReasonPresent(IDS_NO_REASON));
+    std::array<char, EmailAddr::kTextSize> buf{};
+    SMTPcode code = IDS_RTS421;
+    EXPECT_TRUE(list.Remove(buf.data(), &code) && code == IDS_RTS451);
+    EXPECT_STREQ(list.Remove()->text(), "<own>");
+    list.Destroy();
+    EXPECT_TRUE(!list.Remove(buf.data(), &code) && list.Remove() == nullptr);
+    EXPECT_STREQ(buf.data(), "<set>");
+}
+
+TEST(MailList, CopiesAreReversedAndMovedOrDeferredOnesKeepTheirOrder) {
+    MailList other;
+    MailList list;
+    fill(other, {{"a", 450}, {"b", 550}});
+    fill(list, {{"c", 451}});
+    list.Add(other, false, IDS_NO_REASON);
+    list.Add(other, true, COMMS_FAILED);
+    EXPECT_EQ(records(list), "<a>:1001 <b>:1001 <b>:550 <a>:450 <c>:451 ");
+    list.Add(other, true, IDS_RTS450); // an empty one
+    fill(other, {{"d", 1}});
+    other = list;
+    EXPECT_EQ(records(other), records(list));
+    list.Destroy();
+    fill(list, {{"e", 554}});
+    list.ExtractDeferred(other);
+    EXPECT_EQ(records(list) + records(other), "<a>:1001 <b>:1001 <a>:450 <c>:451 <e>:554 <b>:550 ");
+    for (const int code : {499, -1, 0, 250, 1001, 1005, 1006, -2147483647}) {
+        EXPECT_TRUE(MailList::deferCode(code)) << code;
+    }
+    for (const int code : {500, 1000, 1002, 1003, 1004, 1007, 2147483647}) {
+        EXPECT_FALSE(MailList::deferCode(code)) << code;
+    }
+}
+
+TEST(MailList, AllNamesEndsBeforeTheFirstThatDoesNotFit) {
+    // clang-format off
+    const std::pair<std::vector<std::size_t>, std::string> cases[] = {
+        {{}, ""}, {{2, 1}, "<x> <xx>"}, {{1, 2046}, '<' + x(2046) + '>'}, // no room for a blank
+        {{1, 1, 2042}, '<' + x(2042) + "> <x>"}, {{1, 2043}, '<' + x(2043) + '>'},
+        {{1, 2000, 1000}, '<' + x(1000) + '>'}};
+    // clang-format on
+    for (const auto& [lengths, expected] : cases) {
+        MailList list;
+        for (const std::size_t length : lengths) {
+            list.Add(x(length).c_str(), IDS_NO_REASON);
+        }
+        std::array<char, EmailAddr::kTextSize + 1> buf;
+        buf.back() = '#';
+        list.AllNames(buf.data());
+        EXPECT_TRUE(buf.data() == expected && buf.back() == '#') << expected;
+    }
+}
+
+TEST(MailList, LongListsNeedNoStack) {
+    MailList list;
+    for (int i = 0; i < 400'000; ++i) { // deep enough to end a stack that recurses
+        list.Add("a@b.example", i % 2 == 0 ? IDS_RTS450 : IDS_RTS550);
+    }
+    MailList copy;
+    copy = list;
+    MailList deferred;
+    deferred.ExtractDeferred(copy);
+    deferred.Add(copy, true, IDS_RTS450);
+    EXPECT_EQ(records(deferred).size(), records(list).size());
+}
+
+TEST(MailList, GathersForOneServerAskingEachRecordOnce) {
+    MailList list;
+    fill(list,
+         {{"a@[198.51.100.1]", 1}, {"b@[198.51.100.2]", 2}, {"c", 3}, {"d@[198.51.100.1]", 4}});
+    const std::pair<char, const char*> cases[] = {
+        {'1', "<d@[198.51.100.1]>:4 <a@[198.51.100.1]>:1 "},
+        {'3', ""},
+        {'2', "<b@[198.51.100.2]>:2 "}};
+    for (const auto& [last, expected] : cases) {
+        MailList::Gathering gathering(list, server(last));
+        MailList out;
+        while (auto record = gathering.next()) {
+            out.Add(std::move(record), IDS_NO_REASON);
+        }
+        EXPECT_EQ(records(out), expected);
+        EXPECT_EQ(list.Remove(server(last)), nullptr);
+    }
+    EXPECT_EQ(records(list), "<c>:3 ");
 }
 
 } // namespace

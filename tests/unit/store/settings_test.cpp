@@ -1,17 +1,15 @@
 #include "email/Assert.h"
-#include "email/HostList.h"
+#include "email/Utils.h"
 #include "email/mailscanGlobals.h"
 #include "email/resource.h"
 #include "libevrep/Reporter.h"
 #include "store_support.h"
 
-#include <sstream>
-
 namespace {
 
 using G = mailscanGlobals;
 
-TEST(Settings, SwitchWords) {
+TEST(Settings, SwitchWordsAndNumbers) {
     for (const char* word : {"on", "On", "y", "YES", "t", "True", "1", "*"}) {
         EXPECT_TRUE(boolParam("k", table(std::string("k ") + word), false)) << word;
     }
@@ -19,40 +17,29 @@ TEST(Settings, SwitchWords) {
         EXPECT_FALSE(boolParam("k", table(std::string("k ") + word), true)) << word;
     }
     EXPECT_TRUE(boolParam("k", table("other off"), true));
-}
-
-TEST(Settings, Numbers) {
-    const std::pair<const char*, long> cases[] = {{"30", 30},
-                                                  {"-5", -5},
-                                                  {"+7", 7},
-                                                  {"' 12abc'", 12},
-                                                  {"abc", 0},
-                                                  {"''", 0},
-                                                  {"-1e9", -1},
-                                                  {"-", 0},
-                                                  {"9999999999999999999", 2147483647},
-                                                  {"-99999999999", -2147483648L}};
-    for (const auto& [word, value] : cases) {
+    // clang-format off
+    const std::pair<const char*, std::int32_t> numbers[] = {
+        {"30", 30}, {"-5", -5}, {"+7", 7}, {"' 12abc'", 12}, {"abc", 0}, {"''", 0}, {"-", 0},
+        {"-1e9", -1}, {"9999999999999999999", 2147483647}, {"-99999999999", -2147483647 - 1}};
+    // clang-format on
+    for (const auto& [word, value] : numbers) {
         EXPECT_EQ(intParam("k", table(std::string("k ") + word), 99), value) << word;
     }
 }
 
+// clang-format off
 const std::pair<const char*, std::int32_t*> kNumbers[] = {
     {"smtp-data-timeout", &G::DATA_initiation_interval},
-    {"smtp-send-timeout", &G::DATA_send_interval},
-    {"smtp-final-timeout", &G::DATA_final_interval},
-    {"smtp-rcpt-timeout", &G::RCPT_command_interval},
-    {"smtp-mail-timeout", &G::MAIL_command_interval},
-    {"smtp-connect-timeout", &G::initial_220_interval},
-    {"smtp-max-deferral", &G::retry_max_interval},
-    {"smtp-min-deferral", &G::retry_min_interval},
+    {"smtp-send-timeout", &G::DATA_send_interval}, {"smtp-final-timeout", &G::DATA_final_interval},
+    {"smtp-rcpt-timeout", &G::RCPT_command_interval}, {"bind-port", &G::mailReadPort},
+    {"smtp-mail-timeout", &G::MAIL_command_interval}, {"send-port", &G::mailSendPort},
+    {"smtp-connect-timeout", &G::initial_220_interval}, {"max-addr-to-try", &G::max_addr_to_try},
+    {"smtp-max-deferral", &G::retry_max_interval}, {"smtp-min-deferral", &G::retry_min_interval},
     {"max-addr-per-host", &G::max_addr_per_host},
-    {"max-addr-to-try", &G::max_addr_to_try},
     {"max-returned-line-count", &G::max_returned_line_count},
     {"smtp-direct-size-limit", &G::directSendSizeLimit},
-    {"smtp-direct-recipient-limit", &G::directSendRecipientLimit},
-    {"send-port", &G::mailSendPort},
-    {"bind-port", &G::mailReadPort}};
+    {"smtp-direct-recipient-limit", &G::directSendRecipientLimit}};
+// clang-format on
 
 // All settings in one text.
 std::string settings() {
@@ -88,20 +75,17 @@ TEST(Settings, EveryKeyReachesItsMemberAndEveryBuiltInValueComesBack) {
     EXPECT_EQ(G::direct_send_internal_domain, nullptr);
 }
 
-TEST(SettingsDeath, WrongWordCountsEndTheRun) {
+TEST(SettingsDeath, WrongWordCountsAndFailedChecksEndTheRunWithOneEvent) {
     for (const char* line : {"smtp-min-deferral 1 2", "badadmin 1 2", "directory 1 2",
                              "mail-log 1 2", "default-domain  "}) {
         EXPECT_FAILED_CHECK(G::initialise(table(line)),
                             " 1=lib/email/mailscanGlobals 8=cf->argc == 1 15=");
     }
     EXPECT_FAILED_CHECK(G::initialise(table("direct-send-domains  ")), "8=cf->argc > 0 ");
-}
-
-TEST(AssertDeath, ReportsOneEventAndExitsWithOne) {
     EXPECT_FAILED_CHECK(assert_failure("a > b", "lib/email/x", 171),
-                        "13500 version=0 audience=2 severity=32 reason=1 1=lib/email/x 8=a > b "
+                        "13500 0 2 32 1 1=lib/email/x 8=a > b "
                         "15=171 .\n");
-    EXPECT_FAILED_CHECK(assert_failure(nullptr, nullptr, 0), "reason=1 15=0 .\n");
+    EXPECT_FAILED_CHECK(assert_failure(nullptr, nullptr, 0), "32 1 15=0 .\n");
 }
 
 TEST(Texts, CodesAndResources) {
@@ -110,11 +94,74 @@ TEST(Texts, CodesAndResources) {
     EXPECT_STREQ(smtpString(TIMEOUTEXPIRED), "Timer expired");
     const char* const unknown = smtpString(ACTION_OKA);
     EXPECT_STREQ(unknown, "Unknown SMTP code 250");
-    EXPECT_STREQ(smtpString(IDS_NO_REASON), "Unknown SMTP code -1");
+    static_cast<void>(smtpString(IDS_NO_REASON));
     EXPECT_STREQ(unknown, "Unknown SMTP code -1"); // one buffer
     EXPECT_STREQ(resourceString(static_cast<resourceIds>(208)), "Unknown resource string 208");
-    EXPECT_STREQ(resourceString(IDS_MAILSENDER_RETURNEDMAIL),
-                 "Returned Mail - Error During Delivery");
+}
+
+std::string stamp(const DateTime& time) {
+    std::array<char, DateTime::kTextSize> text;
+    return time.Get(text.data());
+}
+
+DateTime parsed(const char* text) {
+    DateTime time(-1);
+    time.Set(text);
+    return time;
+}
+
+const DateTime kLast(std::numeric_limits<std::time_t>::max());
+
+TEST(Time, StampIsReadAsLocalTimeAndWrittenBackAsRead) {
+    // clang-format off
+    const std::tuple<const char*, const char*, std::int64_t, const char*> cases[] = {
+        {"UTC0", "2002/02/01@14:05:09_GMT", 1014991509, "2002/02/01@14:05:09_GMT"},
+        {"EST5", "2002/02/01@14:05:09_GMT", 1015009509, "2002/02/01@14:05:09_GMT"},
+        // Read without daylight saving, whatever the season.
+        {"CET-1CEST", "2002/06/01@12:00:00_GMT", 1025521200, "2002/06/01@12:00:00_GMT"},
+        {"UTC0", "1970/00/01@00:00:00_GMT", 0, "1970/00/01@00:00:00_GMT"},
+        {"EST5", "1970/00/01@00:00:00_GMT", 18000, "1970/00/01@00:00:00_GMT"},
+        {"UTC0", "2003/11/31@23:59:59", 1072915199, "2003/11/31@23:59:59_GMT"},
+        {"UTC0", " 2002/ 2/+1@14:5:9", 1014991509, "2002/02/01@14:05:09_GMT"},
+        {"UTC0", "2002/02/01 14:05:09", 1014940800, "2002/02/01@00:00:00_GMT"},
+        {"UTC0", "2002/14/01@00:00:00_GMT", 1046476800, "2002/14/01@00:00:00_GMT"},
+        {"UTC0", "no stamp", -1, "0000/00/00@00:00:00_GMT"},
+        {"UTC0", "99999999999/0/1@0:0:0", 67767976201996800, "2147483647/00/01@00:00:00_GMT"},
+        {"UTC0", "-99999999999/-99999999999/1@0:0:0", -1, "-2147481748/-2147483648/01@00:00:00_GMT"}};
+    // clang-format on
+    for (const auto& [zone, text, time, written] : cases) {
+        setZone(zone);
+        EXPECT_EQ(parsed(text).Time, time) << zone << ' ' << text;
+        EXPECT_EQ(stamp(parsed(text)), written);
+    }
+    EXPECT_EQ(stamp(DateTime(0)), "1970/00/01@00:00:00_GMT");
+    EXPECT_EQ(stamp(DateTime()), "1900/00/00@00:00:00_GMT");
+    EXPECT_EQ(stamp(kLast), stamp(DateTime()));
+}
+
+TEST(Time, SumsPass2038DifferencesAreClampedAndYearsComparedFirst) {
+    const std::time_t before = std::time(nullptr);
+    EXPECT_GE(DateTime(-1).Time, before);
+    EXPECT_GE((DateTime(-2) + 1).Time, before); // a sum of -1 means now as well
+    const DateTime late = DateTime(2147483000) + 400000;
+    EXPECT_TRUE(late > DateTime(2147483647) && late - DateTime(2147483000) == 400000);
+    EXPECT_EQ(DateTime(0) - DateTime(std::time_t{1} << 40), std::numeric_limits<int>::min());
+    EXPECT_EQ(DateTime(std::time_t{1} << 40) - DateTime(0), std::numeric_limits<int>::max());
+    const auto later = [](const char* a, const char* b) { return parsed(a).gm_gt(parsed(b)); };
+    EXPECT_TRUE(later("2002/00/01@00:00:00", "2001/11/31@23:59:59"));
+    EXPECT_TRUE(later("2002/02/01@14:05:10", "2002/02/01@14:05:09"));
+    EXPECT_FALSE(later("2002/02/01@14:05:09", "2002/02/01@14:05:09"));
+    EXPECT_FALSE(later("2002/01/31@23:59:59", "2002/02/01@00:00:00"));
+}
+
+TEST(Time, HexAndMailForms) {
+    std::array<char, DateTime::kMailTextSize> text;
+    EXPECT_STREQ(DateTime(0x1'0000'1234).TimeStamp(text.data()), "00001234");
+    EXPECT_STREQ(parsed("").TimeStamp(text.data()), "ffffffff");
+    setZone("EST5");
+    EXPECT_STREQ(DateTime(1014991509).GetForMail(text.data()),
+                 "Fri, 01 Mar 2002 09:05:09 -0500 (EST)");
+    EXPECT_STREQ(kLast.GetForMail(text.data()), "");
 }
 
 } // namespace

@@ -2,25 +2,20 @@
 
 #include "libevrep/Reporter.h"
 
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <iterator>
-#include <memory>
+#include <numeric>
 #include <set>
-#include <sstream>
 #include <time.h>
 
 namespace {
 
 class RecordingReporter : public AbstractReporter {
     void report(const GW_EVENT& event) override {
-        std::cerr << event.m_EventID << " version=" << event.m_iStructVersion
-                  << " audience=" << event.m_intendedAudience
-                  << " severity=" << event.m_EventContext.m_Severity
-                  << " reason=" << event.getManagementContext()->m_iReasonID;
+        std::cerr << event.m_EventID << ' ' << event.m_iStructVersion << ' '
+                  << event.m_intendedAudience << ' ' << event.m_EventContext.m_Severity << ' '
+                  << event.getManagementContext()->m_iReasonID;
         for (std::uint32_t i = 0; i < event.m_PropertyBag.Count(); ++i) {
             const auto* value = event.m_PropertyBag.GetElementNumber(i);
             std::cerr << ' ' << value->m_nIndex << '=' << static_cast<std::string>(*value);
@@ -35,28 +30,17 @@ std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
     return std::make_unique<RecordingReporter>();
 }
 
-Scratch::Scratch() : root_("/tmp/storetestXXXXXX") {
-    if (::mkdtemp(root_.data()) == nullptr) {
-        std::abort();
-    }
+Scratch::Scratch(const char* parent) : root_(std::string(parent) + "/storetestXXXXXX") {
+    EXPECT_NE(::mkdtemp(root_.data()), nullptr);
 }
 
-Scratch::~Scratch() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-}
-
-std::string Scratch::path(std::string_view leaf) const {
-    return root_ + '/' + std::string(leaf);
-}
-
-std::string Scratch::write(std::string_view leaf, std::string_view text) const {
-    std::ofstream(path(leaf), std::ios::binary) << text;
+std::string Scratch::write(const char* leaf, const std::string& text) const {
+    std::ofstream(path(leaf)) << text;
     return path(leaf);
 }
 
-std::string Scratch::read(std::string_view leaf) const {
-    std::ifstream in(path(leaf), std::ios::binary);
+std::string Scratch::read(const char* leaf) const {
+    std::ifstream in(path(leaf));
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
@@ -65,16 +49,20 @@ std::string Scratch::names() const {
     for (const auto& entry : std::filesystem::directory_iterator(root_)) {
         names.insert(entry.path().filename().string() + ' ');
     }
-    std::string text;
-    for (const std::string& name : names) {
-        text += name;
-    }
-    return text;
+    return std::accumulate(names.begin(), names.end(), std::string());
 }
 
 void setZone(const char* tz) {
     ::setenv("TZ", tz, 1);
     ::tzset();
+}
+
+std::string records(const MailList& list) {
+    std::string text;
+    for (const EmailAddr* record = list.first(); record; record = record->next.get()) {
+        text += record->text() + (':' + std::to_string(record->reason)) + ' ';
+    }
+    return text;
 }
 
 cfgrec* table(const std::string& lines) {

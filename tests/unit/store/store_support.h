@@ -1,31 +1,43 @@
 // What the tests of the store share.
 #pragma once
 
+#include "email/FileName.h"
+#include "email/MailList.h"
 #include "fwall/config.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
-#include <string_view>
+#include <sys/stat.h>
+#include <tuple>
 
-// A directory of its own below /tmp, removed with what it holds.
+// A directory of its own, removed with what it holds.
 class Scratch {
 public:
-    Scratch();
-    ~Scratch();
+    explicit Scratch(const char* parent = "/tmp");
+    ~Scratch() { std::filesystem::remove_all(root_); }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
 
-    [[nodiscard]] std::string path(std::string_view leaf) const;
-    std::string write(std::string_view leaf, std::string_view text) const; // gives the path
-    [[nodiscard]] std::string read(std::string_view leaf) const;
-    [[nodiscard]] std::string names() const; // sorted, each followed by a blank
+    std::string path(const char* leaf) const { return root_ + '/' + leaf; }
+    FileName name(const char* leaf) const { return FileName(path(leaf).c_str()); }
+    std::string write(const char* leaf, const std::string& text) const; // gives the path
+    std::string read(const char* leaf) const;
+    std::string names() const; // sorted, each followed by a blank
 
 private:
     std::string root_;
 };
 
 void setZone(const char* tz);
+
+// "<a>:450 <b>:-1 ": the records of a list in their order.
+std::string records(const MailList& list);
 
 // The records of a rule table of these lines, each "keyword words"; they live as long as the test.
 cfgrec* table(const std::string& lines);
