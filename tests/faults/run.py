@@ -7,7 +7,8 @@ import os
 import shutil
 import sys
 
-sys.path[1:1] = [os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "system")]
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path[1:1] = [os.path.join(ROOT, "tools/lib")]
 import hostile
 import sweeps
 import walkers

@@ -4,8 +4,10 @@ import os
 import sys
 import unittest
 
-import world
-from servers import Dnsmasq, DnsServer, SmtpServer
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(ROOT, "tools/lib"))
+import world  # noqa: E402
+from servers import Dnsmasq, DnsServer, SmtpServer  # noqa: E402
 
 SCRATCH = None
 THERE, SENDERS = "127.0.0.2", "127.0.0.9"  # where "domain-relay *" leads; where return mail goes

@@ -8,11 +8,11 @@ import sys
 import tempfile
 import time
 
+import world
+from servers import SILENT, Dnsmasq, Exim, SmtpServer
+from world import DNS_ADDRESS, World
+
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path.insert(0, os.path.join(ROOT, "tests/system"))
-import world  # noqa: E402
-from servers import SILENT, Dnsmasq, Exim, SmtpServer  # noqa: E402
-from world import DNS_ADDRESS, World  # noqa: E402
 
 HOUR, DAY = 3600, 86400
 STORE, RELAY, SECOND, DEAD = "127.0.0.10", "127.0.0.11", "127.0.0.12", "127.0.0.30"
