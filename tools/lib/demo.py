@@ -12,8 +12,6 @@ import world
 from servers import SILENT, Dnsmasq, Exim, SmtpServer
 from world import DNS_ADDRESS, World
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-
 HOUR, DAY = 3600, 86400
 STORE, RELAY, SECOND, DEAD = "127.0.0.10", "127.0.0.11", "127.0.0.12", "127.0.0.30"
 BUSY, STRICT, MUTE = "127.0.0.20", "127.0.0.21", "127.0.0.22"
@@ -181,6 +179,24 @@ def show_log(log):
         print(f"  {levels[line.priority % 8]:7} {line.text}")
 
 
+def show_keepers_view(house):
+    """What the keeper of the gateway sees of the same spool."""
+    retryq = os.path.join(os.path.dirname(house.binary), "../retryq/retryq")
+    env = {"TAVORIX": house.root, "TZ": "UTC", "COLUMNS": "120"}
+    status = 0
+    for command in ("list", "summary"):
+        done = subprocess.run([retryq, command], env=env, stdout=subprocess.PIPE, text=True, check=False)
+        print(f"  $ retryq {command}")
+        print("".join(f"  {line}\n" for line in done.stdout.splitlines()))
+        status |= done.returncode
+    return status != 0
+
+
+def show_story(log, rcpt):
+    print(f"  $ grep {rcpt} /var/log/mail.log")
+    show_log([line for line in log if rcpt in line.text])
+
+
 def queue_everything(house):
     for leaf, _, rcpts, special in MESSAGES:
         text = f"From: <me@senders.test>\nSubject: {leaf}\n\nThis is the message \"{leaf}\".\n.\n..\nfrom here on\n".encode()
@@ -253,6 +269,9 @@ def main():
     wrong += show_comparison(evidence)
     heading("The system log of the run")
     show_log(run.log)
+    heading("The keeper's view of what is left, and one recipient's story")
+    wrong += show_keepers_view(house)
+    show_story(run.log, "emil@busy.test")
     print(f"\n{'Everything came out as expected.' if not wrong else f'{wrong} things did not come out as expected.'}")
     if "--keep" in sys.argv:
         keep(house, exim)
