@@ -4,28 +4,21 @@
 #include "fwall/ruletable.h"
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
-namespace {
-
-void require(bool holds) {
+static void require(bool holds) {
     if (!holds) {
         std::abort();
     }
 }
 
-void checkRecord(const RuleLine& rule, std::size_t lineLength) {
+static void checkRecord(const RuleLine& rule, std::size_t lineLength) {
     std::size_t used = rule.keyword().size();
-    for (const char* argument : rule.arguments()) {
-        const std::size_t length = std::strlen(argument);
-        used += length;
-        require(std::all_of(argument, argument + length, [](char c) {
+    for (const std::string_view argument : rule.arguments()) {
+        used += argument.size();
+        require(std::all_of(argument.begin(), argument.end(), [](char c) {
             return (c >= 0x20 && c <= 0x7e) || (c >= '\t' && c <= '\r');
         }));
     }
@@ -33,17 +26,6 @@ void checkRecord(const RuleLine& rule, std::size_t lineLength) {
     require(rule.flags() == 0 || rule.flags() == CFG_PERMIT || rule.flags() == CFG_DENY ||
             rule.flags() == CFG_ABSORB);
 }
-
-// The same text with little room: the result is bounded by the slots, and nothing is written
-// outside.
-void splitWithLittleRoom(std::vector<char> text, std::size_t slots, std::size_t room) {
-    std::vector<char*> argv(slots);
-    std::vector<char> out(room);
-    const int count = enargv(text, argv, out);
-    require(count >= -1 && count < static_cast<int>(std::max<std::size_t>(slots, 1)));
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) {
@@ -55,7 +37,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto* start = data + 1 + nameLength;
     std::vector<char> line(start, start + lineLength);
 
-    splitWithLittleRoom(line, data[0] % 7U, data[0] % 11U);
+    std::vector<char> text(line); // split with little room: nothing is written outside
+    std::vector<char*> argv(data[0] % 7U);
+    std::vector<char> out(data[0] % 11U);
+    const int count = enargv(text, argv, out);
+    require(count >= -1 && count < static_cast<int>(std::max<std::size_t>(argv.size(), 1)));
+
     RuleLine rule;
     if (rule.parse(line, service) == RuleLine::Kind::Record) {
         checkRecord(rule, lineLength);
