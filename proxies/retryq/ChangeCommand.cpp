@@ -114,6 +114,10 @@ private:
         case State::Waiting:
             break;
         }
+        return makeDue(message, recipients);
+    }
+
+    bool makeDue(const Message& message, Recipients& recipients) {
         const std::string path = context_.queue.recipientPath(message.leaf);
         // A new recipient file would part the journal from its message, and whoever stands in it
         // would be served again.

@@ -200,7 +200,8 @@ void reportVerdict(const Context& context, Status status) {
         "All is well.", "There are warnings.",
         "retryer would stop: mend this first. rulbex-table(5) has a sample and every key."};
     constexpr std::array kColours{Colour::Green, Colour::Yellow, Colour::Red};
-    context.screen.out << context.screen.paint(kWords.at(status), kColours.at(status)) << '\n';
+    const auto at = static_cast<std::size_t>(status);
+    context.screen.out << context.screen.paint(kWords.at(at), kColours.at(at)) << '\n';
 }
 
 } // namespace

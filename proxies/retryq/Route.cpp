@@ -119,8 +119,6 @@ public:
     }
 
 private:
-    static constexpr int kNothing = -1; // the domain does not exist
-
     Route refuse(const std::string& why) {
         route_.refused = why;
         route_.failing = kReturned;
