@@ -285,12 +285,12 @@ TEST_F(Conversation, DataEndsOnlyWhatWasSentWhole) {
     for (const auto& [source, start, end, number, expected, late] : cases) {
         join();
         std::string wire;
-        std::jthread server([&, fd = peer.get()] {
+        std::jthread server([&wire, fd = peer.get(), &begin = start, &last = end, alarm = late] {
             getUntil(fd, "DATA\r\n");
-            Email::Alarm::setExpiry(late);
-            put(fd, start);
+            Email::Alarm::setExpiry(alarm);
+            put(fd, begin);
             wire = getUntil(fd, "\r\n.\r\n");
-            put(fd, end);
+            put(fd, last);
         });
         std::istream text(source);
         text.seekg(0, std::ios::end).get(); // as an earlier server's turn leaves it
