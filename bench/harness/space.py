@@ -3,6 +3,7 @@ import ctypes
 import json
 import os
 import shutil
+import signal
 import socket
 import stat
 import subprocess
@@ -137,9 +138,15 @@ class Account:
     def processes(self):
         return (self.path / "cgroup.procs").read_text().split()
 
+    def clear(self):
+        """Ends what is left of a peer that could not be stopped in order."""
+        while left := self.processes():
+            for process in left:
+                os.kill(int(process), signal.SIGKILL)
+            time.sleep(0.1)
+
     def close(self):
-        while self.processes():
-            time.sleep(0.05)
+        self.clear()
         self.path.rmdir()
 
 

@@ -17,7 +17,7 @@ def text(size):
 
 def dotted(size):
     """A message of lines of 60 bytes that begin with a dot."""
-    return (b"." + b"d" * 58 + b"\n") * (size // 60)
+    return HEADER + (b"." + b"d" * 58 + b"\n") * ((size - len(HEADER)) // 60)
 
 
 def wire(body):
@@ -62,8 +62,11 @@ def seed(directory, body, recipient_lists, age=86400):
 
 def seed_once(directory, body, count):
     """A spool that no run changes, kept from an earlier benchmark if it is not too old by now."""
-    mark = f"{directory}../{count}-seeded"
+    mark = directory.rstrip("/") + "-seeded"
     if os.path.exists(mark) and time.time() - os.stat(mark).st_mtime < 86400:
-        return
+        with open(mark) as seeded:
+            if seeded.read() == str(count):
+                return
     seed(directory, body, [[f"r{i}@d0.bench.test"] for i in range(count)])
-    open(mark, "w").close()
+    with open(mark, "w") as seeded:
+        seeded.write(str(count))

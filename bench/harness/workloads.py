@@ -163,12 +163,12 @@ def run_once(options, subject, workload, sink):
         figures = subject.peer.run(sink, workload.messages)
     else:
         command = [str(options.build / "bench/floors/bench_measure"), str(subject.copies), *subject.argv]
-        enter = peers.Daemon.account.enter if subject.peer else None
-        before = peers.Daemon.account.seconds()
+        enter = peers.Peer.account.enter if subject.peer else None
+        before = peers.Peer.account.seconds()
         done = subprocess.run(command, check=True, stdout=subprocess.PIPE, preexec_fn=enter)
         figures = json.loads(done.stdout)
         if subject.peer:  # what it started and did not wait for counts as well
-            figures["cpu"] = peers.Daemon.account.seconds() - before
+            figures["cpu"] = peers.Peer.account.seconds() - before
     counts = sink.reset()
     figures["sink"] = counts
     figures["refused_connections"] = space.refused_connections() - refused
@@ -189,7 +189,7 @@ def count_calls(options, subject, workload, sink):
     sink.reset(workload.delay_us)
     output = Path("/run/bench-strace")
     if subject.peer and subject.peer.daemon:
-        subject.peer.run(sink, workload.messages, trace=str(output))
+        subject.peer.run(sink, workload.messages, str(output))
     else:
         subprocess.run(["strace", "-f", "-c", "-o", str(output), *subject.argv], check=False,
                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -206,11 +206,9 @@ def measure_all(options, sink):
     rules.parent.mkdir(parents=True, exist_ok=True)
     rules.write_text(RULES)
     os.environ["TAVORIX"] = str(options.work / "config")
-    results = []
     for workload in Maker(options).all():
         if wanted(options, workload.key):
-            results.append(measure(options, workload, sink))
-    return results
+            yield measure(options, workload, sink)
 
 
 def measure(options, workload, sink):
@@ -225,6 +223,7 @@ def measure(options, workload, sink):
                 if not subject.peer:
                     raise
                 print(f"  {subject.name}: {error}", file=sys.stderr)
+                subject.peer.account.clear()
                 continue
             runs[subject.name].append(min(tries, key=lambda figures: figures["wall"]))
     workload.subjects = [s for s in workload.subjects if runs[s.name]]
@@ -233,4 +232,5 @@ def measure(options, workload, sink):
         counted = subject.copies == 1 and not workload.delay_us and subject.name != "sink ceiling"
         if counted and not options.no_strace:
             calls[subject.name] = count_calls(options, subject, workload, sink)
+            peers.Peer.account.clear()
     return workload, runs, calls
