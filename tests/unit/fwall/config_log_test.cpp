@@ -55,10 +55,6 @@ void openlog(const char* ident, int options, int facility) {
     const std::string name(ident);
     record("openlog " + name + " " + std::to_string(options) + " " + std::to_string(facility));
 }
-// clang-format off
-void closelog() { record("closelog"); }
-unsigned sleep(unsigned seconds) { return record("sleep " + std::to_string(seconds)), 0; }
-// clang-format on
 std::FILE* fopen(const char* path, const char* mode) { // with 64-bit offsets, as everywhere
     static const auto real = reinterpret_cast<decltype(&fopen)>(::dlsym(RTLD_NEXT, "fopen64"));
     const bool ours = !root.empty() && std::strncmp(path, "/var/", 5) == 0;
@@ -73,9 +69,11 @@ ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr*
     errno = ENOBUFS;
     return refusals-- > 0 ? -1 : ::syscall(SYS_sendto, fd, data, size, flags, &there, n);
 }
+// clang-format off
+void closelog() { record("closelog"); }
+unsigned sleep(unsigned seconds) { return record("sleep " + std::to_string(seconds)), 0; }
 }
 
-// clang-format off
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* memory = allocationsLeft-- == 0 ? nullptr : std::malloc(size | 1U);
     return memory != nullptr ? memory : throw std::bad_alloc();
@@ -106,9 +104,9 @@ std::string described(const List& list) {
 }
 
 // An install location of its own, named by TAVORIX, and a collector that listens.
-class Gateway : public testing::Test {
+class Config : public testing::Test {
 protected:
-    Gateway() {
+    Config() {
         root = "/tmp/fwall_testXXXXXX";
         root = ::mkdtemp(root.data());
         for (const char* directory : {"/usr/local/etc", "/var/run", "/var/QELENV"}) {
@@ -121,7 +119,7 @@ protected:
               "other: Logging none\ndefault_logging: logging slf\n");
         loggedLines.clear();
     }
-    ~Gateway() override {
+    ~Config() override {
         G_CloseLog();
         std::filesystem::remove_all(std::exchange(root, ""));
     }
@@ -140,8 +138,7 @@ protected:
 
     UniqueFd collector{::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)};
 };
-using Config = Gateway;
-using Logging = Gateway;
+using Logging = Config;
 
 TEST_F(Config, KeepsOrderAndLineNumbersWhateverIsRejectedAndFailsOnlyAsAWhole) {
     const std::string wide(8191 - 10, 'x'); // with "vorn: k " and ".\n" exactly the limit
@@ -202,7 +199,7 @@ TEST_F(Config, LocationIsTheVariableThenTheProfileThenNothing) {
     const std::string wider = wide + "v";
     const std::string key = "install_location=";
     const std::string profile = " " + key + "/no\ninstall_location2=/no\ninstall_location\n" +
-                                wider + wide + key + "/no\n" + key + "/yes=1 x\n" + key + "/late\n";
+                                wide + wide + key + "/no\n" + key + "/yes=1 x\n" + key + "/late\n";
     // clang-format off
     const std::tuple<const char*, std::string, std::string> cases[] = {
         {"/opt/x", profile, "/opt/x/y"}, {"", profile, "/y"}, {nullptr, profile, "/yes=1/y"},
@@ -278,25 +275,6 @@ std::string raw(T number) {
     return {reinterpret_cast<const char*>(&number), sizeof number};
 }
 
-std::string goldenRecord() {
-    using Port = std::uint16_t;
-    // clang-format off
-    const std::pair<std::size_t, std::string> fields[] = {
-        {0, raw(1616)}, {4, raw(1)}, {8, raw(11502)}, {12, raw(7)}, {20, raw(LOG_NOTICE)},
-        {24, raw(-1)}, {28, raw(42)}, {32, raw(-1)}, {36, raw<Port>(1025)}, {38, raw<Port>(25)},
-        {40, raw<Port>(2525)}, {44, raw(::getpid())}, {48, "0123456789abcdef0123456789abcdef"},
-        {80, raw(77)}, {84, raw(9)}, {88, "192.168.100.200"}, {120, std::string(40, 's')},
-        {161, "j%FCrgen%2C012345678"}, {182, "a,tag of twenty byte"}, {203, std::string(64, 'd')},
-        {267, std::string(254, 'e')}, {523, std::string(61, 'p')}, {588, raw(1021)},
-        {592, "%25" + std::string(1018, 't')}};
-    // clang-format on
-    std::string bytes(1616, '\0');
-    for (const auto& [offset, field] : fields) {
-        bytes.replace(offset, field.size(), field);
-    }
-    return bytes;
-}
-
 TEST_F(Logging, DatagramHasItsBytesInPlace) {
     Proxy proxy;
     proxy.name = std::string(50, 's');
@@ -315,7 +293,22 @@ TEST_F(Logging, DatagramHasItsBytesInPlace) {
     bytes.copy(reinterpret_cast<char*>(&time), sizeof time, 16);
     EXPECT_LE(static_cast<std::uint32_t>(std::time(nullptr)) - time, 60U);
     bytes.replace(16, sizeof time, raw(0));
-    EXPECT_EQ(bytes, goldenRecord());
+    using Port = std::uint16_t;
+    // clang-format off
+    const std::pair<std::size_t, std::string> fields[] = {
+        {0, raw(1616)}, {4, raw(1)}, {8, raw(11502)}, {12, raw(7)}, {20, raw(LOG_NOTICE)},
+        {24, raw(-1)}, {28, raw(42)}, {32, raw(-1)}, {36, raw<Port>(1025)}, {38, raw<Port>(25)},
+        {40, raw<Port>(2525)}, {44, raw(::getpid())}, {48, "0123456789abcdef0123456789abcdef"},
+        {80, raw(77)}, {84, raw(9)}, {88, "192.168.100.200"}, {120, std::string(40, 's')},
+        {161, "j%FCrgen%2C012345678"}, {182, "a,tag of twenty byte"}, {203, std::string(64, 'd')},
+        {267, std::string(254, 'e')}, {523, std::string(61, 'p')}, {588, raw(1021)},
+        {592, "%25" + std::string(1018, 't')}};
+    // clang-format on
+    std::string golden(1616, '\0');
+    for (const auto& [offset, field] : fields) {
+        golden.replace(offset, field.size(), field);
+    }
+    EXPECT_EQ(bytes, golden);
 }
 
 TEST_F(Logging, WaitsForAFullCollectorLosesARecordAndEndsTheProcessWithoutSocketOrMemory) {

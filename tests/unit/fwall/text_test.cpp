@@ -14,13 +14,10 @@ namespace {
 using namespace std::string_literals;
 
 // clang-format off
-struct Escaped {
-    const char* source;
-    const char* further;
-    std::size_t size, full;
-    const char* text;
-};
-const Escaped kEscaped[] = {
+using Text = const char*;
+
+// Source, further bytes to escape, room; the whole length, what stands in the room.
+const std::tuple<Text, Text, std::size_t, std::size_t, Text> kEscaped[] = {
     {"a\xc8%", nullptr, 16, 7, "a%C8%25"}, {"\x1f \x7e\x7f", nullptr, 16, 8, "%1F ~%7F"},
     {"a,b;", nullptr, 16, 4, "a,b;"}, {"a,b;", ",;", 16, 8, "a%2Cb%3B"}, {"a\nb", nullptr, 3, 5, "a"},
     {"\n", nullptr, 4, 3, "%0A"}, {"\n", nullptr, 3, 3, ""}, {"abc", nullptr, 3, 3, "ab"},
@@ -31,7 +28,7 @@ const std::tuple<std::string, std::size_t, std::string> kPrintable[] = {
     {"ab\n\n", 7, "ab..."}, {"abcd", 2, ".."}, {"a", 0, ""}};
 
 // The words, then the count.
-const std::pair<const char*, const char*> kSplit[] = {
+const std::pair<Text, Text> kSplit[] = {
     // Blanks, commas, bytes that never reach an argument
     {"", "0"}, {" \t\v, ,", "0"}, {"a\r\n\f b ", "[a][b]2"}, {", ,a, b", "[a,][b]2"},
     {"a ,b", "[a][,b]2"}, {"x,y, z", "[x,y,][z]2"}, {"\x01\xc3\xa9,a\x7f\x80z", "[az]1"},
@@ -44,12 +41,7 @@ const std::pair<const char*, const char*> kSplit[] = {
     {"\\xab c", "[ab][c]2"}, {"a \\x b", "[a][ b]2"}, {"a\\", "[a]1"}, {"a\\n", "[a\n]1"},
     {"a\\\x80nb", "[a\nb]1"}};
 
-struct Narrow {
-    const char* text;
-    int slots, size;
-    const char* words;
-};
-const Narrow kNarrow[] = {
+const std::tuple<Text, int, int, Text> kNarrow[] = { // text, slots, size
     {"a b", 9, 4, "[a][b]2"}, {"a b", 9, 3, "0"}, {"a b", 9, 2, "0"}, {"a b", 9, 1, "-1"},
     {"a", 9, 1, "0"}, {"a", 9, 0, "0"}, {"'", 9, 0, "-1"}, {"a'b'", 9, 1, "0"}, {"a ''", 9, 2, "-1"},
     {"a", 1, 99, "0"}, {"a b c", 3, 4, "[a][b]2"}, {"a b c d", 3, 99, "[a][b]2"}};
