@@ -5,20 +5,19 @@
 #include <algorithm>
 #include <array>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <set>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <utility>
 
 namespace fs = std::filesystem;
 
 std::vector<std::string> loggedLines;
 std::vector<GW_EVENT> reported;
+std::function<void()> beforeLock;
 
 extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
                                                              ...) {
@@ -27,13 +26,11 @@ extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const
     va_start(args, format);
     std::vsnprintf(text.data(), text.size(), format, args);
     va_end(args);
-    const std::string_view line = text.data();
+    const std::string line = text.data();
     const std::size_t pid = line.find_first_not_of("0123456789");
     loggedLines.push_back("<" + std::to_string(priority) + ">" + (pid == 0 ? " " : "") +
-                          std::string(line.substr(pid)));
+                          line.substr(pid));
 }
-
-std::function<void()> beforeLock;
 
 extern "C" int flock(int fd, int operation) noexcept {
     if (const auto action = std::exchange(beforeLock, nullptr)) {
@@ -42,27 +39,20 @@ extern "C" int flock(int fd, int operation) noexcept {
     return static_cast<int>(::syscall(SYS_flock, fd, operation));
 }
 
-int linesWith(std::string_view text) {
-    return static_cast<int>(
-        std::count_if(loggedLines.begin(), loggedLines.end(), [text](const std::string& line) {
-            return line.find(text) != std::string::npos;
-        }));
+int linesWith(const std::string& text) {
+    const auto has = [&text](const std::string& line) { return line.find(text) != line.npos; };
+    return static_cast<int>(std::count_if(loggedLines.begin(), loggedLines.end(), has));
 }
 
-namespace {
-
-class Collector : public AbstractReporter {
-    void report(const GW_EVENT& event) override { reported.push_back(event); }
-};
-
-} // namespace
-
 std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
+    struct Collector : AbstractReporter {
+        void report(const GW_EVENT& event) override { reported.push_back(event); }
+    };
     return std::make_unique<Collector>();
 }
 
-ScratchSpool::ScratchSpool() : root_("/tmp/engine_testXXXXXX") {
-    root_ = ::mkdtemp(root_.data());
+Spool::Spool() {
+    root_ = ::mkdtemp(root_.data()) + std::string("/");
     fs::create_directory(deferred(""));
     fs::create_directory(outgoing(""));
     mailscanGlobals::initialise(nullptr);
@@ -76,50 +66,34 @@ ScratchSpool::ScratchSpool() : root_("/tmp/engine_testXXXXXX") {
     reported.clear();
 }
 
-ScratchSpool::~ScratchSpool() {
+Spool::~Spool() {
     fs::remove_all(root_);
 }
 
-void ScratchSpool::queue(const std::string& leaf, int firstAgo, int lastAgo,
-                         const std::string& sender,
-                         const std::vector<std::string>& recipients) const {
-    std::string list;
-    for (const int ago : {firstAgo, lastAgo}) {
-        std::array<char, DateTime::kTextSize> stamp{};
-        list += (DateTime(-1) + -ago).Get(stamp.data()) + std::string("\n");
-    }
-    list += "1\n" + sender + "\n";
-    for (const std::string& recipient : recipients) {
-        list += recipient + "\n";
-    }
+void Spool::queue(const std::string& leaf, const std::string& sender, const std::string& recipients,
+                  int ago) const {
+    std::array<char, DateTime::kTextSize> text{};
+    const std::string stamp = (DateTime(-1) + -ago).Get(text.data()) + std::string("\n");
     writeFile(deferred(leaf), "Subject: " + leaf + "\n\none\ntwo\n");
-    writeFile(deferred(leaf) + ".rmd", list);
+    writeFile(deferred(leaf) + ".rmd", stamp + stamp + "1\n" + sender + "\n" + recipients);
 }
 
-std::string ScratchSpool::names() const {
+std::string Spool::names() const {
     std::set<std::string> found;
     for (const auto& entry : fs::directory_iterator(deferred(""))) {
-        found.insert(entry.path().filename());
+        found.insert(entry.path().filename().string() + " ");
     }
-    std::string joined;
-    for (const std::string& name : found) {
-        joined += (joined.empty() ? "" : " ") + name;
-    }
-    return joined;
+    return std::accumulate(found.begin(), found.end(), std::string());
 }
 
-std::string ScratchSpool::returnMail() const {
+std::string Spool::returnMail() const {
     const std::string all = names();
-    const std::size_t begin = all.find("rjct");
-    return begin == std::string::npos ? "" : all.substr(begin, all.find(' ', begin) - begin);
+    const std::size_t begin = std::min(all.find("rjct"), all.size());
+    return all.substr(begin, all.find(' ', begin) - begin);
 }
 
-std::string ScratchSpool::envelope(const std::string& leaf) const {
-    std::string list = contents(deferred(leaf) + ".rmd");
-    for (int line = 0; line < 3; ++line) {
-        list.erase(0, list.find('\n') + 1);
-    }
-    return list;
+std::string Spool::envelope(const std::string& leaf) const {
+    return contents(deferred(leaf) + ".rmd").erase(0, 24 + 24 + 2); // two stamps, the tries
 }
 
 std::string contents(const std::string& path) {
@@ -127,6 +101,6 @@ std::string contents(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-void writeFile(const std::string& path, std::string_view bytes) {
+void writeFile(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }

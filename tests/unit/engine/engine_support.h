@@ -5,47 +5,43 @@
 #include "email/mailscanGlobals.h"
 #include "libevrep/Reporter.h"
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 // syslog() ends here: "<priority> text", the process id cut off.
 extern std::vector<std::string> loggedLines;
-int linesWith(std::string_view text);
-
-// Done once, right before the next flock().
-extern std::function<void()> beforeLock;
+int linesWith(const std::string& text);
 
 // What the reporter was given.
 extern std::vector<GW_EVENT> reported;
 
+// Done once, right before the next flock().
+extern std::function<void()> beforeLock;
+
 // Empty spool directories, no DNS and no relays: every well-formed address fails with 1001, and one
 // without "@" with 1003. Settings, log and reports are as at the start of the program.
-class ScratchSpool {
-public:
-    ScratchSpool();
-    ~ScratchSpool();
+class Spool : public testing::Test {
+protected:
+    Spool();
+    ~Spool() override;
 
-    // A deferred message, first and last tried that many seconds ago.
-    void queue(const std::string& leaf, int firstAgo, int lastAgo, const std::string& sender,
-               const std::vector<std::string>& recipients) const;
+    // A deferred message, tried once, that many seconds ago.
+    void queue(const std::string& leaf, const std::string& sender, const std::string& recipients,
+               int ago = 5000) const;
 
-    [[nodiscard]] std::string deferred(const std::string& name) const {
-        return root_ + "/q/" + name;
-    }
-    [[nodiscard]] std::string outgoing(const std::string& name) const {
-        return root_ + "/o/" + name;
-    }
-    // The sorted names in the deferred queue, joined by blanks.
-    [[nodiscard]] std::string names() const;
-    [[nodiscard]] std::string returnMail() const; // the leaf name of a queued one, or nothing
+    std::string deferred(const std::string& name) const { return root_ + "q/" + name; }
+    std::string outgoing(const std::string& name) const { return root_ + "o/" + name; }
+    std::string names() const;      // those in the deferred queue, sorted, each with a blank
+    std::string returnMail() const; // the leaf name of a queued one, or nothing
     // A queued message's recipient file from the sender on.
-    [[nodiscard]] std::string envelope(const std::string& leaf) const;
+    std::string envelope(const std::string& leaf) const;
 
 private:
-    std::string root_;
+    std::string root_ = "/tmp/engine_testXXXXXX";
 };
 
 std::string contents(const std::string& path);
-void writeFile(const std::string& path, std::string_view bytes);
+void writeFile(const std::string& path, const std::string& bytes);

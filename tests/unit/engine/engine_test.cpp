@@ -1,55 +1,40 @@
 // What becomes of a message and its files. No server can be reached here: a well-formed address
 // fails for now (1001), one without "@" for good (1003).
+#include "email/Alarm.h"
+#include "email/DeliveryJournal.h"
 #include "email/MailReSender.h"
 #include "email/MessageLock.h"
+#include "email/RetrySchedule.h"
+#include "email/ReturnMail.h"
 #include "engine_support.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
-#include <sys/file.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kDue = 5000; // seconds
-const std::string kLater = "<x@far.test>";
-const std::string kNever = "<nodomain>";
+const std::string kLater = "<x@far.test>\t450\n";
+const std::string kNever = "<nodomain>\t-1\n";
 
-class Engine : public testing::Test {
-protected:
-    bool send(const std::string& leaf, bool deferred = true) {
-        const std::string path = deferred ? spool.deferred(leaf) : spool.outgoing(leaf);
-        return engine.Send(FileName(path.c_str()), deferred, 0);
+struct Engine : Spool {
+    bool send(const std::string& leaf) {
+        return engine.Send(FileName(deferred(leaf).c_str()), true, 0);
     }
-
-    ScratchSpool spool;
     ListSender engine;
 };
 
-TEST_F(Engine, LeavesAMessageAloneThatIsTooSoon) {
-    spool.queue("m1", 100, 100, "<s@a.test>", {kLater + "\t450"});
-    const std::string before = contents(spool.deferred("m1.rmd"));
-    const auto written = fs::last_write_time(spool.deferred("m1.rmd"));
-    EXPECT_TRUE(send("m1"));
-    EXPECT_EQ(contents(spool.deferred("m1.rmd")), before);
-    EXPECT_EQ(fs::last_write_time(spool.deferred("m1.rmd")), written);
-    EXPECT_TRUE(loggedLines.empty() && reported.empty());
-}
-
 TEST_F(Engine, KeepsWhoMayStillBeServedAndReturnsTheRest) {
-    spool.queue("m1", kDue, kDue, "<s@a.test>",
-                {kLater + "\t450", kNever + "\t-1", "<y@far.test>"});
+    queue("m1", "<s@a.test>", kLater + kNever + "<y@far.test>\n");
     EXPECT_TRUE(send("m1"));
-    EXPECT_EQ(spool.envelope("m1"), "<s@a.test>\n<x@far.test>\t1001\n<y@far.test>\t1001\n");
-    const std::string bounce = spool.returnMail();
-    EXPECT_EQ(spool.names(), "m1 m1.rmd " + bounce + " " + bounce + ".rmd");
-    EXPECT_EQ(spool.envelope(bounce), "<>\n<s@a.test>\t1001\n");
-    EXPECT_NE(contents(spool.deferred(bounce)).find("<nodomain>: Malformed"), std::string::npos);
+    EXPECT_EQ(envelope("m1"), "<s@a.test>\n<x@far.test>\t1001\n<y@far.test>\t1001\n");
+    const std::string bounce = returnMail();
+    EXPECT_EQ(names(), "m1 m1.rmd " + bounce + " " + bounce + ".rmd ");
+    EXPECT_EQ(envelope(bounce), "<>\n<s@a.test>\t1001\n");
     EXPECT_EQ(linesWith(" deferred msg=m1 from=<s@a.test> to=<x@far.test> code=1001 "), 1);
     EXPECT_EQ(linesWith(" returned msg=m1 from=<s@a.test> to=<nodomain> code=1003 "), 1);
     EXPECT_EQ(linesWith(" deferred msg=" + bounce + " from=<> to=<s@a.test> code=1001 "), 1);
@@ -57,131 +42,108 @@ TEST_F(Engine, KeepsWhoMayStillBeServedAndReturnsTheRest) {
     EXPECT_EQ(loggedLines.size(), 5U);
 }
 
-TEST_F(Engine, DeletesAMessageOnceEverybodyIsAnswered) {
-    spool.queue("m1", kDue, kDue, "<s@a.test>", {kNever + "\t-1"});
-    writeFile(spool.deferred("m1.rmd~"), "left over");
-    EXPECT_TRUE(send("m1"));
-    const std::string bounce = spool.returnMail();
-    EXPECT_EQ(spool.names(), bounce + " " + bounce + ".rmd");
-}
-
-TEST_F(Engine, ReturnsAnOverdueMessageWithoutTryingIt) {
-    spool.queue("m1", 400100, 10, "<s@a.test>", {kLater + "\t450"});
-    EXPECT_TRUE(send("m1"));
-    EXPECT_EQ(linesWith("<29> overdue msg=m1 from=<s@a.test> waited=400100 tries=1"), 1);
-    EXPECT_NE(contents(spool.deferred(spool.returnMail())).find("<x@far.test>: Requested mail"),
-              std::string::npos);
-    EXPECT_EQ(spool.names().find("m1"), std::string::npos);
+TEST_F(Engine, SaysNothingTooSoonAndTriesNobodyTooLate) {
+    queue("soon", "<s@a.test>", kLater, 100);
+    EXPECT_TRUE(send("soon"));
+    EXPECT_EQ(envelope("soon"), "<s@a.test>\n<x@far.test>\t450\n");
+    EXPECT_TRUE(loggedLines.empty() && reported.empty());
+    queue("late", "<s@a.test>", kLater, 400100);
+    writeFile(deferred("late.rmd~"), "left over");
+    EXPECT_TRUE(send("late"));
+    EXPECT_EQ(linesWith("<29> overdue msg=late from=<s@a.test> waited=400100 tries=1"), 1);
+    const std::string bounce = returnMail();
+    EXPECT_NE(contents(deferred(bounce)).find("<x@far.test>: Requested mail"), std::string::npos);
+    EXPECT_EQ(names(), bounce + " " + bounce + ".rmd soon soon.rmd ");
 }
 
 TEST_F(Engine, AnswersNoNullSender) {
-    spool.queue("m1", kDue, kDue, "< >", {"<one>\t-1", "<two>\t-1", kLater + "\t-1"});
+    queue("m1", "< >", "<one>\t-1\n<two>\t-1\n" + kLater);
     EXPECT_TRUE(send("m1"));
-    EXPECT_EQ(spool.names(), "m1 m1.rmd");
-    EXPECT_EQ(spool.envelope("m1"), "< >\n<x@far.test>\t1001\n");
+    EXPECT_EQ(names(), "m1 m1.rmd ");
+    EXPECT_EQ(envelope("m1"), "< >\n<x@far.test>\t1001\n");
     EXPECT_EQ(linesWith("<28> dropped msg=m1 from=< > to=<one> code=1003 "), 1);
     EXPECT_EQ(linesWith("<28> dropped msg=m1 from=< > to=<two> code=1003 "), 1);
-    EXPECT_EQ(std::count_if(reported.begin(), reported.end(),
-                            [](const GW_EVENT& event) { return event.m_EventID == 125; }),
-              1);
+    const auto isDrop = [](const GW_EVENT& event) { return event.m_EventID == 125; };
+    EXPECT_EQ(std::count_if(reported.begin(), reported.end(), isDrop), 1);
+    EXPECT_TRUE(Email::isNullSender("") && Email::isNullSender("<<> >"));
+    EXPECT_FALSE(Email::isNullSender("<a>") || Email::isNullSender("<\t>"));
 }
 
-struct Unusable {
-    const char* text; // null: missing
-    const char* rcpts;
-    const char* line;
-};
 TEST_F(Engine, DeletesWhatCannotBeUsed) {
-    for (const auto& [text, rcpts, line] :
-         {Unusable{nullptr, "x", "text-open-failed msg=m1 error=2 (No such file"},
-          Unusable{"x", "x", "recipients-unreadable msg=m1 error=0 (unusable content)"},
-          Unusable{"x", "", "recipients-unreadable msg=m1 error=0"},
-          Unusable{"x", nullptr, "recipients-unreadable msg=m1 error=2 (No such file"}}) {
-        for (const auto& [suffix, bytes] : {std::pair{"", text}, std::pair{".rmd", rcpts}}) {
-            if (bytes != nullptr) {
-                writeFile(spool.deferred("m1") + suffix, bytes);
-            }
-        }
-        loggedLines.clear();
-        EXPECT_FALSE(send("m1"));
-        EXPECT_EQ(spool.names(), "");
-        EXPECT_EQ(linesWith(line), 1) << line;
-    }
+    writeFile(deferred("m1.rmd"), "x");
+    EXPECT_FALSE(send("m1"));
+    EXPECT_EQ(linesWith("<27> text-open-failed msg=m1 error=2 (No such file"), 1);
+    writeFile(deferred("m2"), "x");
+    writeFile(deferred("m2.rmd"), "x");
+    EXPECT_FALSE(send("m2"));
+    EXPECT_EQ(linesWith("<27> recipients-unreadable msg=m2 error=0 (unusable content)"), 1);
+    EXPECT_EQ(names(), "");
 }
 
 TEST_F(Engine, KeepsTheOldListWhenItCannotBeRewritten) {
     mailscanGlobals::mailLogEnable = false;
-    spool.queue("m1", kDue, kDue, "<>", {kLater + "\t450"});
-    const std::string before = contents(spool.deferred("m1.rmd"));
-    fs::create_directories(spool.deferred("m1.rmd~/x"));
+    queue("m1", "<>", kLater);
+    const std::string before = contents(deferred("m1.rmd"));
+    fs::create_directories(deferred("m1.rmd~/x"));
     EXPECT_TRUE(send("m1"));
-    EXPECT_EQ(contents(spool.deferred("m1.rmd")), before);
+    EXPECT_EQ(contents(deferred("m1.rmd")), before);
     EXPECT_EQ(linesWith("<27> recipients-rewrite-failed msg=m1 from=<> error="), 1);
     ASSERT_EQ(reported.size(), 1U); // with "mail-log" off, nothing tells of the deferral
     EXPECT_EQ(reported[0].m_EventID, 107);
 }
 
-TEST_F(Engine, AnUnreadableTextDoesNotEndTheRun) {
+TEST_F(Engine, AnUnreadableTextEndsTheRunOnlyInTheReturnMailsHands) {
     mailscanGlobals::retry_min_interval = 0;
     std::istringstream text("x\n");
     text.setstate(std::ios::badbit);
     engine.recipients().setSender("<s@a.test>");
-    engine.recipients().Add(kNever.c_str(), IDS_NO_REASON);
+    engine.recipients().Add("<nodomain>", IDS_NO_REASON);
     EXPECT_EQ(engine.Send(text, true, "m1", true), SEND_FINISHED);
-    EXPECT_FALSE(spool.returnMail().empty());
+    EXPECT_FALSE(returnMail().empty());
+    MailList failed;
+    failed.Add("<a@x.test>", SELFSEND);
+    std::ostringstream out;
+    EXPECT_TRUE(engine.BuildReturnMail(failed, out, text));
+    EXPECT_TRUE(failed.IsEmpty());
+    EXPECT_NE(out.str().find("<a@x.test>: Attempt to send mail to self\n"), std::string::npos);
+    text.setstate(std::ios::badbit);
+    EXPECT_EXIT(engine.BuildReturnMail(failed, out, text), testing::ExitedWithCode(1), "^$");
 }
 
 TEST_F(Engine, OnlyDeferredMailTriesEverybodyInOnePass) {
-    for (const auto& [deferred, results] : {std::pair{false, "<2> 421 <1> 422 <3> 1003 "},
-                                            std::pair{true, "<1> 1003 <2> 1003 <3> 1003 "}}) {
+    for (const bool isDeferred : {false, true}) {
         for (const int number : {1, 2, 3}) {
             engine.recipients().Add(("<" + std::to_string(number) + ">").c_str(),
                                     static_cast<SMTPcode>(423 - number));
         }
         MailList failed;
         std::istringstream text;
-        EXPECT_FALSE(engine.SendOnce(failed, text, deferred));
+        EXPECT_FALSE(engine.SendOnce(failed, text, isDeferred));
         std::string found;
         for (const EmailAddr* rcpt = failed.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-            found += rcpt->text() + (" " + std::to_string(rcpt->reason) + " ");
+            found += rcpt->text() + std::to_string(rcpt->reason) + " ";
         }
-        EXPECT_EQ(found, results);
+        EXPECT_EQ(found, isDeferred ? "<1>1003 <2>1003 <3>1003 " : "<2>421 <1>422 <3>1003 ");
     }
 }
 
-struct Policy {
-    std::int32_t sizeLimit;
-    std::int32_t recipientLimit;
-    int recipients;
-    bool tried;
-};
-TEST_F(Engine, FreshMailGoesOutByPolicy) {
+TEST_F(Engine, FreshMailGoesOutByPolicyAndIsNeverStoredOverAnother) {
+    const std::string body(100000, 'x');
     for (const auto& [sizeLimit, recipientLimit, recipients, tried] :
-         {Policy{0, 0, 2, true}, Policy{9, 1, 1, true}, Policy{9, 5, 2, false},
-          Policy{9, 0, 1, false}}) {
+         {std::tuple{0, 0, 2, true}, {9, 1, 1, true}, {9, 5, 2, false}, {9, 0, 1, false}}) {
         mailscanGlobals::directSendSizeLimit = sizeLimit;
         mailscanGlobals::directSendRecipientLimit = recipientLimit;
-        ListSender fresh;
+        engine.recipients().Destroy();
         for (int i = 0; i < recipients; ++i) {
-            fresh.recipients().Add(kLater.c_str(), IDS_NO_REASON);
+            engine.recipients().Add("<x@far.test>", IDS_NO_REASON);
         }
-        std::istringstream text("x\n");
-        EXPECT_TRUE(fresh.Send(text, "fresh"));
-        EXPECT_EQ(spool.envelope("fresh").find("\t1001\n") != std::string::npos, tried)
-            << recipients;
-        fs::remove(spool.deferred("fresh"));
-        fs::remove(spool.deferred("fresh.rmd"));
+        loggedLines.clear();
+        std::istringstream text(std::to_string(recipientLimit) + body);
+        EXPECT_TRUE(engine.Send(text, "fresh"));
+        EXPECT_EQ(linesWith(" code=1001 "), tried ? 1 : 0) << recipientLimit;
     }
-}
-
-TEST_F(Engine, AStoredMessageNeverTakesTheNameOfAnother) {
-    writeFile(spool.deferred("fresh"), "another's");
-    engine.recipients().Add(kLater.c_str(), IDS_NO_REASON);
-    const std::string body(100000, 'x');
-    std::istringstream text(body);
-    EXPECT_TRUE(engine.Send(text, "fresh"));
-    EXPECT_EQ(contents(spool.deferred("fresh")), "another's");
-    EXPECT_EQ(contents(spool.deferred(spool.returnMail())), body);
+    EXPECT_EQ(contents(deferred("fresh")), "0" + body);
+    EXPECT_NE(contents(deferred(returnMail())).find(body), std::string::npos);
 }
 
 TEST_F(Engine, TellsOfAReturnMailThatIsLost) {
@@ -202,93 +164,204 @@ TEST_F(Engine, TellsOfAReturnMailThatIsLost) {
 
 TEST_F(Engine, MovesUnsentOutgoingMailIntoTheDeferredQueueOrGivesItUp) {
     for (const bool possible : {true, false}) {
-        writeFile(spool.outgoing("o1"), "text\n");
-        writeFile(spool.outgoing("o1.rcp"), "<s@a.test>\n" + kLater + "\n");
-        if (!possible) {
-            mailscanGlobals::deferred_mail_path = FileName("/nonexistent/");
-        }
-        EXPECT_EQ(send("o1", false), possible);
-        EXPECT_FALSE(fs::exists(spool.outgoing("o1")) || fs::exists(spool.outgoing("o1.rcp")));
+        writeFile(outgoing("o1"), "text\n");
+        writeFile(outgoing("o1.rcp"), "<s@a.test>\n<x@far.test>\n");
+        EXPECT_EQ(engine.Send(FileName(outgoing("o1").c_str()), false, 0), possible);
+        EXPECT_FALSE(fs::exists(outgoing("o1")) || fs::exists(outgoing("o1.rcp")));
         EXPECT_EQ(linesWith("<27> move-failed msg=o1 from=<s@a.test> error="), possible ? 0 : 1);
+        mailscanGlobals::deferred_mail_path = FileName("/nonexistent/");
     }
-    EXPECT_EQ(spool.names(), "o1 o1.rmd");
-    EXPECT_EQ(spool.envelope("o1"), "<s@a.test>\n<x@far.test>\t1001\n");
-    EXPECT_EQ(contents(spool.deferred("o1")), "text\n");
+    EXPECT_EQ(names(), "o1 o1.rmd ");
+    EXPECT_EQ(envelope("o1"), "<s@a.test>\n<x@far.test>\t1001\n");
+    EXPECT_EQ(contents(deferred("o1")), "text\n");
 }
 
-// --- The walk
+constexpr std::time_t kNow = 1'700'000'000;
 
-struct Walk : testing::Test {
-    ScratchSpool spool;
-    MailReSender walker;
+// Seconds since the try in question, the interval, the decision.
+using Wait = std::tuple<std::int64_t, std::int32_t, bool>;
+// clang-format off
+const Wait kOverdue[] = {
+    {400000, 400000, false}, {400001, 400000, true}, {-5, 0, false}, {0, -1, true},
+    {kNow + 2, 400000, true},
+    {kNow - 2147483000, 400000, false}}; // a 32-bit sum would wrap and return all mail at once
+const Wait kTooSoon[] = {
+    {2000, 2000, false}, {1999, 2000, true}, {0, 0, false}, {-3600, 2000, true}, {-3600, 0, false},
+    {-5, -5, false}, {-6, -5, true}};
+// clang-format on
+
+TEST(Schedule, DecidesStrictlyBeyondItsIntervals) {
+    for (const auto& [ago, interval, decision] : kOverdue) {
+        EXPECT_EQ(Email::overdue(DateTime(kNow - ago), DateTime(kNow), interval), decision) << ago;
+    }
+    for (const auto& [ago, interval, decision] : kTooSoon) {
+        EXPECT_EQ(Email::tooSoon(DateTime(kNow - ago), DateTime(kNow), interval), decision) << ago;
+    }
+}
+
+// A stamp of a file is compared by its digits, whatever the local zone makes of its seconds.
+TEST(Schedule, TooSoonComparesDigitsAndNotSeconds) {
+    ::setenv("TZ", "EST5", 1);
+    ::tzset();
+    std::array<char, DateTime::kTextSize> text{};
+    DateTime last;
+    last.Set(DateTime(kNow - 100).Get(text.data()));
+    EXPECT_TRUE(Email::tooSoon(last, DateTime(kNow), 2000));
+    EXPECT_FALSE(Email::tooSoon(last, DateTime(kNow), 50));
+    EXPECT_FALSE(Email::overdue(last, DateTime(kNow), 50));
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+}
+
+TEST(Alarm, LatestCallWinsFiringDisarmsAndEveryEngineClearsIt) {
+    SetAlarm(true, 100);
+    SetAlarm(false, 50);
+    EXPECT_LE(::alarm(0), 50U);
+    EXPECT_FALSE(Email::Alarm::hasExpired());
+    std::raise(SIGALRM);
+    EXPECT_TRUE(Email::Alarm::hasExpired());
+    EXPECT_EQ(std::signal(SIGALRM, SIG_DFL), SIG_DFL);
+    {
+        const ListSender engine;
+        EXPECT_FALSE(Email::Alarm::hasExpired());
+        SetAlarm(true, 100);
+    }
+    EXPECT_FALSE(Email::Alarm::hasExpired());
+    EXPECT_EQ(::alarm(0), 0U);
+    ListSender engine;
+    // Seconds ahead of now, 0 for none; whether the alarm has expired, whether it is armed.
+    for (const auto& [ahead, expired, armed] :
+         {std::tuple{90, false, true}, {0, false, false}, {-1, true, false}}) {
+        engine.setDeadLines(DateTime(0), ahead == 0 ? DateTime(0) : DateTime(-1) + ahead);
+        EXPECT_EQ(Email::Alarm::hasExpired(), expired) << ahead;
+        EXPECT_EQ(::alarm(0) > 0, armed) << ahead;
+    }
+}
+
+TEST_F(Spool, ReturnMailListsTheFailedAndQuotesTheText) {
+    MailList failed;
+    failed.Add("<b@x.test>", BADHOSTNAME);
+    failed.Add("<a@x.test>", static_cast<SMTPcode>(571));
+    std::istringstream text("one\n\nthree");
+    const std::string mail = Email::returnMail("< s@a.test>", failed, text);
+    EXPECT_EQ(mail.find("From: Z880_SMTP_Mail_Service\nDate: "), 0U);
+    EXPECT_EQ(mail.substr(mail.find("\nTo: ")),
+              "\nTo: < s@a.test>\nSubject:Returned Mail - Error During Delivery\n\n"
+              "------ Failed Recipients ------\n\n<a@x.test>: Unknown SMTP code 571\n"
+              "<b@x.test>: Malformed e-mail address\n-------- Returned Mail --------\n\n"
+              "one\n\n");
+}
+
+TEST(ReturnMail, QuotesBoundedLinesAndPieces) {
+    // The length of the first line and what follows it, the limit; lines and bytes quoted.
+    // clang-format off
+    const std::tuple<std::size_t, const char*, int, int, std::size_t> cases[] = {
+        {1023, "\nb\n", 99, 2, 1026}, {1024, "\nb\n", 99, 3, 1028}, {1024, "\nb\n", 1, 1, 1024},
+        {2046, "\n", 99, 2, 2048}, {2047, "", 99, 2, 2048}, {1023, "", 99, 0, 0},
+        {3, "\nb", 99, 1, 4}, {3, "\nb\n", 0, 0, 0}, {3, "\n", -1, 0, 0}, {0, "", 9, 0, 0}};
+    // clang-format on
+    for (const auto& [length, rest, limit, lines, bytes] : cases) {
+        std::istringstream text(std::string(length, 'x') + rest);
+        text.seekg(0, std::ios::end);
+        text.setstate(std::ios::eofbit | std::ios::failbit);
+        std::string out;
+        Email::quoteText(out, text, limit);
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), lines) << length << rest << limit;
+        EXPECT_EQ(out.size(), bytes) << length << rest << limit;
+    }
+}
+
+struct Journal : Spool {
+    Journal() { writeFile(list, "list"); }
+
+    static MailList& add(MailList& rcpts, std::initializer_list<const char*> names) {
+        for (const char* name : names) {
+            rcpts.Add(name, ACTION_OKA);
+        }
+        return rcpts;
+    }
+    // A run that was killed after it was done with these.
+    void cutOff(std::initializer_list<const char*> names) const {
+        Email::DeliveryJournal journal(list);
+        MailList done;
+        journal.takeDone(done);
+        journal.note(add(done, names));
+        journal.flush();
+    }
+    // Who is left of a, b, a, c in the next run.
+    std::string left() const {
+        MailList rcpts;
+        Email::DeliveryJournal(list).takeDone(add(rcpts, {"<c>", "<a>", "<b>", "<a>"}));
+        std::array<char, EmailAddr::kTextSize> text{};
+        return rcpts.AllNames(text.data()), text.data();
+    }
+
+    std::string list = deferred("m.rmd");
 };
 
-TEST_F(Walk, OffersEveryEntryAndTracesItsSteps) {
-    spool.queue("m1", kDue, kDue, "<>", {kLater + "\t450"});
-    walker.RetryAll(1);
-    const std::string file = "'" + spool.deferred("m1.rmd") + "'";
-    const std::string leaf = "'" + spool.deferred("m1") + "'";
-    EXPECT_EQ(linesWith("<26> Unable to open '" + spool.deferred("m1.rmd.rmd") + "' error '2'"), 1);
-    std::erase_if(loggedLines, [](const std::string& line) {
-        return line.find("m1.rmd.rmd") != std::string::npos ||
-               line.find("CheckTime") != line.npos || line.find("NextAttempt") != line.npos;
-    });
-    EXPECT_EQ(
-        loggedLines,
-        (std::vector<std::string>{
-            "<30> Attempting file " + file, "<30> Exclusive on file " + file,
-            "<30> Sending " + leaf, "<30>    Sending File", "<30>    Sending to '<x@far.test>'",
-            "<30>    Could not open transport for '<x@far.test>'", "<30>    Deferring email",
-            "<30> deferred msg=m1 from=<> to=<x@far.test> code=1001 text=Mail Server is down "
-            "or unreachable.",
-            "<30> Exclusively finished file " + file}));
+TEST_F(Journal, LeavesOutOneRecordForEachWholeLineOfThisListAndIsOnlyWrittenWhenNeeded) {
+    EXPECT_EQ(left(), "<a> <b> <a> <c>");
+    cutOff({"<a>", "<c>", "<stranger>"});
+    EXPECT_EQ(left(), "<b> <a>");
+    cutOff({"<b>"}); // cut off once more
+    EXPECT_EQ(left(), "<a>");
+    std::ofstream(list + "+", std::ios::app) << "<a>\n<a>\tdon\n<a>\tdone";
+    EXPECT_EQ(left(), "<a>");
+    writeFile(list + "~", "list");
+    fs::rename(list + "~", list); // the same content, but another list
+    EXPECT_EQ(left(), "<a> <b> <a> <c>");
+    writeFile(list + "+", "garbage\n<a>\tdone\n");
+    EXPECT_EQ(left(), "<a> <b> <a> <c>");
+    Email::DeliveryJournal journal(list);
+    MailList done;
+    journal.note(add(done, {"<b>"}));
+    EXPECT_EQ(names(), "m.rmd ");
+    journal.flush();
+    EXPECT_EQ(left(), "<a> <a> <c>");
+    journal.remove();
+    journal.flush();
+    EXPECT_EQ(names(), "m.rmd ");
 }
 
-TEST_F(Walk, LeavesAloneWhatIsHeldOrNoMessage) {
-    spool.queue("held", kDue, kDue, "<>", {kNever + "\t-1"});
-    writeFile(spool.deferred("orphan"), "text");
-    fs::create_directory(spool.deferred("dir"));
-    ::mkfifo(spool.deferred("fifo.rmd").c_str(), 0600);
-    writeFile(spool.deferred("fifo"), "text");
-    const int held = ::open(spool.deferred("held.rmd").c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(::flock(held, LOCK_EX | LOCK_NB), 0);
-    const std::string before = spool.names();
-    walker.RetryAll(0);
-    EXPECT_EQ(spool.names(), before);
-    EXPECT_TRUE(loggedLines.empty());
-    ::close(held);
-    walker.RetryAll(0);
-    EXPECT_EQ(spool.names(), "dir fifo fifo.rmd orphan");
-}
-
-TEST_F(Walk, TakesPathsOfLessThan200Characters) {
-    const std::size_t directory = spool.deferred("").size();
-    const std::string longest(199 - directory, 'm');
-    spool.queue(longest, kDue, kDue, "<>", {kNever + "\t-1"});
-    spool.queue(longest + "m", kDue, kDue, "<>", {kNever + "\t-1"});
-    walker.RetryAll(1);
-    EXPECT_EQ(spool.names(), longest + "m " + longest + "m.rmd");
-    EXPECT_EQ(linesWith("<30> Unable to resolve pathname for a file"), 3);
-}
-
-TEST_F(Walk, ALockLastsAsLongAsItsOwnerAndIsNoneOnAReplacedFile) {
-    using State = Email::MessageLock::State;
-    spool.queue("m1", kDue, kDue, "<>", {});
-    const std::string file = spool.deferred("m1.rmd");
-    {
-        const Email::MessageLock lock(file);
-        EXPECT_EQ(lock.state(), State::Held);
-        EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
+TEST_F(Spool, WalkOffersEveryEntryAndTracesItsSteps) {
+    queue("m1", "<>", kLater);
+    MailReSender().RetryAll(1);
+    for (const char* line :
+         {"<26> Unable to open '", "m1.rmd.rmd' error '2'", "<30> Exclusive on file '",
+          "<30> Sending '", "<30>    CheckTime 1st time ", ") Time to retry = -39",
+          " result = Not Now", "<30>    NextAttempt ", ") IN -", " seconds = Now",
+          "<30>    Sending File", "<30>    Sending to '<x@far.test>'",
+          "<30>    Could not open transport for '<x@far.test>'", "<30>    Deferring email",
+          "<30> Exclusively finished file '"}) {
+        EXPECT_EQ(linesWith(line), 1) << line;
     }
-    beforeLock = [&] {
-        writeFile(file + "~", "new list");
-        fs::rename(file + "~", file);
-    };
-    EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
-    EXPECT_EQ(Email::MessageLock(file).state(), State::Held);
+    EXPECT_EQ(loggedLines.size(), 13U); // with two attempts and the outcome
+    mailscanGlobals::retry_min_interval = 0;
+    const std::string longest(199 - deferred("").size(), 'm');
+    queue(longest, "<>", kNever);
+    queue(longest + "m", "<>", kNever);
+    MailReSender().RetryAll(1);
+    EXPECT_EQ(names(), "m1 m1.rmd " + longest + "m " + longest + "m.rmd ");
+    EXPECT_EQ(linesWith("<30> Unable to resolve pathname for a file"), 3);
+    EXPECT_EQ(linesWith("<30>    Immediate retry required"), 2);
+}
+
+TEST_F(Spool, ALockLastsAsLongAsItsOwnerAndIsNoneOnAReplacedFile) {
+    using Lock = Email::MessageLock;
+    queue("m1", "<>", "");
+    const std::string file = deferred("m1.rmd");
+    {
+        const Lock lock(file);
+        EXPECT_EQ(lock.state(), Lock::State::Held);
+        EXPECT_EQ(Lock(file).state(), Lock::State::Busy);
+    }
+    writeFile(file + "~", "new list");
+    beforeLock = [&] { fs::rename(file + "~", file); };
+    EXPECT_EQ(Lock(file).state(), Lock::State::Busy);
+    EXPECT_EQ(Lock(file).state(), Lock::State::Held);
     beforeLock = [&] { fs::remove(file); };
-    EXPECT_EQ(Email::MessageLock(file).state(), State::Busy);
-    EXPECT_EQ(Email::MessageLock(file).state(), State::NotOpened);
+    EXPECT_EQ(Lock(file).state(), Lock::State::Busy);
+    EXPECT_EQ(Lock(file).state(), Lock::State::NotOpened);
 }
 
 } // namespace
