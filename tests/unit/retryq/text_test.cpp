@@ -9,40 +9,38 @@
 
 using namespace Retryq;
 
-TEST(Text, LargestUnitThatLeavesTwo) {
-    const std::pair<std::int64_t, const char*> kCases[]{
-        {-1, "-"},    {0, "0s"},       {119, "119s"},  {120, "2m"},    {7199, "119m"},
-        {7200, "2h"}, {172799, "47h"}, {172800, "2d"}, {400000, "4d"},
-    };
-    for (const auto& [seconds, text] : kCases) {
-        EXPECT_EQ(durationText(seconds), text);
+namespace {
+
+TEST(Text, DurationsSizesAndResults) {
+    // clang-format off
+    const std::pair<std::string, const char*> kCases[]{
+        {durationText(-1), "-"}, {durationText(0), "0s"}, {durationText(119), "119s"},
+        {durationText(120), "2m"}, {durationText(7199), "119m"}, {durationText(7200), "2h"},
+        {durationText(172799), "47h"}, {durationText(172800), "2d"},
+        {sizeText(1023), "1023"}, {sizeText(1024), "1.0K"}, {sizeText(10240), "10K"},
+        {sizeText(std::int64_t{5} << 40), "5.0T"}, {codeAndText(-1), "not tried yet"},
+        {codeAndText(1001), "1001 Mail Server is down or unreachable"},
+        {codeAndText(450), "450 Requested mail action not taken: mailbox unavailable"}};
+    // clang-format on
+    for (const auto& [text, expected] : kCases) {
+        EXPECT_EQ(text, expected);
     }
-}
-
-TEST(Text, SizesAndResults) {
-    EXPECT_EQ(sizeText(1023), "1023");
-    EXPECT_EQ(sizeText(1024), "1.0K");
-    EXPECT_EQ(sizeText(10240), "10K");
-    EXPECT_EQ(sizeText(std::int64_t{5} << 40), "5.0T");
-    EXPECT_EQ(codeAndText(-1), "not tried yet");
-    EXPECT_EQ(codeAndText(1001), "1001 Mail Server is down or unreachable");
-    EXPECT_EQ(codeAndText(450), "450 Requested mail action not taken: mailbox unavailable");
-}
-
-std::string tableText(int width, const std::string& text) {
-    std::ostringstream out;
-    Table table({out, width, false}, {{"LEAF", 6}, {"N", 3, true}, {"TEXT", 8, false, true}});
-    const std::array<std::string, 3> cells{"a", "7", text};
-    table.row(cells);
-    return out.str();
 }
 
 TEST(Text, TableIsCutOnATerminalOnly) {
     const std::string text(200, 'x');
-    EXPECT_EQ(tableText(0, text), "a         7  " + text + "\n");
-    EXPECT_EQ(tableText(30, text), "a         7  " + text.substr(0, 15) + "..\n");
-    EXPECT_EQ(tableText(30, "short"), "a         7  short\n");
-    EXPECT_EQ(tableText(5, text), "a         7  xx..\n"); // the flexible column keeps a little
+    // The terminal's width, 0 for none; the flexible column keeps a little of any.
+    const std::tuple<int, std::string, std::string> kCases[]{{0, text, text},
+                                                             {30, text, text.substr(0, 15) + ".."},
+                                                             {30, "short", "short"},
+                                                             {5, text, "xx.."}};
+    for (const auto& [width, cell, shown] : kCases) {
+        std::ostringstream out;
+        Table table({out, width, false}, {{"LEAF", 6}, {"N", 3, true}, {"TEXT", 8, false, true}});
+        const std::array<std::string, 3> cells{"a", "7", cell};
+        table.row(cells);
+        EXPECT_EQ(out.str(), "a         7  " + shown + "\n");
+    }
 }
 
 TEST(DueNow, OnlyTheLatestTryChanges) {
@@ -60,3 +58,5 @@ TEST(DueNow, OnlyTheLatestTryChanges) {
         EXPECT_EQ(withLatestTry(text, due), "") << text;
     }
 }
+
+} // namespace
