@@ -1,7 +1,7 @@
 // Checksum, the state machine of a transfer, and the reader of framed messages.
 #include "support.h"
 
-#include "../../fuzz/frame_outcome.h"
+#include "../../../fuzz/frame_outcome.h"
 #include "libevrep/crc32.h"
 #include "libevrep/debugOut.h"
 

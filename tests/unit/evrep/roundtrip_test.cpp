@@ -2,7 +2,7 @@
 // as the same event, and reading them stays cheap.
 #include "support.h"
 
-#include "../../fuzz/frame_outcome.h"
+#include "../../../fuzz/frame_outcome.h"
 #include "libevrep/crc32.h"
 
 #include <gtest/gtest.h>
