@@ -4,9 +4,12 @@
 #include "email/FileReplacement.h"
 #include "fwall/UniqueFd.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/random.h>
@@ -42,7 +45,11 @@ std::string randomLetters() {
     constexpr std::string_view kLetters =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     std::array<unsigned char, kRandomLetters> random{};
-    static_cast<void>(::getentropy(random.data(), random.size()));
+    if (::getentropy(random.data(), random.size()) != 0) { // the name need only be a new one
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        std::memcpy(random.data(), &now.tv_nsec, std::min(random.size(), sizeof now.tv_nsec));
+    }
     std::string letters;
     for (const unsigned char byte : random) {
         letters += kLetters[byte % kLetters.size()];

@@ -1,10 +1,10 @@
 #include "engine_support.h"
 
+#include "../syslog_support.h"
 #include "email/DomainRelay.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -19,14 +19,8 @@ std::vector<std::string> loggedLines;
 std::vector<GW_EVENT> reported;
 std::function<void()> beforeLock;
 
-extern "C" __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format,
-                                                             ...) {
-    std::array<char, 20000> text{};
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(text.data(), text.size(), format, args);
-    va_end(args);
-    const std::string line = text.data();
+static void systemLogLine(int priority, const char* text) {
+    const std::string line = text;
     const std::size_t pid = line.find_first_not_of("0123456789");
     loggedLines.push_back("<" + std::to_string(priority) + ">" + (pid == 0 ? " " : "") +
                           line.substr(pid));

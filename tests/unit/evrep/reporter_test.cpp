@@ -1,11 +1,10 @@
 // The reporter and the events it is given.
+#include "../syslog_support.h"
 #include "libevrep/Reporter.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <cstring>
-#include <syslog.h>
 
 namespace {
 
@@ -85,12 +84,6 @@ std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
     return std::make_unique<Recorder>();
 }
 
-// In the place of the C library's: what would have gone to the system log.
-extern "C" void syslog(int priority, const char* format, ...) {
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
+static void systemLogLine(int priority, const char* text) {
     logged += std::to_string(priority) + " " + text + "\n";
 }

@@ -1,5 +1,6 @@
 // The rule table and the log that it steers. The system log ends here, the standard log goes
 // through real sockets, and allocations and sockets fail on demand.
+#include "../syslog_support.h"
 #include "fwall/DaemonMsg.h"
 #include "fwall/config.h"
 #include "fwall/log.h"
@@ -18,7 +19,6 @@
 #include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <syslog.h>
 #include <unistd.h>
 
 // "<priority> text", "openlog ident options facility", "closelog", "sleep seconds".
@@ -33,6 +33,9 @@ static void record(const std::string& line) {
     std::fprintf(stderr, "%s\n", line.c_str());
     loggedLines.push_back(line);
 }
+static void systemLogLine(int priority, const char* text) {
+    record("<" + std::to_string(priority) + "> " + text);
+}
 static sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     (root + path).copy(address.sun_path, sizeof address.sun_path - 1);
@@ -40,17 +43,6 @@ static sockaddr_un addressOf(const std::string& path) {
 }
 
 extern "C" {
-__attribute__((format(printf, 2, 0))) void vsyslog(int priority, const char* format, va_list args) {
-    std::array<char, 20000> text{};
-    std::vsnprintf(text.data(), text.size(), format, args);
-    record("<" + std::to_string(priority) + "> " + text.data());
-}
-__attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    vsyslog(priority, format, args);
-    va_end(args);
-}
 void openlog(const char* ident, int options, int facility) {
     const std::string name(ident);
     record("openlog " + name + " " + std::to_string(options) + " " + std::to_string(facility));
