@@ -1,9 +1,7 @@
 // An event archive from anywhere: read, and what was read is written and read again the same.
+#include "fuzz.h"
 #include "libevrep/CMemArchive.h"
 #include "libevrep/EventArchive.h"
-
-#include <cstdint>
-#include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     CMemArchive input(std::as_bytes(std::span(data, size)));
@@ -15,7 +13,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     again << event;
     GW_EVENT copy;
     again >> copy;
-    if (again.Failed() || again.BytesLeft() != 0 || !(copy == event))
-        std::abort();
+    require(!again.Failed() && again.BytesLeft() == 0 && copy == event);
     return 0;
 }

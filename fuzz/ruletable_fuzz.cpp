@@ -1,18 +1,11 @@
 // One line of the rule table, any bytes: the first input byte gives the length of the service name.
 // Whatever is accepted must be made of the line's own bytes and fit its limits.
-#include "fwall/enargv.h"
+#include "fuzz.h"
 #include "fwall/ruletable.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
-
-static void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 static void checkRecord(const RuleLine& rule, std::size_t lineLength) {
     std::size_t used = rule.keyword().size();
@@ -36,12 +29,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t lineLength = std::min(size - 1 - nameLength, ruleLineLimit);
     const auto* start = data + 1 + nameLength;
     std::vector<char> line(start, start + lineLength);
-
-    std::vector<char> text(line); // split with little room: nothing is written outside
-    std::vector<char*> argv(data[0] % 7U);
-    std::vector<char> out(data[0] % 11U);
-    const int count = enargv(text, argv, out);
-    require(count >= -1 && count < static_cast<int>(std::max<std::size_t>(argv.size(), 1)));
 
     RuleLine rule;
     if (rule.parse(line, service) == RuleLine::Kind::Record) {
