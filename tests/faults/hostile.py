@@ -3,7 +3,9 @@ table in one spool, worked off by several walkers at once. The tables' languages
 heads."""
 import collections
 import functools
+import json
 import os
+import random
 import re
 import socket
 import struct
@@ -14,33 +16,16 @@ import servers
 import world
 from scene import Server, told_about
 from servers import CLOSE, RST, SILENT, A, MX
+from tables import outcome, reason, route_agrees, table
 
-HERE = os.path.dirname(os.path.abspath(__file__))
 BACK = "127.0.0.9"  # where return mail goes
 WALKERS = 12
+LIMIT = 12  # seconds that a conversation may last
 OUTCOME = re.compile(r"\d+ (delivered|deferred|returned|dropped) msg=(\S+) .*?to=(\S+) .*?code=(-?\d+)")
-WORDS = {"delivered": "delivered", "deferred": "kept", "returned": "returned", "dropped": "dropped"}
-
-
-def table(name):
-    """The rows of a table as stripped fields, "\\|" being a plain bar."""
-    with open(os.path.join(HERE, "data", name + ".txt")) as rows:
-        for row in rows:
-            if row.strip() and row[0] != "#":
-                yield [field.strip().replace("\0", "|") for field in row.replace("\\|", "\0").split("|")]
 
 
 def unescape(text):
     return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
-
-
-def outcomes(text):
-    """"kept 450; two returned 550" as {"u": ("kept", 450), "two": ("returned", 550)}."""
-    found = {}
-    for part in text.split(";"):
-        *who, word, code = [*part.split(), *([None] if part.split()[-1].isalpha() else [])]
-        found[who[0] if who else "u"] = word, code and int(code)
-    return found
 
 
 class Play:
@@ -50,42 +35,42 @@ class Play:
         self.world = world.World(scratch)
         limits = {f"smtp_{name}_timeout": 2 for name in ("connect", "mail", "rcpt", "data", "send", "final")}
         self.world.table(f"domain-relay *.from.test {BACK}", *lines, **{**limits, **settings})
-        self.returns, self.faults, self.seconds, self.log = Server(BACK), collections.defaultdict(list), 0, []
+        self.returns, self.faults, self.log = Server(BACK), collections.defaultdict(list), []
 
     def run(self, meanwhile=None, walkers=WALKERS, limit=60):
-        began = time.monotonic()
         running = [self.world.start() for _ in range(walkers)]
         if meanwhile:
             meanwhile()
         runs = [self.world.finish(walker, limit) for walker in running]
-        self.seconds, self.log = time.monotonic() - began, [line.text for run in runs for line in run.log]
+        self.log = [line.text for run in runs for line in run.log]
         if any(run.status != 0 for run in runs):
             self.faults[""].append(f"walkers ended with {[run.status for run in runs]} {[run.out for run in runs if run.out]}")
+        self.faults[""] += [f"not printable: {line!r}" for line in self.log if not (line.isascii() and line.isprintable())]
         self.returns.settle()
-        self.told = collections.Counter(rcpt for mail in self.returns.mails for rcpt in told_about(mail.data))
+        self.told = collections.defaultdict(list)
+        for rcpt, why in (entry for mail in self.returns.mails for entry in told_about(mail.data)):
+            self.told[rcpt].append(why)
         self.ended, self.lines = collections.defaultdict(dict), collections.Counter()
-        for line in self.log:
-            if match := OUTCOME.match(line):
-                self.lines[match[2]] += 1
-                if match[3] in self.ended[match[2]]:
-                    self.faults[match[2]].append(f"two outcomes for {match[3]}")
-                self.ended[match[2]][match[3]] = WORDS[match[1]], int(match[4])
+        for word, leaf, rcpt, code in (match.groups() for line in self.log if (match := OUTCOME.match(line))):
+            self.lines[leaf] += 1
+            if rcpt in self.ended[leaf]:
+                self.faults[leaf].append(f"two outcomes for {rcpt}")
+            self.ended[leaf][rcpt] = "kept" if word == "deferred" else word, int(code)
 
     def check(self, leaf, expected):
         """expected: {recipient: (word, code or None)}. The log, the spool and the return mails must
         agree on it."""
         kept = {}
         if os.path.exists(self.world.spool_dir + leaf + ".rmd"):
-            with open(self.world.spool_dir + leaf + ".rmd", "rb") as file:
-                kept = dict(world.Rmd.parse(file.read()).recipients)
+            kept = dict(self.world.rmd(leaf).recipients)
         for rcpt, (word, code) in expected.items():
             said = self.ended[leaf].get(rcpt)
             if said is None or said[0] != word or code not in (None, said[1]):
                 self.faults[leaf].append(f"{rcpt}: {said} instead of {(word, code)}")
-            if (rcpt in kept) != (word == "kept") or (word == "kept" and kept[rcpt] != said[1]):
+            elif kept.get(rcpt) != (said[1] if word == "kept" else None):
                 self.faults[leaf].append(f"{rcpt}: the spool has {kept}")
-            if self.told[rcpt] != (word == "returned"):
-                self.faults[leaf].append(f"{rcpt}: named in {self.told[rcpt]} return mails")
+            elif self.told[rcpt] != [reason(said[1])] * (word == "returned"):
+                self.faults[leaf].append(f"{rcpt}: told {self.told[rcpt]} in return mails")
         return self.faults.pop(leaf, [])
 
 
@@ -97,25 +82,24 @@ def cases(play, names, check):
 
 
 # --- servers --------------------------------------------------------------------------------------
-def step(text):
+def steps(text):
+    """One piece of an action."""
     word, _, rest = text.partition(" ")
-    if word in ("close", "reset", "silent"):
-        return ({"close": CLOSE, "reset": RST, "silent": SILENT}[word],)
-    if word == "wait":
-        return (float(rest),)
-    if word == "raw":
-        return (unescape(rest),)
-    if word == "oob":
-        return (("oob", rest.encode()),)
-    if word == "none":
-        return (b"",)
-    if word in ("times", "drip"):
-        number, _, data = rest.partition(" ")
-        return (unescape(data),) * int(number) if word == "times" else servers.drip(unescape(data), float(number))
-    if word == "every":
-        seconds, number, data = rest.split(" ", 2)
-        return (float(seconds), unescape(data)) * int(number)
-    return (text,)
+    first, _, more = rest.partition(" ")
+    known = {
+        "close": lambda: (CLOSE,),
+        "reset": lambda: (RST,),
+        "silent": lambda: (SILENT,),
+        "none": lambda: (b"",),
+        "wait": lambda: (float(rest),),
+        "raw": lambda: (unescape(rest),),
+        "oob": lambda: (("oob", rest.encode()),),
+        "endless": lambda: (("endless", unescape(rest) * 5000),),
+        "times": lambda: (unescape(more),) * int(first),
+        "drip": lambda: servers.drip(unescape(more), float(first)),
+        "every": lambda: (float(first), unescape(more.partition(" ")[2])) * int(more.partition(" ")[0]),
+    }
+    return known.get(word, lambda: (text,))()
 
 
 def script_of(text):
@@ -123,35 +107,45 @@ def script_of(text):
     script = {}
     for part in filter(None, (part.strip() for part in text.split(";"))):
         stage, _, action = part.partition(":")
-        steps = tuple(one for piece in action.split(" + ") for one in step(piece.strip()))
+        done = tuple(one for piece in action.split(" + ") for one in steps(piece.strip()))
         stage, _, argument = stage.partition("/")
         if stage == "rcpt":
-            script.setdefault("rcpt", {})[argument and f"<{argument}@"] = steps
+            script.setdefault("rcpt", {})[argument and f"<{argument}@"] = done
         else:
-            script[stage] = steps
+            script[stage] = done
     return script
 
 
+def outcomes(text):
+    """"kept 450; two returned 550" as {"u": ("kept", 450), "two": ("returned", 550)}."""
+    first, _, second = text.partition("; two ")
+    return {"u": outcome(first), **({"two": outcome(second)} if second else {})}
+
+
 def smtp_cases(scratch, everything):
-    rows = [row for row in table("smtp") if everything or row[3:] != ["slow"]]
-    play = Play(scratch, *(f"domain-relay *.c{n}.test {address(n)}" for n in range(len(rows))))
+    rows = {f"c{n}": row for n, row in enumerate(table("faults/data/smtp.txt")) if everything or row[3:] != ["slow"]}
+    play = Play(scratch, *(f"domain-relay *.{leaf}.test {address(leaf)}" for leaf in rows))
     there, expected = {}, {}
-    for n, (_, script, outcome, *_) in enumerate(rows):
-        there[f"c{n}"] = Server(address(n), script_of(script))
-        expected[f"c{n}"] = {f"<{who}@c{n}.test>": ends for who, ends in outcomes(outcome).items()}
+    for leaf, (_, script, ends, *_) in rows.items():
+        there[leaf] = Server(address(leaf), script_of(script))
+        expected[leaf] = {f"<{who}@{leaf}.test>": end for who, end in outcomes(ends).items()}
         text = b"Subject: x\n\n" + (b"line\n" * 800000 if "body:" in script else b".dot\nline\n")
-        play.world.queue(f"c{n}", list(expected[f"c{n}"])[::-1], text)
+        play.world.queue(leaf, list(expected[leaf])[::-1], text)
     play.run(limit=250)
 
     def check(leaf):
+        there[leaf].settle()
         faults = play.check(leaf, expected[leaf])
         body = world.wire(b"Subject: x\n\n.dot\nline\n")
         wrong = [mail.data for mail in there[leaf].mails if mail.data != body and len(mail.data) < 10000]
+        longest = max(session.seconds for session in there[leaf].sessions)
+        faults += [f"lasted {longest} seconds"] * (longest > LIMIT and "slow" not in rows[leaf])
         return faults + [f"another body arrived: {data!r}" for data in wrong]
-    return cases(play, {f"c{n}": row[0] for n, row in enumerate(rows)}, check)
+    return cases(play, {leaf: row[0] for leaf, row in rows.items()}, check)
 
 
-def address(n):
+def address(leaf):
+    n = int(leaf[1:])
     return f"127.1.{n >> 8}.{n & 255 or 254}"
 
 
@@ -207,21 +201,17 @@ class Zone(dict):
 
     def __init__(self, rows):
         super().__init__({(f"{host}.test", A): [servers.a(f"{host}.test", ip)] for host, ip in HOSTS.items()})
-        for n, (_, text, *_) in enumerate(rows):
-            domain = f"d{n:02}.test"
+        for leaf, (_, text, *_) in rows.items():
             for part in ["own a " + HOSTS["two"], *text.split("//")]:
-                kind, _, rest = part.strip().partition(" ")
-                if kind == "host":
+                word, _, rest = part.strip().partition(" ")
+                kind, owner = {"host": A, "own": A, "tcp": "tcp"}.get(word, MX), leaf + ".test"
+                if word == "host":
                     host, _, rest = rest.partition(" ")
-                    self[f"{host}.test", A] = answer_of(rest, f"{host}.test")
-                elif kind == "own":
-                    self[domain, A] = answer_of(rest, domain)
-                else:
-                    self["tcp" if kind == "tcp" else MX, domain] = answer_of(rest if kind == "tcp" else part, domain)
+                    owner = host + ".test"
+                self[owner, kind] = answer_of(part if kind == MX else rest, owner)
 
     def get(self, asked, otherwise):
-        name = asked[0].lower()
-        return super().get((MX, name) if asked[1] == MX else (name, asked[1]), otherwise)
+        return super().get((asked[0].lower(), asked[1]), otherwise)
 
     def serve_tcp(self):
         listener = socket.create_server((world.DNS_ADDRESS, 53))
@@ -233,29 +223,38 @@ class Zone(dict):
             with client:
                 query = client.recv(65536)[2:]
                 domain = re.sub(rb"[\x00-\x1f]", b".", servers.question(query)[1:-5]).decode("latin-1")
-                if answer := super().get(("tcp", domain)):
+                if answer := super().get((domain, "tcp")):
                     data = answer(query)
                     client.sendall(struct.pack(">H", len(data)) + data)
 
 
 def dns_cases(scratch, everything):
-    rows = list(table("dns"))
-    play = Play(scratch)
-    zone = Zone(rows)
+    rows = {f"d{n:02}": row for n, row in enumerate(table("faults/data/dns.txt"))}
+    play, zone = Play(scratch), Zone(rows)
     zone.serve_tcp()
     servers.DnsServer(zone)
     there = {name: Server(HOSTS[name]) for name in ("good", "two")}
-    for n in range(len(rows)):
-        play.world.queue(f"d{n:02}", f"<u@d{n:02}.test>")
+    for leaf in rows:
+        play.world.queue(leaf, f"<u@{leaf}.test>")
     play.run()
+    told = dict(zip(rows, routes(play.world, [f"u@{leaf}.test" for leaf in rows])))
 
     def check(leaf):
-        _, _, outcome, *reached = rows[int(leaf[1:])]
+        _, _, ends, *reached = rows[leaf]
         rcpt = f"<u@{leaf}.test>"
-        faults = play.check(leaf, {rcpt: outcomes(outcome)["u"]})
+        faults = play.check(leaf, {rcpt: outcome(ends)})
         got = [name for name, server in there.items() for mail in server.mails if rcpt in mail.recipients]
+        if not route_agrees(told[leaf], outcome(ends), [HOSTS[name] for name in reached], [HOSTS[name] for name in there]):
+            faults.append(f"retryq tells {told[leaf]}")
         return faults + [f"reached {got} instead of {reached}"] * (got != reached)
-    return cases(play, {f"d{n:02}": row[0] for n, row in enumerate(rows)}, check)
+    return cases(play, {leaf: row[0] for leaf, row in rows.items()}, check)
+
+
+def routes(spool, rcpts, at_once=16):
+    """What retryq tells of the way to each."""
+    for at in range(0, len(rcpts), at_once):
+        running = [spool.start("--json", "route", rcpt, binary=world.RETRYQ) for rcpt in rcpts[at:at + at_once]]
+        yield from [json.loads(spool.finish(one).out) for one in running]
 
 
 # --- spool files ----------------------------------------------------------------------------------
@@ -278,27 +277,22 @@ def put(path, how, data):
 
 
 def edit(word, rest, data):
-    if word == "raw":
-        return unescape(rest)
-    if word == "cut":
-        return data[:int(rest)]
-    if word == "lines":
-        return b"".join(data.splitlines(True)[:int(rest)])
-    if word == "flip":
-        at, mask = map(int, rest.split())
-        return data[:at] + bytes([data[at] ^ mask]) + data[at + 1:]
-    if word == "sub":
-        old, new = map(unescape, rest.split(" => ") if " => " in rest else (rest.removesuffix(" =>"), ""))
-        return data.replace(old, new)
-    if word == "append":
-        return data + unescape(rest)
-    number, new = rest.split(" ", 1)  # repeat
-    return data + b"".join(unescape(new).replace(b"{n}", b"%d" % n) for n in range(int(number)))
+    first, _, more = rest.partition(" ")
+    return {
+        "raw": lambda: unescape(rest),
+        "append": lambda: data + unescape(rest),
+        "repeat": lambda: data + b"".join(unescape(more).replace(b"{n}", b"%d" % n) for n in range(int(first))),
+        "noise": lambda: data + random.Random(7).randbytes(int(first)),
+        "cut": lambda: data[:int(first)],
+        "lines": lambda: b"".join(data.splitlines(True)[:int(first)]),
+        "flip": lambda: data[:int(first)] + bytes([data[int(first)] ^ int(more)]) + data[int(first) + 1:],
+        "sub": lambda: data.replace(*(unescape(part.strip()) for part in rest.split("=>"))),
+    }[word]()
 
 
 class SpoolCase:
-    def __init__(self, leaf, name, steps, outcome):
-        self.leaf, self.name, self.outcome = leaf, name, outcome
+    def __init__(self, leaf, name, steps, ends):
+        self.leaf, self.name, self.ends = leaf, name, outcome(ends)
         self.steps = [step.strip().replace("{me}", leaf).replace("{now}", world.stamp(time.time())) for step in steps.split(";") if step.strip()]
         self.late = [step[6:] for step in self.steps if step.startswith("later ")]
         self.rcpt = f"<ok@{leaf}.{'later' if self.late else 'test'}.test>"
@@ -323,7 +317,7 @@ class SpoolCase:
                 for name in ("", ".rmd", ".rmd~", ".rmd+") if os.path.lexists(self.path + name)}
 
     def check(self, accepted):
-        word, *code = self.outcome.split()
+        word, code = self.ends
         ends, now = self.play.ended[self.leaf], self.files()
         listed = max(0, self.before.get(".rmd", b"").count(b"\n") - 4) if isinstance(self.before.get(".rmd"), bytes) else 1
         given_up = any("action=delete" in line and f" msg={self.leaf} " in line for line in self.play.log)
@@ -339,19 +333,19 @@ class SpoolCase:
             good = now == self.before or (served and (not now or ".rmd" in now))
         else:
             good = bool(now) == (word == "kept") and len(ends) == listed and all(
-                end == (word, int(code[0]) if code else end[1]) for end in ends.values())
+                end == (word, end[1] if code is None else code) for end in ends.values())
             if word == "delivered":
                 bodies = {mail.data for mail in accepted if any(f"@{self.leaf}." in rcpt for rcpt in mail.recipients)}
                 good = good and (bodies == {world.wire(self.text)} or self.late)
-        return [] if good else [f"{said} instead of {self.outcome}"]
+        return [] if good else [f"{said} instead of {self.ends}"]
 
 
 def spool_rows(everything):
     """The table's cases, "*" counted out."""
     length = len(world.Rmd(time.time(), time.time(), 1, "<sender@from.test>", [("<ok@s000.test.test>", -1)]).text())
-    for name, steps, outcome in table("spool"):
+    for name, steps, ends in table("faults/data/spool.txt"):
         for n in range(0, length if "*" in steps else 1, 1 if everything else 9):
-            yield f"{name} {n}" if "*" in steps else name, steps.replace("*", str(n)), outcome
+            yield f"{name} {n}" if "*" in steps else name, steps.replace("*", str(n)), ends
 
 
 def spool_cases(scratch, everything):

@@ -8,7 +8,7 @@ import shutil
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path[1:1] = [os.path.join(ROOT, "tools/lib")]
+sys.path[1:1] = [os.path.join(ROOT, "tools/lib"), os.path.join(ROOT, "tests")]
 import hostile
 import sweeps
 import walkers

@@ -37,17 +37,18 @@ STRAYS = {"no-list": b"a text nobody ever listed\n", "no-text.rmd": b"2020/00/01
 
 
 class Server(SmtpServer):
-    """Knows when it has heard the last of its clients."""
+    """Knows when it has heard the last of its clients, and how many seconds each stayed."""
 
     def __init__(self, *args, **how):
         self.served = 0
         super().__init__(*args, **how)
 
-    def _serve(self, *args):
+    def _serve(self, client, session, script):
         try:
-            super()._serve(*args)
+            super()._serve(client, session, script)
         finally:
             with self._lock:
+                session.seconds = time.monotonic() - session.began
                 self.served += 1
 
     def settle(self):
@@ -74,9 +75,9 @@ FAILED = re.compile(rb"------ Failed Recipients ------\s+(.*?)-------- Returned 
 
 
 def told_about(body):
-    """The recipients that a return mail names."""
+    """The recipients that a return mail names, each with the reason it gives."""
     part = FAILED.search(body)
-    return re.findall(r"^(<.*>): ", part[1].decode("latin-1"), re.M) if part else []
+    return re.findall(r"^(<.*>): (.*?)\r?$", part[1].decode("latin-1"), re.M) if part else []
 
 
 class Scene:
@@ -144,11 +145,14 @@ class Ledger:
     def fault(self, text):
         self.faults.append(text)
 
+    def tell(self, body):
+        self.told.update(rcpt for rcpt, _ in told_about(body))
+
     def accept(self, mail):
         for rcpt in mail.recipients:
             leaf = RECIPIENTS.get(rcpt)
             if leaf is None:
-                self.told.update(told_about(mail.data))
+                self.tell(mail.data)
             elif mail.data != world.wire(text_of(leaf)):
                 self.fault(f"{rcpt} got another body than was queued: {mail.data!r}")
             else:
@@ -169,7 +173,7 @@ class Ledger:
         else:
             if not self.spool[leaf].endswith(b"\n") or b"Returned Mail --------" not in self.spool[leaf]:
                 self.fault(f"{leaf} is not a whole return mail: {self.spool[leaf]!r}")
-            self.told.update(told_about(self.spool[leaf]))
+            self.tell(self.spool[leaf])
 
     def logged(self, *words):
         return any(all(word in line for word in words) for line in self.scene.log)

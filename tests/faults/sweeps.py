@@ -1,12 +1,10 @@
 """The kill, error and power-cut sweeps."""
 import functools
 import itertools
-import os
 import re
 
 from scene import RECIPIENTS, STRAYS, Ledger, Scene, sender_of
-
-HERE = os.path.dirname(os.path.abspath(__file__))
+from tables import table
 
 
 def numbered(trace):
@@ -48,20 +46,13 @@ def killed(scratch, name, number):
     return faults + Ledger(scene).check_accounted().check_copies(twice).check_finished().faults
 
 
-def error_table():
-    with open(os.path.join(HERE, "data/errors.txt")) as table:
-        for row in table:
-            if row.strip() and row[0] != "#":
-                names, what, codes = (field.strip() for field in row.split("|"))
-                yield names.split(), what, codes.split()
-
-
 def error_cases(scratch):
     calls, ledger, log = undisturbed(scratch)
-    table, usual = list(error_table()), ledger.places()
+    rows = [(names.split(), what, codes.split()) for names, what, codes in table("faults/data/errors.txt")]
+    usual = ledger.places()
     start = next(at for at, (name, _, _) in enumerate(calls) if name == "flock")
     for at, (name, number, line) in enumerate(calls):
-        row = next((row for row in table if name in row[0] and re.search(row[1], line)), None)
+        row = next((row for row in rows if name in row[0] and re.search(row[1], line)), None)
         for code in row[2] if row else ():
             play = functools.partial(failing, scratch, inject(name, number, code if "=" in code else f"error={code}"), at < start, usual, log)
             yield f"{name} {number} {code}   [{line.strip()}]", play

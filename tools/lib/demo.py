@@ -181,11 +181,10 @@ def show_log(log):
 
 def show_keepers_view(house):
     """What the keeper of the gateway sees of the same spool."""
-    retryq = os.path.join(os.path.dirname(house.binary), "../retryq/retryq")
     env = {"TAVORIX": house.root, "TZ": "UTC", "COLUMNS": "120"}
     status = 0
     for command in ("list", "summary"):
-        done = subprocess.run([retryq, command], env=env, stdout=subprocess.PIPE, text=True, check=False)
+        done = subprocess.run([world.RETRYQ, command], env=env, stdout=subprocess.PIPE, text=True, check=False)
         print(f"  $ retryq {command}")
         print("".join(f"  {line}\n" for line in done.stdout.splitlines()))
         status |= done.returncode

@@ -22,6 +22,7 @@ import time
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BINARY = os.environ.get("RETRYER", os.path.join(REPO, "build/release/proxies/retryer/retryer"))
+RETRYQ = os.path.join(os.path.dirname(BINARY), "../retryq/retryq")
 HOST = "gateway.home.test"
 DNS_ADDRESS = "127.0.0.53"
 MARK = "GATEWAY_WORLD"  # set inside; names the scratch directory
