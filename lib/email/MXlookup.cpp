@@ -1,5 +1,6 @@
 #include "email/MXlookup.h"
 
+#include "email/Exchangers.h"
 #include "email/Semaphore.h"
 
 #include <arpa/nameser.h>
@@ -11,22 +12,6 @@
 #include <vector>
 
 namespace {
-
-// The parallel arrays that the resolver fills, and the owner of their names.
-struct Exchangers {
-    std::array<char*, Resolver::kMaxExchangers> names{};
-    std::array<int, Resolver::kMaxExchangers> preferences{};
-    int count = Resolver::kMaxExchangers;
-
-    Exchangers() = default;
-    Exchangers(const Exchangers&) = delete;
-    Exchangers& operator=(const Exchangers&) = delete;
-    ~Exchangers() {
-        for (char* name : names) {
-            delete[] name;
-        }
-    }
-};
 
 using Clock = std::chrono::steady_clock;
 
@@ -139,7 +124,7 @@ int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const cha
 
 int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domain,
                             IPaddressList& out, int max, eventId& event) {
-    Exchangers mx;
+    Email::Exchangers mx;
     if (!resolver_.ParseQuery(msg, len, mx.names.data(), mx.preferences.data(), mx.count)) {
         return -1;
     }

@@ -2,7 +2,7 @@
 
 #include "email/DomainRelay.h"
 #include "email/EmailAddr.h"
-#include "email/Resolver.h"
+#include "email/Exchangers.h"
 #include "email/mailscanGlobals.h"
 #include "fwall/hexesc.h"
 
@@ -62,33 +62,17 @@ private:
     int used_ = 0;
 };
 
-// The exchangers of one answer; owns their names.
-struct Exchangers {
-    std::array<char*, Resolver::kMaxExchangers> names{};
-    std::array<int, Resolver::kMaxExchangers> preferences{};
-    int count = Resolver::kMaxExchangers;
-
-    Exchangers() = default;
-    Exchangers(const Exchangers&) = delete;
-    Exchangers& operator=(const Exchangers&) = delete;
-    ~Exchangers() {
-        for (char* name : names) {
-            delete[] name;
-        }
+// Keeps those that are better than this host; the others are told of.
+void keepBetter(Email::Exchangers& mx, Step& step) {
+    std::vector<Server> all;
+    for (int i = 0; i < mx.count; ++i) {
+        const auto at = static_cast<std::size_t>(i);
+        all.push_back({printable(mx.names[at], kShown), "", mx.preferences[at],
+                       "this host, or not better than it"});
     }
-
-    // Keeps those that are better than this host; the others are told of.
-    void keepBetter(Step& step) {
-        std::vector<Server> all;
-        for (int i = 0; i < count; ++i) {
-            const auto at = static_cast<std::size_t>(i);
-            all.push_back({printable(names[at], kShown), "", preferences[at],
-                           "this host, or not better than it"});
-        }
-        Resolver::RemoveSameServerMXAnswers(names.data(), preferences.data(), count);
-        step.servers.insert(step.servers.end(), all.begin() + count, all.end());
-    }
-};
+    Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+    step.servers.insert(step.servers.end(), all.begin() + mx.count, all.end());
+}
 
 class RouteFinder {
 public:
@@ -214,7 +198,7 @@ private:
     }
 
     bool useAnswer(Resolver& resolver, const unsigned char* answer, int length) {
-        Exchangers mx;
+        Email::Exchangers mx;
         if (!resolver.ParseQuery(answer, length, mx.names.data(), mx.preferences.data(),
                                  mx.count)) {
             route_.steps.push_back({"exchangers", 0, "the name service's answer is damaged"});
@@ -223,7 +207,7 @@ private:
         Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
         Step step{"exchangers", 0, "MX records of the domain, best first"};
         Step cut = step;
-        mx.keepBetter(cut);
+        keepBetter(mx, cut);
         if (mx.count == 0) {
             cut.text = "MX records of the domain, none better than this host";
             if (!cut.servers.empty()) {
