@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <system_error>
 
 namespace Email {
@@ -133,6 +132,8 @@ constexpr bool inOrder() {
 }
 static_assert(inOrder());
 
+constexpr std::size_t kPidWidth = 5; // digits, with leading zeros
+
 const LogRow& rowOf(LogLine line) noexcept {
     return kTable[static_cast<std::size_t>(line)];
 }
@@ -177,16 +178,18 @@ public:
     explicit LineWriter(const LogFields& fields) : fields_(fields) {}
 
     void append(std::string_view text, std::string& out) {
-        std::size_t field = out.size(); // where the word at hand begins, its blank included
-        for (std::size_t i = 0; i < text.size(); ++i) {
-            if (text[i] != '%') {
-                field = text[i] == ' ' ? out.size() : field;
-                out += text[i];
-            } else if (const auto value = valueOf(text[++i])) {
-                out += *value;
-            } else {
-                out.resize(field);
+        for (;;) {
+            const std::size_t mark = text.find('%');
+            out += text.substr(0, mark);
+            if (mark == std::string_view::npos) {
+                return;
             }
+            if (const auto value = valueOf(text[mark + 1])) {
+                out += *value;
+            } else { // the word goes, with the blank before it
+                out.resize(std::min(out.rfind(' '), out.size()));
+            }
+            text.remove_prefix(mark + 2);
         }
     }
 
@@ -231,9 +234,8 @@ const LogRow& logRowOf(eventId event) noexcept {
 }
 
 std::string formatLine(LogLine line, const LogFields& fields) {
-    std::array<char, 16> pid{};
-    std::snprintf(pid.data(), pid.size(), "%05d ", static_cast<int>(::getpid()));
-    std::string out(pid.data());
+    std::string out = std::to_string(::getpid());
+    out.insert(0, kPidWidth - std::min(out.size(), kPidWidth), '0').append(1, ' ');
     LineWriter(fields).append(rowOf(line).text, out);
     return out;
 }

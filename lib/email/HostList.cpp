@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -62,7 +63,13 @@ BlackList HostList::BlackL;
 int IPaddress::format(char* out) const noexcept {
     std::array<unsigned char, sizeof value> byte{};
     std::memcpy(byte.data(), &value, sizeof value);
-    return std::snprintf(out, kTextSize, "%d.%d.%d.%d", byte[0], byte[1], byte[2], byte[3]);
+    char* end = out;
+    for (const unsigned char number : byte) {
+        end = std::to_chars(end, out + kTextSize, number).ptr;
+        *end++ = '.';
+    }
+    *--end = '\0';
+    return static_cast<int>(end - out);
 }
 
 std::ostream& operator<<(std::ostream& out, const IPaddress& address) {

@@ -1,22 +1,22 @@
 #include "fwall/hexesc.h"
 
+#include <algorithm>
 #include <array>
 
 namespace {
 
 constexpr std::string_view cutMark = "...";
 
-bool isSpecial(unsigned char byte, std::string_view further) noexcept {
-    return byte < 32 || byte >= 127 || byte == '%' ||
-           further.find(static_cast<char>(byte)) != std::string_view::npos;
+bool isUnsafe(char c) noexcept {
+    return c < ' ' || c > '~' || c == '%';
 }
 
 // One source byte as it stands in the output.
 class EscapedByte {
 public:
     EscapedByte(char c, std::string_view further) noexcept : text_{c} {
-        const auto byte = static_cast<unsigned char>(c);
-        if (isSpecial(byte, further)) {
+        if (isUnsafe(c) || further.find(c) != std::string_view::npos) {
+            const auto byte = static_cast<unsigned char>(c);
             text_ = {'%', acHex[byte >> 4U], acHex[byte & 15U]};
             length_ = text_.size();
         }
@@ -57,6 +57,9 @@ std::size_t hexescNonAsciiPlus(char* destination, const char* source, std::size_
 }
 
 std::string printable(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes && std::none_of(text.begin(), text.end(), isUnsafe)) {
+        return std::string(text);
+    }
     const std::string_view mark = cutMark.substr(0, maxBytes);
     std::string result;
     std::size_t lastWithMark = 0;
