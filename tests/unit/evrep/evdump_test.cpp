@@ -82,9 +82,9 @@ void sendTo(const std::string& path, std::span<const std::byte> bytes) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto* const to = reinterpret_cast<const sockaddr*>(&address);
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    for (int i = 0; i < 500 && sendto(fd, bytes.data(), bytes.size(), 0,
-                                      reinterpret_cast<sockaddr*>(&address), sizeof address) < 0;
+    for (int i = 0; i < 500 && sendto(fd, bytes.data(), bytes.size(), 0, to, sizeof address) < 0;
          ++i)
         usleep(10000); // not bound yet
     close(fd);

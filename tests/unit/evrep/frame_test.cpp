@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <fstream>
+#include <sstream>
 
 namespace {
 
@@ -59,21 +61,19 @@ Bytes message(std::string_view text = "hello") {
 }
 
 TEST(Transfer, GivesRoomForThePieceToBeReceived) {
-    const struct {
-        std::uint32_t size; // as the header says
-        std::int32_t version;
-        std::size_t room; // for the data
-    } cases[] = {{5, 1, 5}, {1 << 24, 1, 1 << 24}, {(1 << 24) + 1, 1, 0}, {5, 2, 0}};
+    // The size and the version that the header says, the room for the data.
+    const std::tuple<std::uint32_t, std::int32_t, std::size_t> cases[] = {
+        {5, 1, 5}, {1 << 24, 1, 1 << 24}, {(1 << 24) + 1, 1, 0}, {5, 2, 0}};
     CTransfer transfer;
     EXPECT_TRUE(transfer.GetReadBuffer().empty());
-    for (const auto& one : cases) {
+    for (const auto& [size, version, dataRoom] : cases) {
         CSendHeader header;
-        header.SetSize(one.size);
-        header.SetVer(one.version);
+        header.SetSize(size);
+        header.SetVer(version);
         transfer.ResetState();
         ASSERT_EQ(transfer.GetReadBuffer().size(), 40U);
         std::ranges::copy(header.Bytes(), transfer.GetReadBuffer().begin());
-        for (const std::size_t room : {one.room, std::size_t{18}, std::size_t{0}}) {
+        for (const std::size_t room : {dataRoom, std::size_t{18}, std::size_t{0}}) {
             transfer.Transition();
             EXPECT_EQ(transfer.GetReadBuffer().size(), room);
             EXPECT_EQ(transfer.GetBytesToRead(), static_cast<std::int32_t>(room));
@@ -86,38 +86,30 @@ TEST(Transfer, GivesRoomForThePieceToBeReceived) {
 }
 
 TEST(FrameReader, ReportsWhereAStreamIsWrongAndReadsOn) {
-    const struct {
-        std::ptrdiff_t at, erased; // of three messages of 63 bytes
-        const char* inserted;
-        std::vector<std::string> outcome;
-    } cases[] = {
-        // clang-format off
-        {0, 0, "", {"0:hello", "63:hello", "126:hello"}},
-        {63, 0, "'QQ'", {"0:hello", "63:Identity: no message begins here", "65:hello", "128:hello"}},
-        {0, 45, "", {"0:Identity: no message begins here", "18:hello", "81:hello"}}, // a footer alone
-        {63, 1, "'q'", {"0:hello", "63:Identity: no message begins here", "126:hello"}},
-        {78, 1, "01", {"0:hello", "77:Padding: the two bytes after the identity are not 0", "126:hello"}},
-        {79, 1, "02", {"0:hello", "79:Version: version is 2 instead of 1", "126:hello"}},
-        {99, 1, "06", {"0:hello", "99:Size: size is 6, more than the accepted 5", "126:hello"}},
-        {99, 1, "04", {"0:hello", "107:Footer: the footer does not stand where the size says", "126:hello"}},
-        {108, 1, "'F'", {"0:hello", "108:Footer: the footer does not stand where the size says", "126:hello"}},
-        {103, 1, "'J'", {"0:hello", "95:Checksum: checksum of the data is 0x4b332dff, the header says 0xf032519b", "126:hello"}},
-        {130, 59, "", {"0:hello", "63:hello", "130:Truncated: the stream ends after 4 of the 40 bytes that begin at offset 126"}},
-        // from here on with a larger size accepted: it swallows the next message, passes the end
-        {36, 1, "20", {"72:Footer: the footer does not stand where the size says", "63:hello", "126:hello"}},
-        {99, 2, "00 03", {"0:hello", "189:Truncated: the stream ends after 126 of the 826 bytes that begin at offset 63", "126:hello"}},
-        // clang-format on
-    };
-    for (const auto& one : cases) {
+    std::ifstream file(GOLDEN "/streams.txt");
+    int cases = 0;
+    for (std::string line; std::getline(file, line);) {
+        std::istringstream words(line);
+        std::ptrdiff_t at = 0, erased = 0;
+        std::uint32_t accepted = 0;
+        if (!(words >> at >> erased >> accepted))
+            continue; // a remark
+        std::string text;
+        std::getline(words, text);
+        const Bytes inserted = hex(text);
         Bytes bytes;
         for (int i = 0; i < 3; ++i)
             append(bytes, message());
-        bytes.erase(bytes.begin() + one.at, bytes.begin() + one.at + one.erased);
-        const Bytes inserted = hex(one.inserted);
-        bytes.insert(bytes.begin() + one.at, inserted.begin(), inserted.end());
+        bytes.erase(bytes.begin() + at, bytes.begin() + at + erased);
+        bytes.insert(bytes.begin() + at, inserted.begin(), inserted.end());
+        std::vector<std::string> outcome;
+        while (std::getline(file, line) && !line.empty())
+            outcome.push_back(line);
         for (const std::size_t piece : {1U, 7U, 1000U})
-            EXPECT_EQ(outcomeOf(bytes, piece, &one < std::end(cases) - 2 ? 5 : 1000), one.outcome);
+            EXPECT_EQ(outcomeOf(bytes, piece, accepted), outcome) << at;
+        ++cases;
     }
+    EXPECT_EQ(cases, 13);
 }
 
 TEST(FrameReader, DoesNotKeepWhatIsConsumed) {

@@ -41,18 +41,17 @@ TEST(Accessors, GiveTheFieldInFourForms) {
     EXPECT_STREQ(scan.getAnsiUser("none"), "none");
     EXPECT_STREQ(scan.getWideUser(L"none"), L"none");
     EXPECT_FALSE(scan.getUTF8User(utf8, buffer, length));
-    scan.setUser(L"\u20ac");
-    EXPECT_STREQ(scan.getAnsiUser("none"), "?");
-    EXPECT_STREQ(scan.getWideUser(L"none"), L"\u20ac");
-    ASSERT_TRUE(scan.getUTF8User(utf8, buffer, length)); // exactly full with its terminator
-    EXPECT_STREQ(buffer, "\xe2\x82\xac");
-    EXPECT_EQ(length, 3U);
     scan.setUser("a\xff");
     scan.setUser(static_cast<const char*>(nullptr));
     scan.setUser(static_cast<const wchar_t*>(nullptr));
     EXPECT_STREQ(scan.getWideUser(L""), L"a\u00ff");
     scan.setUser(L"\u00ff\u0100z");
     EXPECT_STREQ(scan.getAnsiUser(""), "\xff?z");
+    scan.setUser(L"\u20ac");
+    EXPECT_STREQ(scan.getWideUser(L"none"), L"\u20ac");
+    ASSERT_TRUE(scan.getUTF8User(utf8, buffer, length)); // exactly full with its terminator
+    EXPECT_STREQ(buffer, "\xe2\x82\xac");
+    EXPECT_EQ(length, 3U);
 
     const wchar_t surrogate[] = {0xD800, 0};
     EXPECT_FALSE(getUTF8(utf8, L"\u20ac", buffer, length)); // no room for the terminator now
@@ -67,53 +66,50 @@ TEST(Accessors, GiveTheFieldInFourForms) {
 
 TEST(CodePage932, BecomesWide) {
     const CDBCS932ToWide japanese;
-    const char text[] = {'\x93', '\xfa', '\x96', '\x7b', 'a', '\0'};
     wchar_t buffer[4];
     std::size_t length = 4;
-    ASSERT_TRUE(japanese.Convert(text, buffer, length));
-    EXPECT_EQ(std::wstring(buffer), std::wstring(L"\u65e5\u672c") + L'a');
-    EXPECT_EQ(length, 3U);
-    EXPECT_FALSE(japanese.Convert(text, buffer, length)); // no room now
-    length = 4;
-    EXPECT_FALSE(japanese.Convert("\x93", buffer, length)); // half a character
+    ASSERT_TRUE(japanese.Convert("\x93\xfa\x96\x7b"
+                                 "a",
+                                 buffer, length));
+    EXPECT_EQ(std::wstring(buffer) + std::to_wstring(length), L"\u65e5\u672c"
+                                                              L"a3");
+    EXPECT_FALSE(japanese.Convert("\x93\xfa\x96\x7b"
+                                  "a",
+                                  buffer, length));             // no room now
+    EXPECT_FALSE(japanese.Convert("\x93", buffer, length = 4)); // half a character
 }
 
 TEST(Utf8, FollowsRfc3629) {
-    const struct {
-        std::string_view text;
-        std::wstring_view wide; // empty for no valid text
-    } cases[] = {
-        // clang-format off
+    // Without a wide form: no valid text.
+    // clang-format off
+    const std::pair<std::string_view, std::wstring_view> cases[] = {
         {"a\x7f", L"a\x7f"}, {"\xc2\x80\xdf\xbf", L"\u0080\u07ff"},
         {"\xe0\xa0\x80\xed\x9f\xbf", L"\u0800\ud7ff"}, {"\xf4\x8f\xbf\xbf", L"\U0010ffff"},
         {"\xee\x80\x80\xf0\x90\x80\x80", L"\ue000\U00010000"},
         {"\x80", {}}, {"\xc1\xbf", {}}, {"\xe0\x9f\xbf", {}}, {"\xf0\x8f\xbf\xbf", {}},
         {"\xed\xa0\x80", {}}, {"\xf4\x90\x80\x80", {}}, {"\xf8\x88\x80\x80\x80", {}},
-        {"a\xc2", {}}, {"\xe2\x82z", {}},
-        // clang-format on
-    };
+        {"a\xc2", {}}, {"\xe2\x82z", {}}};
+    // clang-format on
+    std::array<wchar_t, 8> toWide{};
+    std::array<char, 16> toText{};
     for (const auto& [text, wide] : cases) {
         const bool valid = !wide.empty();
-        std::array<wchar_t, 8> toWide{};
-        std::array<char, 16> toText{};
         EXPECT_EQ(utf8_valid(text), valid);
         ASSERT_EQ(utf8_to_ucs4(text, toWide), valid ? std::optional(wide.size()) : std::nullopt);
         ASSERT_EQ(ucs4_to_utf8(wide, toText), valid ? text.size() : 0);
-        EXPECT_TRUE(!valid || (wide == toWide.data() && text == toText.data()));
+        EXPECT_TRUE(!valid || (std::wstring_view(toWide.data(), wide.size()) == wide &&
+                               std::string_view(toText.data(), text.size()) == text));
         EXPECT_FALSE(valid && ucs4_to_utf8(wide, std::span(toText).first(text.size() - 1)));
         EXPECT_FALSE(valid && utf8_to_ucs4(text, std::span(toWide).first(wide.size() - 1)));
     }
-    std::array<char, 8> unused{};
     for (const wchar_t bad : {0xD800, 0xDFFF, 0x110000, -1})
-        EXPECT_FALSE(ucs4_to_utf8({&bad, 1}, unused));
+        EXPECT_FALSE(ucs4_to_utf8({&bad, 1}, toText));
 }
 
 TEST(Texts, AreClassified) {
-    EXPECT_TRUE(Is7BitData("\x7f"));
-    EXPECT_FALSE(Is7BitData("a\x80"));
+    EXPECT_TRUE(Is7BitData("\x7f") && !Is7BitData("a\x80"));
     EXPECT_TRUE(IsRFC2047Encoded("=?a?b?c?="));
-    EXPECT_FALSE(IsRFC2047Encoded("=?a?bc?="));
-    EXPECT_FALSE(IsRFC2047Encoded("=?a?b?c?=x"));
+    EXPECT_FALSE(IsRFC2047Encoded("=?a?bc?=") || IsRFC2047Encoded("=?a?b?c?=x"));
     IQELHeaderString header;
     EXPECT_FALSE(IsHandledByHeaderString("=?utf-8?q?x?=", header));
     EXPECT_STREQ(header.GetAnsiValue(), "=?utf-8?q?x?=");
@@ -138,7 +134,6 @@ TEST(PropertyBag, ConvertsValuesAndReplacesThem) {
     EXPECT_EQ(bag.GetElementNumber(4), nullptr);
     bag.Set(EPROP_HOST, 25);
     bag.Set(EPROP_SIZE, static_cast<const char*>(nullptr)); // changes nothing
-    EXPECT_EQ(bag.Count(), 4U);
     EXPECT_EQ(bag.FindIndex(EPROP_HOST)->GetType(), ST_INT);
     EXPECT_EQ(bag.FindIndex(EPROP_SIZE)->GetType(), ST_INT);
     bag.Remove(EPROP_HOST);
@@ -149,16 +144,14 @@ TEST(PairList, SortsByBytesAndKeepsTheOrderOfEquals) {
     StringValuePairList list;
     for (const char* name : {"b", "\xe9", "B", "b"})
         list.Add(name, static_cast<std::int32_t>(list.size()));
-    const auto order = [&list] {
-        std::string result;
-        for (const auto& pair : list)
-            result += std::to_string(pair->m_lCount);
-        return result;
-    };
+    std::string order;
     list.SortAscending();
-    EXPECT_EQ(order(), "2031");
+    for (const auto& pair : list)
+        order += std::to_string(pair->m_lCount);
     list.SortDescending();
-    EXPECT_EQ(order(), "1032");
+    for (const auto& pair : list)
+        order += std::to_string(pair->m_lCount);
+    EXPECT_EQ(order, "20311032");
 }
 
 } // namespace
