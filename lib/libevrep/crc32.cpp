@@ -15,7 +15,7 @@ constexpr std::array<std::uint32_t, 256> makeTable() {
     return table;
 }
 
-constexpr auto table = makeTable();
+constexpr auto crcTable = makeTable();
 
 } // namespace
 
@@ -25,7 +25,7 @@ bool CrcBuffer(const void* text, std::size_t length, std::uint32_t* checksum) no
     const auto* bytes = static_cast<const unsigned char*>(text);
     std::uint32_t value = *checksum;
     for (std::size_t i = 0; i < length; ++i)
-        value = (value >> 8) ^ table[(value ^ bytes[i]) & 0xFF];
+        value = (value >> 8) ^ crcTable[(value ^ bytes[i]) & 0xFF];
     *checksum = value;
     return true;
 }

@@ -94,7 +94,7 @@ bool Filter::accepts(const Message& message, const Recipients& recipients, std::
     return age >= olderThan && age <= youngerThan &&
            (state.empty() || state == (message.held ? "held" : stateName(message.state))) &&
            (sender.empty() || ::strcasestr(message.sender.c_str(), sender.c_str()) != nullptr) &&
-           (!code || anyRecipient(recipients, [&](auto& r) { return r.reason == *code; })) &&
+           (!code || anyRecipient(recipients, [&](const auto& r) { return r.reason == *code; })) &&
            (domain.empty() || hasDomain(recipients, domain));
 }
 
