@@ -37,7 +37,7 @@ public:
     // After so many read time-outs in a row nothing more is sent in a conversation.
     static constexpr int kMaxSilentReplies = 3;
     // A body goes out in blocks of this many bytes, whatever its size.
-    static constexpr std::size_t kBlockSize = 64 * 1024;
+    static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
     Sender() = default;
     ~Sender() override = default;
