@@ -59,12 +59,18 @@ configure_and_build() {
 }
 
 # in_world COMMAND...: runs a script that makes its own namespaces: as we are when that is allowed,
-# through sudo otherwise.
+# through sudo otherwise. Where neither helps it says so and fails.
 in_world() {
+    local as=() refused
     export PYTHONDONTWRITEBYTECODE=1
-    if [ "$(id -u)" = 0 ] || unshare --user --map-root-user --map-auto --net --mount true 2>/dev/null; then
+    [ "$(id -u)" = 0 ] || as=(--user --map-root-user --map-auto)
+    if refused=$(unshare "${as[@]}" --net --mount --uts --ipc --pid --fork true 2>&1); then
         "$@"
-    else
+    elif [ "$(id -u)" != 0 ] && command -v sudo >/dev/null; then
         sudo --preserve-env=RETRYER,PYTHONDONTWRITEBYTECODE,ASAN_OPTIONS,UBSAN_OPTIONS "$@"
+    else
+        echo "Not run: it needs a network, mounts and processes of its own, which are refused to $(id -un) here ($refused)." >&2
+        echo "Root may make them outside a container; so may a user with sudo, or with ids in /etc/subuid and /etc/subgid." >&2
+        return 1
     fi
 }

@@ -1,17 +1,16 @@
 """A small world of its own for the built program: private network, mounts, host name and processes;
 a scratch install tree with its rule table and spool; a collector for the system log.
 
-enter() re-executes the calling script inside; from then on port 25 of 127.0.0.2 and up, /etc/hosts,
+enter() plays the calling script inside; from then on port 25 of 127.0.0.2 and up, /etc/hosts,
 /etc/resolv.conf and /dev/log belong to this world, and every process in it ends when the script does.
+All its files are in memory of its own: nothing of it is left on the host, however it ends.
 Servers to talk to are in servers.py.
 """
-import atexit
 import calendar
 import collections
 import ctypes
 import os
 import re
-import shutil
 import signal
 import socket
 import subprocess
@@ -25,53 +24,49 @@ BINARY = os.environ.get("RETRYER", os.path.join(REPO, "build/release/proxies/ret
 RETRYQ = os.path.join(os.path.dirname(BINARY), "../retryq/retryq")
 HOST = "gateway.home.test"
 DNS_ADDRESS = "127.0.0.53"
-MARK = "GATEWAY_WORLD"  # set inside; names the scratch directory
+SCRATCH = "/run/world"
+MARK = "GATEWAY_WORLD"  # set inside; names the mounts of who is outside
 
 
-def enter(disk=False):
-    """Puts the calling script into namespaces of its own and returns the scratch directory, which
-    is memory unless `disk`. Needs root, or a kernel and /etc/subuid that let a user act as root."""
-    scratch = os.environ.get(MARK)
-    if scratch is None:
-        scratch = tempfile.mkdtemp(prefix="gateway-world-")
-        flags = ["--net", "--mount", "--uts", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
-        if os.geteuid() != 0:
-            flags += ["--user", "--map-root-user", "--map-auto"]
-        env = dict(os.environ, **{MARK: scratch, "GATEWAY_WORLD_DISK": "1" if disk else ""})
-        sys.stdout.flush()
-        ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG: the world ends with who started it
-        os.execvpe("unshare", ["unshare", *flags, "/usr/bin/python3", *sys.orig_argv[1:]], env)
-    if not os.environ["GATEWAY_WORLD_DISK"]:
-        mount("-t", "tmpfs", "-o", "mode=755", "world", scratch)
-    atexit.register(_leave, scratch)
+def enter():
+    """Puts the calling script into namespaces of its own and returns the scratch directory, which is
+    memory. Needs root, or a kernel and /etc/subuid that let a user act as root."""
+    mounts = os.readlink("/proc/self/ns/mnt")
+    if os.environ.pop(MARK, mounts) == mounts:
+        _play_inside(mounts)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    _private_etc(scratch)
-    _private_dev(scratch)
+    mount("-t", "tmpfs", "-o", "mode=755", "world", "/run")  # a name cache of the host would answer from outside
+    os.mkdir(SCRATCH, 0o755)
+    _private_etc(SCRATCH)
+    _private_dev(SCRATCH)
     if os.path.isdir("/var/spool"):  # a run with default directories must not find the host's spool
         mount("-t", "tmpfs", "none", "/var/spool")
     socket.sethostname(HOST)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    return scratch
+    return SCRATCH
+
+
+def _play_inside(mounts):
+    """Plays the calling script once more, inside, and ends as that ends."""
+    flags = ["--net", "--mount", "--uts", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
+    if os.geteuid() != 0:
+        flags += ["--user", "--map-root-user", "--map-auto"]
+    sys.stdout.flush()
+    _end_with_parent()
+    world = subprocess.Popen(["unshare", *flags, "/usr/bin/python3", *sys.orig_argv[1:]],
+                             env=dict(os.environ, **{MARK: mounts}), preexec_fn=_end_with_parent)
+    signal.signal(signal.SIGTERM, lambda *_: world.kill())  # unshare is deaf to SIGTERM, but its death ends the world
+    signal.signal(signal.SIGINT, signal.SIG_IGN)  # the script inside hears it as well
+    status = world.wait()
+    sys.exit(status if status >= 0 else 128 - status)
+
+
+def _end_with_parent():
+    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
 def mount(*args):
     subprocess.run(["mount", *args], check=True)
-
-
-def _leave(scratch):
-    """Removes the scratch directory. While it lives the host's /etc is bound inside: nothing is
-    deleted but an empty directory, or a tree in which nothing is mounted any more."""
-    def mounted():
-        with open("/proc/self/mountinfo") as mounts:
-            return [path for path in (line.split()[4] for line in mounts) if path.startswith(scratch)]
-    for path in ("/etc", "/dev", *mounted()[::-1]):
-        subprocess.run(["umount", "-l", path], stderr=subprocess.DEVNULL, check=False)
-    if mounted():
-        return
-    if os.environ["GATEWAY_WORLD_DISK"]:
-        shutil.rmtree(scratch, ignore_errors=True)
-    else:
-        os.rmdir(scratch)
 
 
 def _private_etc(scratch):
@@ -92,8 +87,6 @@ def _private_etc(scratch):
     for name, text in own.items():
         etc_file(name, text, etc)
     mount("--rbind", etc, "/etc")
-    if os.path.isdir("/run/nscd"):  # a cache of the host would answer from outside
-        mount("-t", "tmpfs", "none", "/run/nscd")
 
 
 def etc_file(name, text, etc="/etc"):
