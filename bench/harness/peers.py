@@ -3,7 +3,6 @@ import glob
 import os
 import re
 import shutil
-import signal
 import smtplib
 import subprocess
 import time
@@ -12,7 +11,6 @@ from pathlib import Path
 from . import space, spool
 
 PACKAGES = ("exim4-daemon-light", "postfix", "sendmail-bin", "dma", "nullmailer", "opensmtpd", "msmtp")
-ABSENT = {"emailrelay": "not in this release of Debian"}
 RECIPIENT = "r@d0.bench.test"
 
 
@@ -140,6 +138,8 @@ OSTYPE(`linux')
 define(`SMART_HOST', `[%s]')
 define(`confDOMAIN_NAME', `gate.bench.test')
 define(`confDELIVERY_MODE', `q')
+define(`confQUEUE_LA', `1000')
+define(`confREFUSE_LA', `1000')
 FEATURE(`nocanonify')
 FEATURE(`accept_unresolvable_domains')
 MAILER(`smtp')
@@ -224,8 +224,7 @@ class Daemon(Peer):
             sizes.append(int(re.search(r"VmHWM:\s+(\d+)", status)[1]))
         return max(sizes)
 
-    def run(self, sink, messages, trace=None):
-        tracer = self.attach(trace) if trace else None
+    def run(self, sink, messages):
         before = self.account.seconds()
         begin = time.monotonic()
         self.go()
@@ -234,18 +233,8 @@ class Daemon(Peer):
         wall = time.monotonic() - begin
         time.sleep(0.1)  # for what follows the last reply
         cpu, peak = self.account.seconds() - before, self.peak()
-        if tracer:
-            tracer.send_signal(signal.SIGINT)
-            tracer.wait()
         self.stop()
         return {"wall": wall, "cpu": cpu, "rss": peak, "status": 0}
-
-    def attach(self, output):
-        targets = [a for p in self.account.processes() for a in ("-p", p)]
-        tracer = subprocess.Popen(["strace", "-f", "-c", "-o", output, *targets],
-                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(1)
-        return tracer
 
     def wait_for(self, done, seconds=300):
         limit = time.monotonic() + seconds

@@ -1,9 +1,13 @@
-"""One table of all figures, and what was to be reached."""
+"""The figures as one table, and beside what was to be reached."""
 import json
 import statistics
 
 SYNCS = ("fsync", "fdatasync", "sync", "syncfs", "sync_file_range", "msync")
-COLUMNS = ("", "wall ms", "x", "cpu ms", "x", "peak KB", "units/s", "calls/unit", "syncs/unit", "sink cpu ms")
+COLUMNS = ("", "wall ms", "x", "cpu ms", "x", "peak KB", "units/s", "calls/unit", "syncs/unit", "sink cpu ms", "runs")
+SINGLE = ("sendmail", "nullmailer", "msmtp", "postfix, one at a time", "opensmtpd, one at a time",
+          "opensmtpd, one long session")
+MANY = ("postfix", "dma", "opensmtpd")      # these open many connections at once
+EVERYONE = ("exim", *SINGLE, *MANY)
 
 
 def median(runs, key):
@@ -11,113 +15,150 @@ def median(runs, key):
 
 
 def rows(result):
-    """A row of texts for each subject."""
+    """A row of texts for each subject; the ratios are of what a unit costs."""
     workload, runs, calls = result
+    units = {s.name: workload.units_of(s) for s in workload.subjects}
     for subject in workload.subjects:
-        mine = runs[subject.name]
+        mine, count = runs[subject.name], units[subject.name]
         base = runs.get(subject.against)
-        wall, cpu = median(mine, "wall"), median(mine, "cpu")
         counted = calls.get(subject.name)
-        mark = " (incomplete)" if any("incomplete" in r for r in mine) else ""
-        yield (subject.name + mark, f"{wall * 1e3:.1f}",
-               f"{wall / median(base, 'wall'):.2f}" if base else "",
-               f"{cpu * 1e3:.1f}", f"{cpu / median(base, 'cpu'):.2f}" if base else "",
-               f"{max(r['rss'] for r in mine)}", f"{workload.units / wall:.0f}",
-               f"{sum(counted.values()) / workload.units:.1f}" if counted else "",
-               f"{sum(counted.get(s, 0) for s in SYNCS) / workload.units:.2f}" if counted else "",
-               f"{statistics.median(r['sink']['cpu'] for r in mine) * 1e3:.1f}")
+
+        def ratio(key):
+            return f"{median(mine, key) / count / (median(base, key) / units[subject.against]):.2f}" if base else ""
+        yield (subject.name, f"{median(mine, 'wall') * 1e3:.1f}", ratio("wall"),
+               f"{median(mine, 'cpu') * 1e3:.1f}", ratio("cpu"),
+               f"{max(r['rss'] for r in mine)}", f"{count / median(mine, 'wall'):.0f}",
+               f"{sum(counted.values()) / count:.1f}" if counted else "",
+               f"{sum(counted.get(s, 0) for s in SYNCS) / count:.2f}" if counted else "",
+               f"{statistics.median(r['sink']['cpu'] for r in mine) * 1e3:.1f}", str(len(mine)))
+    for name, reason in workload.left_out.items():
+        yield (f"{name}: left out, {reason}",) + ("",) * (len(COLUMNS) - 1)
 
 
-def table(results):
+def table(head, lines, first_right):
+    """Text of columns as wide as they must be; those from `first_right` on are flush right."""
+    widths = [max(len(line[i]) for line in [head, *lines]) for i in range(len(head))]
+
+    def text(line):
+        cells = [c.rjust(w) if i >= first_right else c.ljust(w) for i, (c, w) in enumerate(zip(line, widths))]
+        return "| " + " | ".join(cells) + " |"
+    rule = "|" + "|".join("-" * (w + 1) + (":" if i >= first_right else "-") for i, w in enumerate(widths)) + "|"
+    return "\n".join([text(head), rule, *map(text, lines)])
+
+
+def figures_table(results):
     lines = []
     for result in results:
         lines.append((f"**{result[0].key}: {result[0].title}**",) + ("",) * (len(COLUMNS) - 1))
         lines.extend(rows(result))
-    widths = [max(len(line[i]) for line in [COLUMNS, *lines]) for i in range(len(COLUMNS))]
-
-    def text(line):
-        cells = [line[0].ljust(widths[0])] + [c.rjust(w) for c, w in zip(line[1:], widths[1:])]
-        return "| " + " | ".join(cells) + " |"
-    rule = "|" + "|".join("-" * (w + 1) + (":" if i else "-") for i, w in enumerate(widths)) + "|"
-    return "\n".join([text(COLUMNS), rule, *map(text, lines)])
+    return table(COLUMNS, lines, 1)
 
 
-def targets(results):
-    """(what, figure, limit, reached) for everything that the run can tell."""
-    of = {w.key: (w, runs) for w, runs, _ in results}
+class Targets:
+    """What was to be reached, as far as the run can tell: (target, figure, reached)."""
 
-    def value(key, name, what):
-        return median(of[key][1][name], what)
+    def __init__(self, results):
+        self.of = {w.key: (w, runs) for w, runs, _ in results}
+        self.lines = []
+        for part in (self.one_server, self.large, self.many_recipients, self.idle, self.troubled, self.memory):
+            part()
 
-    def has(key, *names):
-        return key in of and all(of[key][1].get(n) for n in names)
+    def add(self, what, figure, limit, digits=2):
+        """`limit` is "<= 1.3" or the like."""
+        sign, bound = limit.split()
+        good = {"<=": figure <= float(bound), ">=": figure >= float(bound), ">": figure > float(bound),
+                "<": figure < float(bound)}[sign]
+        self.lines.append((what, f"{figure:.{digits}f}", limit, "reached" if good else "**missed**"))
 
-    def ratio(key, what, limit, name="retryer", against="floor"):
-        if has(key, name, against):
-            figure = value(key, name, what) / value(key, against, what)
-            yield f"{key} {what}: {name} to {against}", f"{figure:.2f}", f"<= {limit}", figure <= limit
+    def has(self, key, *names):
+        return key in self.of and all(self.of[key][1].get(n) for n in names)
 
-    def ahead(key, name, factor, what, others):
+    def per_unit(self, key, name, what):
+        workload, runs = self.of[key]
+        return median(runs[name], what) / workload.units_of(next(s for s in workload.subjects if s.name == name))
+
+    def quotient(self, text, above, below, what, limit, digits=2):
+        """Of two subjects, each (workload, name); silent when one was not measured."""
+        if self.has(*above) and self.has(*below):
+            self.add(text, self.per_unit(*above, what) / self.per_unit(*below, what), limit, digits)
+
+    def ahead(self, key, name, factor, what, others):
+        """Of others: how many times as much they cost."""
+        words = {"wall": "throughput to that of", "cpu": "processor time a unit, less than that of"}[what]
         for other in others:
-            if has(key, name, other):
-                figure = value(key, other, what) / value(key, name, what)
-                yield f"{key} {what}: {other} to {name}", f"{figure:.1f}", f"> {factor}", figure > factor
+            self.quotient(f"{key} {name}: {words} {other}, times", (key, other), (key, name), what, f"> {factor}")
 
-    many = ("postfix", "dma", "opensmtpd")  # these open many connections at once
-    single = ("sendmail", "nullmailer", "msmtp", "postfix, one at a time", "opensmtpd, one at a time",
-              "opensmtpd, one long session")
-    everyone = ("exim", *single, *many)
-    yield from ratio("W1", "wall", 1.3)
-    yield from ratio("W1", "cpu", 2.0)
-    yield from ahead("W1", "retryer", 3, "wall", ["exim"])
-    yield from ahead("W1", "retryer", 1, "wall", single)
-    for walkers in (2, 4):
-        for what in ("wall", "cpu"):
-            yield from ahead("W1", f"retryer, {walkers} walkers", 1, what, many)
-    for key in ("W2a", "W2b"):
-        yield from ratio(key, "wall", 1.43)
-        yield from ahead(key, "retryer", 1, "wall", everyone)
-    for key, limit in (("W3a", 1.3), ("W3b", 1.3), ("W4a", 1.5), ("W4b", 1.5), ("W5a", 2.0), ("W5b", 2.0)):
-        yield from ratio(key, "wall", limit)
-    yield from ahead("W5a", "retryer", 1, "wall", everyone)
-    for key in ("W4a", "W4b"):
-        if key in of:
-            counts = of[key][1]["retryer"][0]["sink"]
-            yield (f"{key} questions a domain (MX + address)", f"{counts['mx'] / 100:.2f} + {counts['address'] / 100:.2f}",
-                   "1 + 1", counts["mx"] <= 100 and counts["address"] <= 100)
-    if "W6" in of:
-        extra = (value("W6", "retryer", "wall") - value("W6", "floor", "wall")) * 1e3
-        yield "W6 ms over an empty program", f"{extra:.2f}", "<= 3", extra <= 3
-    if "W7" in of:
-        base = value("W7", "retryer, living half", "wall") + value("W7", "floor", "wall")
-        figure = value("W7", "retryer", "wall") / base
-        attempts = max(r["refused_connections"] for r in of["W7"][1]["retryer"])
-        yield "W7 wall: to the living half + synced rewrites", f"{figure:.2f}", "<= 1.2", figure <= 1.2
-        yield "W7 attempts to connect to the dead host", str(attempts), "1", attempts == 1
-    if "W8" in of:
-        figure = value("W8", "retryer, 1 walkers", "wall") / value("W8", "retryer, 32 walkers", "wall")
-        yield "W8 throughput of 32 walkers to one", f"{figure:.1f}", ">= 25", figure >= 25
-    yield from ratio("W9", "wall", 1.5)
-    flat = [k for k in of if k[:2] not in ("W3", "W4") and has(k, "retryer")]
-    for key in flat:
-        peak = max(r["rss"] for r in of[key][1]["retryer"])
-        yield f"{key} peak KB", str(peak), "< 10240", peak < 10240
-    for small, large in (("W3a", "W3b"), ("W4a", "W4b"), ("W5a", "W5b")):
-        if small in of and large in of:
+    def one_server(self):
+        self.quotient("W1 wall time to the floor's", ("W1", "retryer"), ("W1", "floor"), "wall", "<= 1.3")
+        self.quotient("W1 processor time to the floor's", ("W1", "retryer"), ("W1", "floor"), "cpu", "<= 2")
+        self.ahead("W1", "retryer", 3, "wall", ["exim"])
+        self.ahead("W1", "retryer", 1, "wall", SINGLE)
+        for walkers in (2, 4):
             for what in ("wall", "cpu"):
-                figure = value(large, "retryer", what) / value(small, "retryer", what)
-                yield f"{large} to {small}, {what}", f"{figure:.1f}", "<= 12", figure <= 12
-            if small != "W5a":
-                more = of[large][0].units - of[small][0].units
-                figure = (value(large, "retryer", "rss") - value(small, "retryer", "rss")) * 1024 / more
-                yield f"{large} bytes a recipient over {small}", f"{figure:.0f}", "<= 200", figure <= 200
+                self.ahead("W1", f"retryer, {walkers} walkers", 1, what, MANY)
+
+    def large(self):
+        for key in ("W2a", "W2b"):
+            self.quotient(f"{key} throughput to the floor's", (key, "floor"), (key, "retryer"), "wall", ">= 0.7")
+            self.ahead(key, "retryer", 1, "wall", EVERYONE)
+
+    def many_recipients(self):
+        for key, limit in (("W3a", 1.3), ("W3b", 1.3), ("W4a", 1.5), ("W4b", 1.5)):
+            self.quotient(f"{key} wall time to the floor's", (key, "retryer"), (key, "floor"), "wall", f"<= {limit}")
+        for key in ("W4a", "W4b"):
+            if self.has(key, "retryer"):
+                counts = self.of[key][1]["retryer"][0]["sink"]
+                for kind, word in (("mx", "MX"), ("address", "address")):
+                    self.add(f"{key} {word} questions a domain", counts[kind] / 100, "<= 1")
+        for small, large in (("W3a", "W3b"), ("W4a", "W4b")):
+            self.growth(small, large)
+            if self.has(small, "retryer") and self.has(large, "retryer"):
+                (few, first), (many, second) = self.of[small], self.of[large]
+                more = median(second["retryer"], "rss") - median(first["retryer"], "rss")
+                self.add(f"{large} memory a recipient, bytes over {small}",
+                         more * 1024 / (many.units - few.units), "<= 200", 0)
+
+    def growth(self, small, large):
+        if self.has(small, "retryer") and self.has(large, "retryer"):
+            for what, word in (("wall", "wall time"), ("cpu", "processor time")):
+                figure = median(self.of[large][1]["retryer"], what) / median(self.of[small][1]["retryer"], what)
+                self.add(f"{large} {word} to that of {small}, ten times the size", figure, "<= 12", 1)
+
+    def idle(self):
+        for key in ("W5a", "W5b"):
+            self.quotient(f"{key} wall time to the floor's", (key, "retryer"), (key, "floor"), "wall", "<= 2")
+        self.ahead("W5a", "retryer", 1, "wall", EVERYONE)
+        self.growth("W5a", "W5b")
+        if self.has("W6", "retryer", "floor"):
+            more = self.per_unit("W6", "retryer", "wall") - self.per_unit("W6", "floor", "wall")
+            self.add("W6 ms over an empty program", more * 1e3, "<= 3")
+
+    def troubled(self):
+        if self.has("W7", "retryer", "retryer, living half", "floor"):
+            runs = self.of["W7"][1]
+            base = median(runs["retryer, living half"], "wall") + median(runs["floor"], "wall")
+            self.add("W7 wall time to that of the living half and the synced rewrites",
+                     median(runs["retryer"], "wall") / base, "<= 1.2")
+            self.add("W7 attempts to connect to the dead host",
+                     max(r["refused_connections"] for r in runs["retryer"]), "<= 1", 0)
+        if "W8" in self.of:
+            one, *_, most = [s.name for s in self.of["W8"][0].subjects]
+            self.quotient("W8 throughput of 32 walkers to that of one", ("W8", one), ("W8", most), "wall", ">= 25", 1)
+        self.quotient("W9 wall time to the floor's", ("W9", "retryer"), ("W9", "floor"), "wall", "<= 1.5")
+
+    def memory(self):
+        peaks = [r["rss"] for key, (_, runs) in self.of.items() if key[:2] not in ("W3", "W4")
+                 for name, mine in runs.items() if name.startswith("retryer") for r in mine]
+        if peaks:
+            self.add("peak memory, KB, the most of all but W3 and W4", max(peaks), "< 10240", 0)
+            self.add("the same, most to least", max(peaks) / min(peaks), "<= 1.25")
 
 
-def show(results, options):
-    print(table(results))
-    print()
-    for what, figure, limit, reached in targets(results):
-        print(f"{'reached' if reached else 'MISSED ':8} {what}: {figure} ({limit})")
+def show(results, options, note):
+    tables = "\n\n".join((note, figures_table(results), table(("target", "figure", "limit", ""), Targets(results).lines, 1)))
+    print(tables)
+    if options.markdown:
+        options.markdown.write_text(tables + "\n")
     if options.json:
         raw = {w.key: {"title": w.title, "runs": runs, "calls": calls} for w, runs, calls in results}
         options.json.write_text(json.dumps(raw, indent=1))

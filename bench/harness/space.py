@@ -65,14 +65,28 @@ def private_etc():
         group.write(GROUPS)
 
 
+def private_disc(work):
+    """A new file system for all that the programs write: what was deleted on the host's before, by
+    this benchmark or others, does not count then. Its space is free again when the benchmark ends."""
+    work.mkdir(parents=True, exist_ok=True)
+    image = work / "disc"
+    with open(image, "wb") as file:
+        file.truncate(8 << 30)
+    run("mkfs.ext4", "-q", "-F", "-N", "800000", "-E", "lazy_itable_init=0", str(image))
+    mount(image, "/run/disc", "ext4", "loop")
+    image.unlink()
+    for name in ("spool", "lib", "log", "tmp"):
+        Path(f"/run/disc/{name}").mkdir()
+        mount(f"/run/disc/{name}", f"/var/{name}")
+    os.chmod("/var/tmp", 0o1777)
+
+
 def set_up(work, peer_trees):
-    """Called in fresh namespaces; everything that changes lies under `work` or in memory."""
+    """Called in fresh namespaces; everything that changes lies on the private disc or in memory."""
     mount("none", "/run", "tmpfs", "mode=755")
+    private_disc(work)
     private_etc()
     private_dev()
-    for name in ("spool", "lib", "log"):
-        (work / name).mkdir(parents=True, exist_ok=True)
-        mount(work / name, f"/var/{name}")
     if peer_trees:
         for part in ("usr", "etc"):
             lower = ":".join(str(t / part) for t in peer_trees if (t / part).is_dir())
@@ -124,7 +138,7 @@ class Account:
         self.new_style = os.path.exists("/sys/fs/cgroup/cgroup.controllers")
         base = "/sys/fs/cgroup" if self.new_style else "/sys/fs/cgroup/cpuacct"
         self.path = Path(f"{base}/queue-bench-{os.stat('/proc/self/ns/pid').st_ino}")
-        self.path.mkdir()
+        self.path.mkdir(exist_ok=True)  # the name of a benchmark that was killed may come again
 
     def enter(self):
         """Puts the calling process in; for the moment before exec."""
@@ -150,9 +164,9 @@ class Account:
         self.path.rmdir()
 
 
-def settle(path):
+def settle():
     """Writes out what the preparation left in memory, so that no run pays for it."""
-    fd = os.open(path, os.O_RDONLY)
+    fd = os.open("/run/disc", os.O_RDONLY)
     ctypes.CDLL(None).syncfs(fd)
     os.close(fd)
 

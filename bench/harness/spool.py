@@ -58,15 +58,3 @@ def seed(directory, body, recipient_lists, age=86400):
         path = f"{directory}/m{i * 7919 % 1000003:06}"
         write(path, body)
         write(path + ".rmd", recipient_file(recipients, age))
-
-
-def seed_once(directory, body, count):
-    """A spool that no run changes, kept from an earlier benchmark if it is not too old by now."""
-    mark = directory.rstrip("/") + "-seeded"
-    if os.path.exists(mark) and time.time() - os.stat(mark).st_mtime < 86400:
-        with open(mark) as seeded:
-            if seeded.read() == str(count):
-                return
-    seed(directory, body, [[f"r{i}@d0.bench.test"] for i in range(count)])
-    with open(mark, "w") as seeded:
-        seeded.write(str(count))

@@ -5,6 +5,7 @@ import os
 import re
 import subprocess
 import sys
+import time
 from pathlib import Path
 from typing import Callable
 
@@ -12,6 +13,7 @@ from . import peers, space, spool
 
 DEFERRED = "/var/spool/deferred/"
 MEGABYTE = 1000 * 1000
+SLOW_ROUNDS = 3     # of what takes many seconds a run
 RULES = f"""w1,w4,w7,w9: deferred-directory {DEFERRED}
 w5a: deferred-directory /var/spool/w5a/
 w5b: deferred-directory /var/spool/w5b/
@@ -31,6 +33,8 @@ class Subject:
     copies: int = 1
     peer: object = None     # a peer runs itself
     against: str = ""       # the subject whose figures are this one's 1.0
+    units: int = 0          # where its share is not the workload's
+    rounds: int = 1000      # at most
 
 
 @dataclasses.dataclass
@@ -39,9 +43,18 @@ class Workload:
     title: str
     units: int              # what the counts are divided by
     subjects: list
-    messages: int = 0       # that the sink must have taken afterwards
+    messages: int = 0       # that the sink must have taken afterwards; -1 for one a unit
     delay_us: int = 0
     repeat: int = 1         # runs in each round; their least counts
+    left_out: dict = dataclasses.field(default_factory=dict)    # subjects that failed, and how
+
+    def units_of(self, subject):
+        return subject.units or self.units
+
+    def expected(self, subject):
+        if "rewrite" in subject.argv[0]:
+            return 0
+        return self.units_of(subject) if self.messages < 0 else self.messages
 
 
 class Maker:
@@ -49,8 +62,11 @@ class Maker:
 
     def __init__(self, options):
         self.options = options
-        self.n = max(2, int(1000 * options.scale) // 2 * 2)
+        self.n = self.scaled(1000)
         self.small = spool.text(4096)
+
+    def scaled(self, count):
+        return max(2, int(count * self.options.scale) // 2 * 2)
 
     def all(self):
         yield from self.messages()
@@ -65,8 +81,8 @@ class Maker:
     def walker(self, service):
         return [str(self.options.retryer), "-as", service]
 
-    def retryer(self, service, body, lists, name="retryer", copies=1, against="floor"):
-        return Subject(name, self.walker(service), seeder(body, lists), copies, None, against)
+    def retryer(self, service, body, lists, name="retryer", copies=1, against="floor", units=0):
+        return Subject(name, self.walker(service), seeder(body, lists), copies, None, against, units)
 
     def pair(self, service, body, lists, relay=space.SERVER):
         return [Subject("floor", self.floor("send", DEFERRED, relay), seeder(spool.wire(body), lists)),
@@ -75,8 +91,8 @@ class Maker:
     def ceiling(self, messages, at_once, size):
         return Subject("sink ceiling", self.floor("ceiling", space.SERVER, messages, at_once, size))
 
-    def of_peers(self, count, body):
-        return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor")
+    def of_peers(self, count, body, rounds):
+        return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor", rounds=rounds)
                 for p in peers.chosen(self.options)]
 
     def messages(self):
@@ -85,15 +101,16 @@ class Maker:
                        [self.ceiling(n, 16, 4096), *self.pair("w1", small, lists),
                         self.retryer("w1", small, lists, "retryer, 2 walkers", 2),
                         self.retryer("w1", small, lists, "retryer, 4 walkers", 4),
-                        *self.of_peers(n, small)], n)
+                        *self.of_peers(n, small, SLOW_ROUNDS)], n)
 
     def large(self):
         size = int(100 * MEGABYTE * self.options.scale)
-        for key, what, body in (("W2a", "ordinary lines", spool.text(size)),
-                                ("W2b", "lines of 60 bytes that begin with a dot", spool.dotted(size))):
+        for key, what, make in (("W2a", "ordinary lines", spool.text),
+                                ("W2b", "lines of 60 bytes that begin with a dot", spool.dotted)):
+            body = make(size if wanted(self.options, key) else 4096)
             yield Workload(key, f"one message of {size // MEGABYTE} MB, {what}", 1,
                            [self.ceiling(1, 1, size), *self.pair("w1", body, people(1)),
-                            *self.of_peers(1, body)], 1)
+                            *self.of_peers(1, body, SLOW_ROUNDS)], 1)
 
     def recipients(self):
         domains = space.DOMAINS
@@ -109,34 +126,42 @@ class Maker:
 
     def idle(self):
         for key, count in (("W5a", 10000), ("W5b", 100000)):
-            count = int(count * self.options.scale)
+            count = self.scaled(count)
             where = f"/var/spool/{key.lower()}/"
             if wanted(self.options, key):
-                spool.seed_once(where, self.small, count)
+                spool.seed(where, self.small, people(count))
             subjects = [Subject("floor", self.floor("scan", where)),
                         Subject("retryer", self.walker(key.lower()), against="floor")]
             if key == "W5a":
-                subjects += [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, self.small), 1, p,
-                                     "floor") for p in peers.chosen(self.options) if p.idle_argv]
+                subjects += self.idle_peers(self.n)
             yield Workload(key, f"{count} messages, none due", count, subjects)
         os.makedirs("/var/spool/w6", exist_ok=True)
         yield Workload("W6", "an empty spool", 1,
                        [Subject("floor", self.floor("empty")),
                         Subject("retryer", self.walker("w6"), against="floor")], repeat=20)
 
+    def idle_peers(self, count):
+        return [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, self.small), 1, p, "floor",
+                        count, SLOW_ROUNDS) for p in peers.chosen(self.options) if p.idle_argv]
+
     def troubled(self):
         n, small = self.n, self.small
         alive = people(n)
         half_dead = [[f"r{i}@{'dead' if i % 2 else 'd0'}.bench.test"] for i in range(n)]
         yield Workload("W7", f"{n} due messages, half of them for a dead host", n, [
-            Subject("floor", self.floor("rewrite", DEFERRED, n // 2), seeder(small, alive)),
-            self.retryer("w7", small, alive[:n // 2], "retryer, living half", against=""),
-            self.retryer("w7", small, half_dead, against="retryer, living half")], n // 2)
-        yield Workload("W8", f"{n} due messages, each reply after 20 ms", n, [
-            self.retryer("w1", small, alive, f"retryer, {walkers} walkers", walkers, "retryer, 1 walkers")
-            for walkers in (1, 2, 8, 32)], n, 20000)
+            Subject("floor", self.floor("rewrite", DEFERRED, n // 2), seeder(small, alive), units=n // 2),
+            self.retryer("w7", small, alive[:n // 2], "retryer, living half", 1, "", n // 2),
+            self.retryer("w7", small, half_dead, against="")], n // 2)
+        yield Workload("W8", "due messages, each reply after 20 ms", n, list(self.slow_servers()), -1, 20000)
         yield Workload("W9", f"{n} due messages, all refused for good", n,
                        self.pair("w9", small, people(n, "bad")), n)
+
+    def slow_servers(self):
+        """As many messages for each number of walkers as take some seconds."""
+        for walkers, count in ((1, 50), (2, 100), (8, 400), (32, 1600)):
+            count = self.scaled(count)
+            yield Subject(f"retryer, walkers: {walkers}, messages: {count}", self.walker("w1"),
+                          seeder(self.small, people(count)), walkers, units=count, rounds=SLOW_ROUNDS)
 
 
 def people(count, prefix="r"):
@@ -156,7 +181,7 @@ def wanted(options, key):
 def run_once(options, subject, workload, sink):
     """Seeds, runs, and checks that the work was done; the figures of the run."""
     subject.seed()
-    space.settle(options.work)
+    space.settle()
     sink.reset(workload.delay_us)
     refused = space.refused_connections()
     if subject.peer and subject.peer.daemon:
@@ -172,27 +197,23 @@ def run_once(options, subject, workload, sink):
     counts = sink.reset()
     figures["sink"] = counts
     figures["refused_connections"] = space.refused_connections() - refused
-    if is_failure(subject, workload, counts, figures):
-        print(f"  {subject.name}: incomplete: status {figures.get('status')}, {counts}", file=sys.stderr)
-        figures["incomplete"] = True
+    if counts["messages"] != workload.expected(subject) or figures["status"] != 0:
+        raise RuntimeError(f"status {figures['status']}, {counts['messages']} messages of "
+                           f"{workload.expected(subject)}")
     return figures
 
 
-def is_failure(subject, workload, counts, figures):
-    expected = 0 if "rewrite" in subject.argv[0] else workload.messages
-    return counts["messages"] != expected or figures.get("status", 0) != 0
-
-
-def count_calls(options, subject, workload, sink):
-    """System calls by name, from a run under strace."""
+def count_calls(subject, workload, sink):
+    """System calls by name, from a run under strace; nothing when that takes too long."""
     subject.seed()
     sink.reset(workload.delay_us)
     output = Path("/run/bench-strace")
-    if subject.peer and subject.peer.daemon:
-        subject.peer.run(sink, workload.messages, str(output))
-    else:
-        subprocess.run(["strace", "-f", "-c", "-o", str(output), *subject.argv], check=False,
-                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        subprocess.run(["strace", "-f", "-c", "-o", str(output), *subject.argv], check=False, timeout=120,
+                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                       preexec_fn=peers.Peer.account.enter)
+    except subprocess.TimeoutExpired:
+        return {}
     calls = {}
     for line in output.read_text().splitlines():
         found = re.match(r"\s*[\d.]+\s+[\d.]+\s+\d+\s+(\d+)\s+(?:\d+\s+)?(\w+)$", line)
@@ -202,13 +223,29 @@ def count_calls(options, subject, workload, sink):
 
 
 def measure_all(options, sink):
-    rules = options.work / "config/usr/local/etc/rulbex-table"
+    rules = Path("/run/config/usr/local/etc/rulbex-table")
     rules.parent.mkdir(parents=True, exist_ok=True)
     rules.write_text(RULES)
-    os.environ["TAVORIX"] = str(options.work / "config")
+    os.environ["TAVORIX"] = "/run/config"
     for workload in Maker(options).all():
         if wanted(options, workload.key):
             yield measure(options, workload, sink)
+
+
+def attempt(options, subject, workload, sink):
+    """One round's figures; None when the subject fails, and it is not tried again then."""
+    if subject.name in workload.left_out:
+        return None
+    begin = time.monotonic()
+    try:
+        tries = [run_once(options, subject, workload, sink) for _ in range(workload.repeat)]
+    except (OSError, RuntimeError, subprocess.SubprocessError) as error:
+        print(f"  {subject.name}: {error}", file=sys.stderr, flush=True)
+        workload.left_out[subject.name] = str(error)
+        peers.Peer.account.clear()
+        return None
+    print(f"  {subject.name}: {time.monotonic() - begin:.1f} s", file=sys.stderr, flush=True)
+    return min(tries, key=lambda figures: figures["wall"])
 
 
 def measure(options, workload, sink):
@@ -217,20 +254,13 @@ def measure(options, workload, sink):
     for turn in range(options.rounds):
         at = turn % len(workload.subjects)  # every round begins with another subject
         for subject in workload.subjects[at:] + workload.subjects[:at]:
-            try:
-                tries = [run_once(options, subject, workload, sink) for _ in range(workload.repeat)]
-            except (OSError, RuntimeError, subprocess.SubprocessError) as error:
-                if not subject.peer:
-                    raise
-                print(f"  {subject.name}: {error}", file=sys.stderr)
-                subject.peer.account.clear()
-                continue
-            runs[subject.name].append(min(tries, key=lambda figures: figures["wall"]))
-    workload.subjects = [s for s in workload.subjects if runs[s.name]]
+            if turn < subject.rounds and (figures := attempt(options, subject, workload, sink)):
+                runs[subject.name].append(figures)
+    workload.subjects = [s for s in workload.subjects if s.name not in workload.left_out]
     calls = {}
     for subject in workload.subjects:
         counted = subject.copies == 1 and not workload.delay_us and subject.name != "sink ceiling"
-        if counted and not options.no_strace:
-            calls[subject.name] = count_calls(options, subject, workload, sink)
+        if counted and not (subject.peer and subject.peer.daemon) and not options.no_strace:
+            calls[subject.name] = count_calls(subject, workload, sink)
             peers.Peer.account.clear()
     return workload, runs, calls
