@@ -243,7 +243,7 @@ def main():
     scratch = world.enter()
     house = World(scratch)
     World._syslog.copy_to(os.path.join(house.root, "syslog"))
-    house.table(*RULES, smtp_connect_timeout=2)
+    house.table(*RULES, smtp_connect_timeout=5)
     dns = Dnsmasq(scratch, ZONE)
     exim = Exim(scratch, STORE, RELAY, SECOND)
     SmtpServer(BUSY, {"rcpt": "450 mailbox busy, come back later"})
