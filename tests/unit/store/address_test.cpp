@@ -79,12 +79,14 @@ TEST_F(Address, GrammarAcceptsAndRejects) {
 }
 
 TEST_F(Address, DomainIsTakenOut) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"a@b@c.d", "c.d"}, {"a@", ""}, {"a", "none"}, {x(1) + '@' + x(255), x(255)}};
+    const std::pair<std::string, std::string> cases[] = {{"a@b@c.d", "c.d"},
+                                                         {"a@", ""},
+                                                         {"a", "none"},
+                                                         {"x@" + x(255), x(255)},
+                                                         {"a@" + x(256), "none"}};
     for (const auto& [text, expected] : cases) {
         std::array<char, EmailAddr::kDomainSize> domain;
         EXPECT_EQ(record(text).GetDomain(domain.data()) ? domain.data() : "none", expected);
-        EXPECT_FALSE(record("a@" + x(256)).GetDomain(domain.data()));
     }
 }
 
@@ -185,12 +187,12 @@ TEST(MailList, CopiesAreReversedAndMovedOrDeferredOnesKeepTheirOrder) {
     fill(list, {{"e", 554}});
     list.ExtractDeferred(other);
     EXPECT_EQ(records(list) + records(other), "<a>:1001 <b>:1001 <a>:450 <c>:451 <e>:554 <b>:550 ");
-    for (const int code : {499, -1, 0, 250, 1001, 1005, 1006, -2147483647}) {
-        EXPECT_TRUE(MailList::deferCode(code)) << code;
+    std::string kept;
+    for (const int code : {-2147483647, -1, 0, 250, 499, 500, 1000, 1001, 1002, 1003, 1004, 1005,
+                           1006, 1007, 2147483647}) {
+        kept += MailList::deferCode(code) ? std::to_string(code) + ' ' : "";
     }
-    for (const int code : {500, 1000, 1002, 1003, 1004, 1007, 2147483647}) {
-        EXPECT_FALSE(MailList::deferCode(code)) << code;
-    }
+    EXPECT_EQ(kept, "-2147483647 -1 0 250 499 1001 1005 1006 ");
 }
 
 TEST(MailList, AllNamesEndsBeforeTheFirstThatDoesNotFit) {

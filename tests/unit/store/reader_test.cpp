@@ -27,24 +27,19 @@ std::string line(std::size_t n, const char* end = "\n") {
 }
 
 TEST(Reader, CutsLongLinesAndLosesNothing) {
+    // The limits of the recipient file, the message body, the quoted text of a return mail.
+    // clang-format off
     const std::tuple<std::size_t, std::size_t, std::string, const char*> cases[] = {
-        // the recipient file
-        {63, 63, "", "E0"},
-        {63, 63, line(63) + line(64), "L63 P63 L1 E0"},
-        {63, 63, line(63, ""), "E63"},
-        {63, 63, line(64, ""), "P63 E1"},
+        {63, 63, "", "E0"}, {63, 63, line(63) + line(64), "L63 P63 L1 E0"},
+        {63, 63, line(63, ""), "E63"}, {63, 63, line(64, ""), "P63 E1"},
         {2047, 2047, line(2046) + line(2047) + "a\n", "L2046 L2047 L1 E0"},
         {2047, 2047, line(2048) + line(4095), "P2047 L1 P2047 P2047 L1 E0"},
-        // the message body
         {1023, 1022, line(1022) + line(1023) + line(1024), "L1022 L1023 P1022 L2 E0"},
         {1023, 1022, line(2045) + line(2046), "P1022 L1023 P1022 P1022 L2 E0"},
-        {1023, 1022, line(1025, ""), "P1022 E3"},
-        {1023, 1022, line(3000, ""), "P1022 P1022 E956"},
+        {1023, 1022, line(1025, ""), "P1022 E3"}, {1023, 1022, line(3000, ""), "P1022 P1022 E956"},
         {1023, 1022, "a\n\n" + std::string("\0\r\n", 3) + "b", "L1 L0 L2 E1"},
-        // the quoted text of a return mail
-        {1023, 1023, line(1024), "P1023 L1 E0"},
-        {1023, 1023, line(1023, ""), "E1023"},
-    };
+        {1023, 1023, line(1024), "P1023 L1 E0"}, {1023, 1023, line(1023, ""), "E1023"}};
+    // clang-format on
     for (const auto& [limit, piece, text, expected] : cases) {
         std::istringstream in(text);
         std::string copy;
@@ -94,16 +89,12 @@ TEST(FdStream, SeeksAndReadsInSmallAndLargePieces) {
         text += std::to_string(i) + '\n';
     }
     FdStream in(dir.write("m", text).c_str());
-    EXPECT_EQ(in.peek(), '0');
     std::string word(6000, '\0');
-    in.read(word.data(), 6000);
-    EXPECT_TRUE(word == text.substr(0, 6000) && in.tellg() == 6000);
-    in.seekg(0, std::ios::end);
-    EXPECT_EQ(in.tellg(), std::streamoff(text.size()));
-    in.seekg(4);
-    EXPECT_TRUE(in >> word && word == "2");
-    in.seekg(-2, std::ios::cur);
-    EXPECT_EQ(in.tellg(), 3);
+    EXPECT_EQ(in.peek(), '0');
+    EXPECT_TRUE(in.read(word.data(), 6000) && word == text.substr(0, 6000) && in.tellg() == 6000);
+    EXPECT_TRUE(in.seekg(0, std::ios::end) && in.tellg() == std::streamoff(text.size()));
+    EXPECT_TRUE(in.seekg(4) && in >> word && word == "2");
+    EXPECT_TRUE(in.seekg(-2, std::ios::cur) && in.tellg() == 3);
     std::stringstream rest;
     rest << in.rdbuf();
     EXPECT_EQ(rest.str(), text.substr(3));

@@ -83,8 +83,7 @@ TEST(SettingsDeath, WrongWordCountsAndFailedChecksEndTheRunWithOneEvent) {
     }
     EXPECT_FAILED_CHECK(G::initialise(table("direct-send-domains  ")), "8=cf->argc > 0 ");
     EXPECT_FAILED_CHECK(assert_failure("a > b", "lib/email/x", 171),
-                        "13500 0 2 32 1 1=lib/email/x 8=a > b "
-                        "15=171 .\n");
+                        "13500 0 2 32 1 1=lib/email/x 8=a > b 15=171 .\n");
     EXPECT_FAILED_CHECK(assert_failure(nullptr, nullptr, 0), "32 1 15=0 .\n");
 }
 

@@ -4,13 +4,11 @@
 
 #include <deque>
 #include <iostream>
-#include <iterator>
 #include <numeric>
 #include <set>
 #include <time.h>
 
 namespace {
-
 class RecordingReporter : public AbstractReporter {
     void report(const GW_EVENT& event) override {
         std::cerr << event.m_EventID << ' ' << event.m_iStructVersion << ' '
@@ -23,33 +21,18 @@ class RecordingReporter : public AbstractReporter {
         std::cerr << " .\n";
     }
 };
-
 } // namespace
 
 std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
     return std::make_unique<RecordingReporter>();
 }
 
-Scratch::Scratch(const char* parent) : root_(std::string(parent) + "/storetestXXXXXX") {
-    EXPECT_NE(::mkdtemp(root_.data()), nullptr);
-}
-
-std::string Scratch::write(const char* leaf, const std::string& text) const {
-    std::ofstream(path(leaf)) << text;
-    return path(leaf);
-}
-
-std::string Scratch::read(const char* leaf) const {
-    std::ifstream in(path(leaf));
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-std::string Scratch::names() const {
+std::string Scratch::state(const char* leaf) const {
     std::set<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(root_)) {
         names.insert(entry.path().filename().string() + ' ');
     }
-    return std::accumulate(names.begin(), names.end(), std::string());
+    return std::accumulate(names.begin(), names.end(), std::string()) + read(leaf);
 }
 
 void setZone(const char* tz) {

@@ -19,16 +19,26 @@
 // A directory of its own, removed with what it holds.
 class Scratch {
 public:
-    explicit Scratch(const char* parent = "/tmp");
+    explicit Scratch(const char* parent = "/tmp")
+        : root_(std::string(parent) + "/storetestXXXXXX") {
+        EXPECT_NE(::mkdtemp(root_.data()), nullptr);
+    }
     ~Scratch() { std::filesystem::remove_all(root_); }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
 
     std::string path(const char* leaf) const { return root_ + '/' + leaf; }
     FileName name(const char* leaf) const { return FileName(path(leaf).c_str()); }
-    std::string write(const char* leaf, const std::string& text) const; // gives the path
-    std::string read(const char* leaf) const;
-    std::string names() const; // sorted, each followed by a blank
+    std::string write(const char* leaf, const std::string& text) const { // gives the path
+        std::ofstream(path(leaf)) << text;
+        return path(leaf);
+    }
+    // The file's content behind the names of all, sorted, each followed by a blank.
+    std::string state(const char* leaf) const;
+    std::string read(const char* leaf) const {
+        std::ifstream in(path(leaf));
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
 
 private:
     std::string root_;
