@@ -44,19 +44,18 @@ public:
 
     [[nodiscard]] bool open() const noexcept { return open_; }
 
-    // Writes the text in one call and reads one reply; its number, 0 when the connection is lost.
-    int say(std::string_view text) {
+    // Writes the text, in one call unless the socket is full.
+    void write(std::string_view text) {
         while (!text.empty()) {
             const ssize_t sent = send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
             if (sent <= 0) {
-                return 0;
+                return;
             }
             text.remove_prefix(static_cast<std::size_t>(sent));
         }
-        return reply();
     }
 
-private:
+    // Reads one reply; its number, 0 when the connection is lost.
     int reply() {
         char line[512];
         const ssize_t got = recv(fd_, line, sizeof line - 1, 0);
@@ -64,6 +63,12 @@ private:
         return std::atoi(line);
     }
 
+    int say(std::string_view text) {
+        write(text);
+        return reply();
+    }
+
+private:
     int fd_;
     bool open_ = false;
 };
@@ -79,6 +84,39 @@ inline void readAll(int fd, std::string& text) {
         have += static_cast<std::size_t>(got);
     }
 }
+
+// The text of a message: read and sent in one piece when it is small, streamed when it is not, as
+// the memory for a large one would cost more than the calls.
+class Body {
+public:
+    // Reads the text, or the first block of a large one.
+    void read(int fd) {
+        fd_ = fd;
+        have_ = fill(0);
+    }
+
+    [[nodiscard]] std::string_view start() const noexcept { return {block_.data(), have_}; }
+
+    void sendTo(Conversation& server) {
+        if (have_ < block_.size()) {
+            server.write(start());
+            return;
+        }
+        for (off_t at = 0; (have_ = fill(at)) > 0; at += static_cast<off_t>(have_)) {
+            server.write(start());
+        }
+    }
+
+private:
+    std::size_t fill(off_t at) {
+        const ssize_t got = pread(fd_, block_.data(), block_.size(), at);
+        return got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+
+    std::vector<char> block_ = std::vector<char>(64 * 1024);
+    int fd_ = -1;
+    std::size_t have_ = 0;
+};
 
 // Calls visit(name) with the name of every message that has a recipient file in the directory.
 template<class Visit>

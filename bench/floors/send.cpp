@@ -1,9 +1,10 @@
 // floor_send <spool>/ <relay address, or "-" for the exchangers of each domain>
 //
 // One pass over messages that are all due: opens, locks and reads the files of each, holds the
-// conversation in step with the body in one write, and unlinks the files. The texts lie in the
-// spool in their wire form, final dot included. A refused recipient is answered with a return mail
-// to the sender; a server that cannot be reached costs the rewrite of the recipient file.
+// conversation in step with the body in one write, or in large blocks, and unlinks the files. The
+// texts lie in the spool in their wire form, final dot included. A refused recipient is answered
+// with a return mail to the sender; a server that cannot be reached costs the rewrite of the
+// recipient file.
 #include "floor.h"
 
 #include <algorithm>
@@ -84,8 +85,10 @@ std::uint32_t exchangerOf(std::string_view domain) {
 
 enum class Outcome { Sent, Refused, Unreachable };
 
+// Calls sendText(server) when its turn has come.
+template<class SendText>
 Outcome converse(std::uint32_t address, std::string_view sender,
-                 const std::vector<std::string>& recipients, std::string_view body) {
+                 const std::vector<std::string>& recipients, SendText sendText) {
     Floor::Conversation server(address);
     if (!server.open()) {
         return Outcome::Unreachable;
@@ -98,7 +101,8 @@ Outcome converse(std::uint32_t address, std::string_view sender,
     }
     if (taken > 0) {
         server.say("DATA\r\n");
-        server.say(body);
+        sendText(server);
+        server.reply();
     }
     server.say("QUIT\r\n");
     return taken > 0 ? Outcome::Sent : Outcome::Refused;
@@ -116,7 +120,7 @@ public:
             std::abort();
         }
         Floor::readAll(lock, recipients_);
-        Floor::readAll(file, body_);
+        body_.read(file);
         if (deliverAll(parse(recipients_))) {
             unlink(message.c_str());
             unlink(recipientFile.c_str());
@@ -133,11 +137,16 @@ private:
         for (const auto& [domain, recipients] : envelope.byDomain) {
             const Outcome outcome = deliverTo(domain, envelope.sender, recipients);
             if (outcome == Outcome::Refused) {
-                converse(relay_, "<>", {envelope.sender}, std::string(kReturnHeader) + body_);
+                returnTo(envelope.sender);
             }
             finished = finished && outcome != Outcome::Unreachable;
         }
         return finished;
+    }
+
+    void returnTo(const std::string& sender) {
+        const std::string text = std::string(kReturnHeader) + std::string(body_.start());
+        converse(relay_, "<>", {sender}, [&](auto& server) { server.write(text); });
     }
 
     // A server that was down once is not tried again.
@@ -149,13 +158,14 @@ private:
         }
         deadSeen_ = deadSeen_ || dead;
         const std::uint32_t living = relay_ != 0 ? relay_ : exchangerOf(domain);
-        return converse(dead ? Floor::addressOf("10.77.9.9") : living, sender, recipients, body_);
+        return converse(dead ? Floor::addressOf("10.77.9.9") : living, sender, recipients,
+                        [this](auto& server) { body_.sendTo(server); });
     }
 
     std::uint32_t relay_;
     bool deadSeen_ = false;
     std::string recipients_;
-    std::string body_;
+    Floor::Body body_;
 };
 
 } // namespace
