@@ -7,6 +7,7 @@ import time
 
 import world
 from servers import A, CLOSE, MX, DnsServer, SmtpServer, a, mx
+from tables import table
 
 OUT, KEPT, BACK, DROPPED = "delivered", "kept", "returned", "dropped"
 # A recipient's local part tells what becomes of it, its domain which server it is for.
@@ -18,21 +19,9 @@ ROUTES = ("domain-relay *.a.test 127.0.0.2", "domain-relay *.b.test 127.0.0.3", 
           "domain-relay *.from.test 127.0.0.9", "domain-relay *.later.test 127.0.0.10", "domain-relay *.never.test 127.0.0.11")
 ZONE = {("mx.test", MX): [mx("mx.test", 10, "host.test")], ("host.test", A): [a("host.test", "127.0.0.3")]}
 
-# Leaf: the domain of the sender (None: the null sender), recipients; more for World.queue.
-MESSAGES = {
-    "plain": ("from.test", ["ok@plain.a.test"], {}),
-    "looked-up": ("from.test", ["ok@mx.test"], {}),
-    "mixed": ("from.test", ["ok@mixed.a.test", "bad@mixed.a.test", "busy@mixed.a.test"], {}),
-    "scattered": ("from.test", ["ok1@scattered.b.test", "busy@scattered.b.test", "ok2@scattered.a.test"], {}),
-    "refused": ("from.test", ["bad@refused.a.test"], {}),
-    "return-waits": ("later.test", ["bad@waits.a.test", "bad2@waits.a.test"], {}),
-    "return-refused": ("never.test", ["bad@never.a.test"], {}),
-    "nobody-to-tell": (None, ["bad@nobody.a.test"], {}),
-    "overdue": ("from.test", ["bad@overdue.a.test", "bad2@overdue.b.test"], {"first": -500000}),
-    "too-soon": ("from.test", ["ok@soon.a.test"], {"last": -60}),
-    "cut-off": ("from.test", ["lost@cut.lost.test"], {}),
-    "rjctfileAAAAAA": (None, ["ok@old-return.a.test"], {}),
-}
+# Leaf: the domain of the sender, recipients, more for World.queue.
+MESSAGES = {leaf: (sender, rcpts.split(), {word: int(seconds) for word, seconds in map(str.split, more)})
+            for leaf, sender, rcpts, *more in table("faults/data/scene.txt")}
 STRAYS = {"no-list": b"a text nobody ever listed\n", "no-text.rmd": b"2020/00/01@00:00:00_GMT\n"}
 
 
@@ -58,12 +47,12 @@ class Server(SmtpServer):
 
 def sender_of(leaf):
     domain = MESSAGES[leaf][0]
-    return f"<{leaf}@{domain}>" if domain else "<>"
+    return "<>" if domain == "-" else f"<{leaf}@{domain}>"
 
 
 def fate_of(leaf, rcpt):
     fate = next(fate for word, fate in FATES.items() if rcpt[1:].startswith(word))
-    return DROPPED if fate == BACK and MESSAGES[leaf][0] in (None, "never.test") else fate
+    return DROPPED if fate == BACK and MESSAGES[leaf][0] in ("-", "never.test") else fate
 
 
 def text_of(leaf):
@@ -111,6 +100,10 @@ class Scene:
         self.settle()
         self.log += [line.text for line in run.log]
         return run
+
+    def run_again(self):
+        """What is wrong when the next run is."""
+        return ["the next run failed"] * (self.run("-now").status != 0)
 
     def settle(self):
         for server in self.servers:

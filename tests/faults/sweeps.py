@@ -40,9 +40,7 @@ def killed(scratch, name, number):
     scene = Scene(scratch).fill()
     scene.run(strace=inject(name, number, "signal=KILL"))
     twice = scene.in_flight()
-    faults = Ledger(scene).check_accounted().faults
-    again = scene.run("-now")
-    faults += ["the next run failed"] * (again.status != 0)
+    faults = Ledger(scene).check_accounted().faults + scene.run_again()
     return faults + Ledger(scene).check_accounted().check_copies(twice).check_finished().faults
 
 
@@ -71,8 +69,7 @@ def failing(scratch, fault, early, usual, usual_log):
     for leaf in moved:
         if not (untouched(leaf, before, ledger) or explained(leaf, scene.log, usual_log)):
             faults.append(f"the log says nothing about {leaf}: {scene.log}")
-    again = scene.run("-now")
-    faults += ["the next run failed"] * (again.status != 0)
+    faults += scene.run_again()
     return faults + Ledger(scene).check_accounted().check_finished().faults
 
 
@@ -201,8 +198,5 @@ def after_cut(scratch, leaf, files, done, log):
     scene.log += log
     for name, data in files.items():
         scene.world.put(name, data)
-    faults = Ledger(scene, done).check_accounted().faults
-    run = scene.run("-now")
-    faults += ["the next run failed"] * (run.status != 0)
-    ledger = Ledger(scene, done).check_accounted()
-    return faults + [f"{fault}   from {files}" for fault in ledger.faults]
+    faults = Ledger(scene, done).check_accounted().faults + scene.run_again()
+    return [f"{fault}   from {files}" for fault in faults + Ledger(scene, done).check_accounted().faults]

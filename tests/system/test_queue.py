@@ -7,21 +7,9 @@ import time
 import harness
 from harness import RELAYS, SENDERS, SystemTest, cases
 from servers import A, MX, SILENT, a, mx
+from tables import table
 
-DAY = 86400
-# Seconds from now of the first and last attempt, arguments, sender; what becomes of the message.
-SCHEDULE = {
-    "due": (-7200, -2001, (), "<s@from.test>", "sent"),
-    "too soon": (-7200, -1900, (), "<s@from.test>", "kept"),
-    "too soon, but -now": (-7200, -10, ("-now",), "<s@from.test>", "sent"),
-    "clock was set back": (-7200, 500, (), "<s@from.test>", "kept"),
-    "clock was set back, -now": (500, 500, ("-NOW",), "<s@from.test>", "sent"),
-    "not yet overdue": (-399900, -3600, (), "<s@from.test>", "sent"),
-    "overdue": (-400010, -3600, (), "<s@from.test>", "returned"),
-    "overdue and too soon": (-400010, -10, (), "<s@from.test>", "returned"),
-    "overdue, -now": (-5 * DAY, -10, ("-now",), "<s@from.test>", "returned"),
-    "overdue, null sender": (-5 * DAY, -3600, (), "<>", "dropped"),
-}
+SCHEDULE = {name: row for name, *row in table("system/data/schedule.txt")}
 
 
 class Walk(SystemTest):
@@ -31,10 +19,11 @@ class Walk(SystemTest):
         self.server, self.returns = self.smtp(), self.smtp(SENDERS)
 
     @cases(SCHEDULE)
-    def test_schedule(self, first, last, args, sender, fate):
+    def test_schedule(self, tries, args, sender, fate):
+        first, last = map(int, tries.split())
         self.world.queue("m", "<u@there.test>", sender=sender, first=first, last=last)
         before = self.world.spool()
-        run = self.run_ok(*args)
+        run = self.run_ok(*args.split())
         self.assertEqual(self.world.spool(), before if fate == "kept" else {})
         self.assertEqual((len(self.server.mails), len(self.returns.mails)), (fate == "sent", fate == "returned"))
         for word in ("overdue", "returned", "dropped"):
