@@ -31,10 +31,10 @@ def unescape(text):
 class Play:
     """One spool with a message a case; run() returns what became of each recipient, by leaf."""
 
-    def __init__(self, scratch, *lines, **settings):
+    def __init__(self, scratch, *lines):
         self.world = world.World(scratch)
         limits = {f"smtp_{name}_timeout": 2 for name in ("connect", "mail", "rcpt", "data", "send", "final")}
-        self.world.table(f"domain-relay *.from.test {BACK}", *lines, **{**limits, **settings})
+        self.world.table(f"domain-relay *.from.test {BACK}", *lines, **limits)
         self.returns, self.faults, self.log = Server(BACK), collections.defaultdict(list), []
 
     def run(self, meanwhile=None, walkers=WALKERS, limit=60):

@@ -1,5 +1,6 @@
 """What the system tests share: a test case with a fresh World and servers that are stopped with it,
 tests from tables, and main()."""
+import json
 import os
 import sys
 import unittest
@@ -55,6 +56,17 @@ class SystemTest(unittest.TestCase):
         run = self.world.run(*args, **how)
         self.assertEqual(run.status, 0, run.out + "".join(f"{line.text}\n" for line in run.log))
         return run
+
+    def retryq(self, *args, status=0, **how):
+        if "strace" in how:  # two that cannot both trace
+            how["env"] = {"ASAN_OPTIONS": "detect_leaks=0"}
+        run = self.world.run(*args, binary=world.RETRYQ, **how)
+        self.assertEqual(run.status, status, run.out)
+        return run
+
+    def objects(self, *args, **how):
+        """What retryq tells, for programs."""
+        return [json.loads(line) for line in self.retryq("--json", *args, **how).out.splitlines()]
 
     def assert_outcome(self, leaf, ends, returns):
         """ends: ("delivered", None), ("kept", code) or ("returned", code); `returns` is the server that

@@ -1,51 +1,16 @@
 #!/usr/bin/python3
 """The keeper's program beside the real retryer: what it tells must be what a run then does."""
 import fcntl
-import json
 import os
 
 import harness
-import servers
-import world
-from harness import BACK, RELAYS, SENDERS, SystemTest, cases
-from tables import route_agrees
-from test_routes import ONE, ROUTES, TWO, ZONE
+from harness import RELAYS, SENDERS, SystemTest, cases
 
 DAY = 86400
 DAEMON_NOTICE = 3 * 8 + 5
 
 
-class RetryqTest(SystemTest):
-    def retryq(self, *args, status=0, **how):
-        if "strace" in how:  # two that cannot both trace
-            how["env"] = {"ASAN_OPTIONS": "detect_leaks=0"}
-        run = self.world.run(*args, binary=world.RETRYQ, **how)
-        self.assertEqual(run.status, status, run.out)
-        return run
-
-    def objects(self, *args, **how):
-        return [json.loads(line) for line in self.retryq("--json", *args, **how).out.splitlines()]
-
-
-class Route(RetryqTest):
-    @classmethod
-    def setUpClass(cls):
-        cls.addClassCleanup(servers.Dnsmasq(harness.SCRATCH, ZONE).stop)
-
-    @cases({name: row for name, row in ROUTES.items() if name != "second relay word"})
-    def test_route(self, lines, rcpt, ends, reached):
-        self.world.table(BACK, *filter(None, lines))
-        route, = self.objects("route", rcpt)
-        self.assertTrue(route_agrees(route, ends, reached, (ONE, TWO)), route)
-
-    def test_it_connects_to_nothing(self):
-        self.world.table(BACK)
-        run = self.retryq("route", "u@order.test", strace=["-e", "trace=connect"])
-        self.assertNotIn("htons(25)", run.trace)
-        self.assertIn("try 1      127.0.0.2  one.test (preference 10)\n", run.out)
-
-
-class Queue(RetryqTest):
+class Queue(SystemTest):
     def setUp(self):
         super().setUp()
         self.world.table(*RELAYS)
@@ -64,6 +29,11 @@ class Queue(RetryqTest):
         self.run_ok()
         self.assertEqual(([mail.recipients for mail in server.mails], len(returns.mails)), ([["<due@x.test>"]], 1))
         self.assertEqual(sorted(self.world.spool()), ["waiting", "waiting.rmd"])
+
+    def test_route_connects_to_nothing(self):
+        run = self.retryq("route", "u@order.test", strace=["-e", "trace=connect"])
+        self.assertNotIn("htons(25)", run.trace)
+        self.assertIn("try 1      127.0.0.2", run.out)
 
     def test_looking_takes_no_lock_and_writes_nothing(self):
         self.world.queue("m", "<u@x.test>")
@@ -155,7 +125,7 @@ CHECKS = {"well": ("", 0), "typing mistake": ("vorn: smtp-min-deferal 5\n", 1), 
           "relay that is local": ("vorn: domain-relay * 127.0.0.1\n", 1)}
 
 
-class Check(RetryqTest):
+class Check(SystemTest):
     @cases(CHECKS)
     def test_status(self, lines, status):
         for directory in (self.world.spool_dir, self.world.outgoing_dir):

@@ -1,12 +1,13 @@
 #!/usr/bin/python3
-"""Which server a recipient's mail goes to: relays, exchangers, literals, direct sends."""
+"""Which server a recipient's mail goes to, and what retryq tells of it beforehand: relays, exchangers,
+literals, direct sends."""
 import subprocess
 
 import harness
 import servers
 from harness import BACK, SENDERS, SystemTest, cases
 from servers import A, MX, a, mx
-from tables import outcome, table
+from tables import outcome, route_agrees, table
 from world import DNS_ADDRESS, HOST, etc_file
 
 ONE, TWO = "127.0.0.2", "127.0.0.3"
@@ -33,6 +34,8 @@ class Routes(SystemTest):
         there = [self.smtp(address) for address in (ONE, TWO)]
         returns = self.smtp(SENDERS)
         self.world.queue("m", f"<{rcpt}>" if "@" in rcpt else rcpt)
+        route, = self.objects("route", rcpt)
+        self.assertTrue(route_agrees(route, ends, reached, (ONE, TWO)), route)
         self.run_ok()
         self.assertEqual([session.address for server in there for session in server.sessions], reached)
         self.assert_outcome("m", ends, returns)
