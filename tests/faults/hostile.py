@@ -158,29 +158,29 @@ def name_of(text):
     return unescape(text[1:]) if text[0] == "=" else servers.name("" if text == "." else text + ".test")
 
 
+RECORDS = {
+    "mx": lambda preference, exchanger: (MX, struct.pack(">H", int(preference)) + name_of(exchanger)),
+    "a": lambda address: (A, socket.inet_aton(address)),
+    "cname": lambda name: (5, name_of(name)),
+    "type": lambda number, length: (int(number), bytes(int(length))),
+}
+
+
 def element(text, owner):
-    """One record of an answer."""
+    """One record of an answer, or bytes in place of one."""
     options = dict(re.findall(r" (\w+)=(\S+)", text))
     kind, *words = re.sub(r" \w+=\S+", "", text).split()
-    owner = name_of(options["owner"]) if "owner" in options else servers.name(owner)
-    how = {key: int(options[key]) for key in ("klass", "length") if key in options}
-    if kind == "mx":
-        return servers.record(owner, MX, struct.pack(">H", int(words[0])) + name_of(words[1]), **how)
-    if kind == "a":
-        return servers.record(owner, A, socket.inet_aton(words[0]), **how)
-    if kind == "cname":
-        return servers.record(owner, 5, name_of(words[0]), **how)
-    if kind == "type":
-        return servers.record(owner, int(words[0]), bytes(int(words[1])), **how)
-    return unescape(words[0])
+    if kind == "raw":
+        return unescape(words[0])
+    owner = name_of(options.pop("owner")) if "owner" in options else servers.name(owner)
+    return servers.record(owner, *RECORDS[kind](*words), **{key: int(number) for key, number in options.items()})
 
 
 def answer_of(text, owner):
     """An answer as a function of the query: "mx 10 good; count 9; cut 40"."""
     parts = [part.strip() for part in text.split(";") if part.strip()]
-    said = {word: part.partition(" ")[2] for part in parts for word in [part.split()[0]]
-            if word in ("rcode", "flags", "count", "cut", "id", "question", "silent", "echo", "pad", "reply")}
-    records = [element(part, owner) for part in parts if part.split()[0] in ("mx", "a", "cname", "type", "raw")]
+    records = [element(part, owner) for part in parts if part.split()[0] in (*RECORDS, "raw")]
+    said = dict(part.partition(" ")[::2] for part in parts)
 
     def answer(query):
         if "silent" in said:
