@@ -244,7 +244,7 @@ def dns_cases(scratch, everything):
         rcpt = f"<u@{leaf}.test>"
         faults = play.check(leaf, {rcpt: outcome(ends)})
         got = [name for name, server in there.items() for mail in server.mails if rcpt in mail.recipients]
-        if not route_agrees(told[leaf], outcome(ends), [HOSTS[name] for name in reached], [HOSTS[name] for name in there]):
+        if not route_agrees(json.loads(told[leaf]), outcome(ends), [HOSTS[name] for name in reached], [HOSTS[name] for name in there]):
             faults.append(f"retryq tells {told[leaf]}")
         return faults + [f"reached {got} instead of {reached}"] * (got != reached)
     return cases(play, {leaf: row[0] for leaf, row in rows.items()}, check)
@@ -254,7 +254,7 @@ def routes(spool, rcpts, at_once=16):
     """What retryq tells of the way to each."""
     for at in range(0, len(rcpts), at_once):
         running = [spool.start("--json", "route", rcpt, binary=world.RETRYQ) for rcpt in rcpts[at:at + at_once]]
-        yield from [json.loads(spool.finish(one).out) for one in running]
+        yield from [spool.finish(one).out for one in running]
 
 
 # --- spool files ----------------------------------------------------------------------------------
