@@ -118,10 +118,10 @@ Table::Table(const Screen& screen, std::vector<Column> columns)
         used += column.width;
         flexible += column.flexible ? 1 : 0;
     }
-    for (Column& column : columns_) {
-        if (column.flexible) {
-            const int share = std::max((width - used) / flexible--, kLeast - column.width);
-            column.width += share;
+    for (auto column = columns_.begin(); flexible > 0; ++column) {
+        if (column->flexible) {
+            const int share = std::max((width - used) / flexible--, kLeast - column->width);
+            column->width += share;
             used += share;
         }
     }
