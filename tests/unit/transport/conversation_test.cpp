@@ -165,12 +165,10 @@ TEST_F(Conversation, WritesSendAllOrSayHowItEnded) {
     EXPECT_GE(timed([&] { EXPECT_EQ(client.write(a(8 << 20), 150), 0); }), 150ms);
     EXPECT_EQ(client.err, 0);
     Email::Alarm::setExpiry(true);
-    EXPECT_EQ(client.write("x", 1000), 0);
-    EXPECT_EQ(client.err, ETIME);
+    EXPECT_TRUE(client.write("x", 1000) == 0 && client.err == ETIME);
     Email::Alarm::setExpiry(false);
     peer.reset();
-    EXPECT_EQ(client.write("x", 1000), 0);
-    EXPECT_EQ(client.err, EPIPE);
+    EXPECT_TRUE(client.write("x", 1000) == 0 && client.err == EPIPE);
 }
 
 TEST_F(Conversation, EndOfInputAndMissingSocketsAreTold) {
@@ -180,13 +178,11 @@ TEST_F(Conversation, EndOfInputAndMissingSocketsAreTold) {
     char small[10]; // takes nine characters
     EXPECT_EXIT(client.ReadLine(small, 10, 0, client.err), testing::ExitedWithCode(1), "^$");
     EXPECT_EQ(client.line(0), "0123456789");
-    EXPECT_FALSE(client.line(1000));
-    EXPECT_EQ(client.err, ENODATA);
+    EXPECT_TRUE(!client.line(1000) && client.err == ENODATA);
     client.Close();
     EXPECT_EQ(client.write("x", 1000), EBADF);
     EXPECT_EQ(client.err, ENODATA); // left alone
-    EXPECT_FALSE(client.line(1000));
-    EXPECT_EQ(client.err, EBADF);
+    EXPECT_TRUE(!client.line(1000) && client.err == EBADF);
     client.Connect("", 25, client.err, 0);
     EXPECT_EQ(client.err, ENOENT);
 }
@@ -321,8 +317,8 @@ TEST_F(Conversation, TheFirstServerThatGreetsIsTaken) {
     EXPECT_TRUE(HostList::BlackL.InList(list.addr(0), true));
     EXPECT_EQ(::fcntl(client.theSocket, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(::fcntl(client.theSocket, F_GETFD), FD_CLOEXEC);
-    const std::pair<int, int> options[] = {{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_NODELAY}};
-    for (const auto& [level, option] : options) {
+    for (const auto& [level, option] :
+         {std::pair{SOL_SOCKET, SO_KEEPALIVE}, {int{IPPROTO_TCP}, TCP_NODELAY}}) {
         int on = 0;
         socklen_t size = sizeof on;
         ::getsockopt(client.theSocket, level, option, &on, &size);
