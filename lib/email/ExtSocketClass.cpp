@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -33,10 +34,8 @@ int waitFor(int fd, short events, long limitMs) noexcept {
         return -1;
     }
     pollfd entry{fd, events, 0};
-    timespec limit{};
-    limit.tv_sec = limitMs / 1000;
-    limit.tv_nsec = limitMs % 1000 * 1'000'000;
-    return ::ppoll(&entry, 1, &limit, nullptr);
+    // Not ppoll(): a fortified build for 32-bit hosts hands it a time of the wrong width.
+    return ::poll(&entry, 1, static_cast<int>(std::min<long>(limitMs, INT_MAX)));
 }
 
 bool nothingYet(int error) noexcept {
