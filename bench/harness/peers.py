@@ -79,6 +79,7 @@ class Peer:
     """A queue runner that ends when its pass is over. `argv` makes one pass; `idle_argv`, where there
     is such a thing, makes one over messages that are not due."""
     daemon = False
+    rounds = 3
     account = None      # where its processes are
     idle_argv = None
     idle = False
@@ -213,6 +214,7 @@ class Daemon(Peer):
     """A queue runner that stays. Its time runs from the order to send to the last message taken."""
     daemon = True
     argv = ["(daemon)"]
+
     def start(self, *command):
         subprocess.run(command, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                        preexec_fn=self.account.enter)
@@ -292,7 +294,9 @@ class SlowPostfix(Postfix):
 
 
 class OpenSmtpd(Daemon):
+    """It rests for seconds after every hundred messages of a conversation, which makes its time."""
     name = "opensmtpd"
+    rounds = 1
     EXTRA = ""
 
     def seed(self, count, body):
@@ -331,6 +335,7 @@ class SlowOpenSmtpd(OpenSmtpd):
 class LongOpenSmtpd(OpenSmtpd):
     """Without its pause after every hundred messages: all go through one conversation."""
     name = "opensmtpd, one long session"
+    rounds = 3
     EXTRA = SlowOpenSmtpd.EXTRA + "mta limit session-mail-max 100000\n"
 
 

@@ -65,26 +65,39 @@ def private_etc():
         group.write(GROUPS)
 
 
-def private_disc(work):
+class Disc:
     """A new file system for all that the programs write: what was deleted on the host's before, by
     this benchmark or others, does not count then. Its space is free again when the benchmark ends."""
-    work.mkdir(parents=True, exist_ok=True)
-    image = work / "disc"
-    with open(image, "wb") as file:
-        file.truncate(8 << 30)
-    run("mkfs.ext4", "-q", "-F", "-N", "800000", "-E", "lazy_itable_init=0", str(image))
-    mount(image, "/run/disc", "ext4", "loop")
-    image.unlink()
-    for name in ("spool", "lib", "log", "tmp"):
-        Path(f"/run/disc/{name}").mkdir()
-        mount(f"/run/disc/{name}", f"/var/{name}")
-    os.chmod("/var/tmp", 0o1777)
+
+    def __init__(self, work):
+        work.mkdir(parents=True, exist_ok=True)
+        image = work / "disc"
+        with open(image, "wb") as file:
+            file.truncate(8 << 30)
+        run("mkfs.ext4", "-q", "-F", "-N", "800000", "-E", "lazy_itable_init=0", str(image))
+        mount(image, "/run/disc", "ext4", "loop")
+        self.image = os.open(image, os.O_RDONLY)
+        self.files = os.open("/run/disc", os.O_RDONLY)
+        image.unlink()
+        for name in ("spool", "lib", "log", "tmp"):
+            Path(f"/run/disc/{name}").mkdir()
+            mount(f"/run/disc/{name}", f"/var/{name}")
+        os.chmod("/var/tmp", 0o1777)
+
+    def prepare(self, seed):
+        """Seeds a spool without waiting for its syncs one by one, and then writes out all of it, so
+        that no run pays for what its preparation left in memory."""
+        run("mount", "-o", "remount,nobarrier", "/run/disc")
+        seed()
+        ctypes.CDLL(None).syncfs(self.files)
+        os.fsync(self.image)
+        run("mount", "-o", "remount,barrier", "/run/disc")
 
 
 def set_up(work, peer_trees):
     """Called in fresh namespaces; everything that changes lies on the private disc or in memory."""
     mount("none", "/run", "tmpfs", "mode=755")
-    private_disc(work)
+    disc = Disc(work)
     private_etc()
     private_dev()
     if peer_trees:
@@ -101,6 +114,7 @@ def set_up(work, peer_trees):
     run("ip", "route", "add", "local", NETWORK, "dev", "lo")
     # As service managers set it: a burst of log lines need not wait for the collector line by line.
     Path("/proc/sys/net/unix/max_dgram_qlen").write_text("512")
+    return disc
 
 
 class Sink:
@@ -162,13 +176,6 @@ class Account:
     def close(self):
         self.clear()
         self.path.rmdir()
-
-
-def settle():
-    """Writes out what the preparation left in memory, so that no run pays for it."""
-    fd = os.open("/run/disc", os.O_RDONLY)
-    ctypes.CDLL(None).syncfs(fd)
-    os.close(fd)
 
 
 def refused_connections():

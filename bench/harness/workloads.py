@@ -91,9 +91,9 @@ class Maker:
     def ceiling(self, messages, at_once, size):
         return Subject("sink ceiling", self.floor("ceiling", space.SERVER, messages, at_once, size))
 
-    def of_peers(self, count, body, rounds):
-        return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor", rounds=rounds)
-                for p in peers.chosen(self.options)]
+    def of_peers(self, count, body):
+        return [Subject(p.name, p.argv, lambda p=p: p.seed(count, body), 1, p, "floor",
+                        rounds=p.rounds if count > 1 else SLOW_ROUNDS) for p in peers.chosen(self.options)]
 
     def messages(self):
         n, small, lists = self.n, self.small, people(self.n)
@@ -101,7 +101,7 @@ class Maker:
                        [self.ceiling(n, 16, 4096), *self.pair("w1", small, lists),
                         self.retryer("w1", small, lists, "retryer, 2 walkers", 2),
                         self.retryer("w1", small, lists, "retryer, 4 walkers", 4),
-                        *self.of_peers(n, small, SLOW_ROUNDS)], n)
+                        *self.of_peers(n, small)], n)
 
     def large(self):
         size = int(100 * MEGABYTE * self.options.scale)
@@ -110,7 +110,7 @@ class Maker:
             body = make(size if wanted(self.options, key) else 4096)
             yield Workload(key, f"one message of {size // MEGABYTE} MB, {what}", 1,
                            [self.ceiling(1, 1, size), *self.pair("w1", body, people(1)),
-                            *self.of_peers(1, body, SLOW_ROUNDS)], 1)
+                            *self.of_peers(1, body)], 1)
 
     def recipients(self):
         domains = space.DOMAINS
@@ -130,8 +130,10 @@ class Maker:
             where = f"/var/spool/{key.lower()}/"
             if wanted(self.options, key):
                 spool.seed(where, self.small, people(count))
-            subjects = [Subject("floor", self.floor("scan", where)),
-                        Subject("retryer", self.walker(key.lower()), against="floor")]
+            scan = self.floor("scan", where)
+            subjects = [Subject("floor", scan, lambda scan=scan: space.run(*scan)),  # from memory, both
+                        Subject("retryer", self.walker(key.lower()), lambda scan=scan: space.run(*scan),
+                                against="floor")]
             if key == "W5a":
                 subjects += self.idle_peers(self.n)
             yield Workload(key, f"{count} messages, none due", count, subjects)
@@ -180,8 +182,7 @@ def wanted(options, key):
 
 def run_once(options, subject, workload, sink):
     """Seeds, runs, and checks that the work was done; the figures of the run."""
-    subject.seed()
-    space.settle()
+    options.disc.prepare(subject.seed)
     sink.reset(workload.delay_us)
     refused = space.refused_connections()
     if subject.peer and subject.peer.daemon:
@@ -203,9 +204,9 @@ def run_once(options, subject, workload, sink):
     return figures
 
 
-def count_calls(subject, workload, sink):
+def count_calls(options, subject, workload, sink):
     """System calls by name, from a run under strace; nothing when that takes too long."""
-    subject.seed()
+    options.disc.prepare(subject.seed)
     sink.reset(workload.delay_us)
     output = Path("/run/bench-strace")
     try:
@@ -248,6 +249,12 @@ def attempt(options, subject, workload, sink):
     return min(tries, key=lambda figures: figures["wall"])
 
 
+def may_be_traced(subject, workload):
+    if subject.peer:    # the large message takes some of them a call a line
+        return not subject.peer.daemon and workload.key == "W1"
+    return subject.copies == 1 and not workload.delay_us and subject.name != "sink ceiling"
+
+
 def measure(options, workload, sink):
     print(f"{workload.key}: {workload.title}", file=sys.stderr, flush=True)
     runs = {s.name: [] for s in workload.subjects}
@@ -259,8 +266,7 @@ def measure(options, workload, sink):
     workload.subjects = [s for s in workload.subjects if s.name not in workload.left_out]
     calls = {}
     for subject in workload.subjects:
-        counted = subject.copies == 1 and not workload.delay_us and subject.name != "sink ceiling"
-        if counted and not (subject.peer and subject.peer.daemon) and not options.no_strace:
-            calls[subject.name] = count_calls(subject, workload, sink)
+        if may_be_traced(subject, workload) and not options.no_strace:
+            calls[subject.name] = count_calls(options, subject, workload, sink)
             peers.Peer.account.clear()
     return workload, runs, calls

@@ -2,8 +2,10 @@
 #include "email/DomainRelay.h"
 #include "email/EmailAddr.h"
 #include "email/FileName.h"
+#include "email/MailList.h"
 #include "email/Recipients.h"
 
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -104,5 +106,34 @@ void matchRelay(benchmark::State& state) {
     }
 }
 BENCHMARK(matchRelay)->Arg(1)->Arg(100);
+
+// Taking the recipients of one server out of a list in which every other one has another.
+void gatherRecipients(benchmark::State& state) {
+    std::array<char, 16> first{"192.0.2.1"};
+    std::array<char, 16> second{"192.0.2.2"};
+    std::array<char*, 1> hosts{first.data()};
+    DomainRelay::stdRelays.AddDomain("d0.bench.test", hosts.data(), 1);
+    hosts = {second.data()};
+    DomainRelay::stdRelays.AddDomain("d1.bench.test", hosts.data(), 1);
+    for (auto run : state) {
+        state.PauseTiming();
+        MailList list;
+        for (std::int64_t i = 0; i < state.range(0); ++i) {
+            list.Add(i % 2 == 0 ? "<r@d0.bench.test>" : "<r@d1.bench.test>",
+                     static_cast<SMTPcode>(450));
+        }
+        state.ResumeTiming();
+        MailList::Gathering gathering(list, IPaddress(inet_addr(second.data())));
+        std::int64_t taken = 0;
+        for (; gathering.next() != nullptr; ++taken) {
+        }
+        if (taken != state.range(0) / 2) {
+            state.SkipWithError("not all recipients were found");
+        }
+    }
+    DomainRelay::stdRelays.Clear();
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(gatherRecipients)->Arg(1000)->Arg(10000);
 
 } // namespace
