@@ -3,7 +3,8 @@ import json
 import statistics
 
 SYNCS = ("fsync", "fdatasync", "sync", "syncfs", "sync_file_range", "msync")
-COLUMNS = ("", "wall ms", "x", "cpu ms", "x", "peak KB", "units/s", "calls/unit", "syncs/unit", "sink cpu ms", "runs")
+COLUMNS = ("", "wall ms", "x", "cpu ms", "x", "peak KB", "units/s", "calls/unit", "syncs/unit", "sink cpu ms",
+           "at once", "runs")
 SINGLE = ("sendmail", "nullmailer", "msmtp", "postfix, one at a time", "opensmtpd, one at a time",
           "opensmtpd, one long session")
 MANY = ("postfix", "dma", "opensmtpd")      # these open many connections at once
@@ -30,7 +31,8 @@ def rows(result):
                f"{max(r['rss'] for r in mine)}", f"{count / median(mine, 'wall'):.0f}",
                f"{sum(counted.values()) / count:.1f}" if counted else "",
                f"{sum(counted.get(s, 0) for s in SYNCS) / count:.2f}" if counted else "",
-               f"{statistics.median(r['sink']['cpu'] for r in mine) * 1e3:.1f}", str(len(mine)))
+               f"{statistics.median(r['sink']['cpu'] for r in mine) * 1e3:.1f}",
+               str(max(r["sink"]["at_once"] for r in mine)), str(len(mine)))
     for name, reason in workload.left_out.items():
         yield (f"{name}: left out, {reason}",) + ("",) * (len(COLUMNS) - 1)
 

@@ -7,6 +7,7 @@
 
 struct Counters {
     unsigned long connections = 0;
+    unsigned long atOnce = 0; // the most that were open together
     unsigned long messages = 0;
     unsigned long recipients = 0;
     unsigned long refused = 0;

@@ -15,6 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -154,6 +155,7 @@ private:
             }
             connections_[at] = std::make_shared<Connection>(Connection{fd, {}, {}});
             ++counters_.connections;
+            counters_.atOnce = std::max(counters_.atOnce, ++open_);
             send(fd, Smtp::kGreeting.data(), Smtp::kGreeting.size(), MSG_NOSIGNAL);
             watch(fd);
         }
@@ -202,6 +204,7 @@ private:
     void close(Connection& connection) {
         const int fd = std::exchange(connection.fd, -1);
         ::close(fd);
+        --open_;
         connections_[static_cast<std::size_t>(fd)].reset();
     }
 
@@ -236,11 +239,11 @@ private:
         const double cpu = processorSeconds();
         const int length = std::snprintf(
             text, sizeof text,
-            R"({"connections":%lu,"messages":%lu,"recipients":%lu,"refused":%lu,"bytes":%lu,)"
+            R"({"connections":%lu,"at_once":%lu,"messages":%lu,"recipients":%lu,"refused":%lu,"bytes":%lu,)"
             R"("mx":%lu,"address":%lu,"log":%lu,"cpu":%.6f})",
-            counters_.connections, counters_.messages, counters_.recipients, counters_.refused,
-            counters_.bytes, counters_.mxQuestions, counters_.addressQuestions, counters_.logLines,
-            cpu - cpuAtReset_);
+            counters_.connections, counters_.atOnce, counters_.messages, counters_.recipients,
+            counters_.refused, counters_.bytes, counters_.mxQuestions, counters_.addressQuestions,
+            counters_.logLines, cpu - cpuAtReset_);
         if (order[0] != '?') {
             delay_ = std::chrono::microseconds(std::atol(order));
             cpuAtReset_ = cpu;
@@ -266,6 +269,7 @@ private:
     std::chrono::microseconds delay_{0};
     std::vector<char> block_ = std::vector<char>(256 * 1024);
     Counters counters_;
+    unsigned long open_ = 0;
     double cpuAtReset_ = 0;
 };
 
