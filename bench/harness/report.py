@@ -156,11 +156,19 @@ class Targets:
             self.add("the same, most to least", max(peaks) / min(peaks), "<= 1.25")
 
 
+def write_markdown(path, tables):
+    """Into the marked place of a page that has one, else the whole file."""
+    page = path.read_text() if path.exists() else ""
+    before, begin, rest = page.partition("<!-- figures -->\n")
+    _, end, after = rest.partition("<!-- end of figures -->\n")
+    path.write_text(f"{before}{begin}\n{tables}\n\n{end}{after}" if end else tables + "\n")
+
+
 def show(results, options, note):
     tables = "\n\n".join((note, figures_table(results), table(("target", "figure", "limit", ""), Targets(results).lines, 1)))
     print(tables)
     if options.markdown:
-        options.markdown.write_text(tables + "\n")
+        write_markdown(options.markdown, tables)
     if options.json:
         raw = {w.key: {"title": w.title, "runs": runs, "calls": calls} for w, runs, calls in results}
         options.json.write_text(json.dumps(raw, indent=1))

@@ -153,7 +153,7 @@ class Maker:
         yield Workload("W7", f"{n} due messages, half of them for a dead host", n, [
             Subject("floor", self.floor("rewrite", DEFERRED, n // 2), seeder(small, alive), units=n // 2),
             self.retryer("w7", small, alive[:n // 2], "retryer, living half", 1, "", n // 2),
-            self.retryer("w7", small, half_dead, against="")], n // 2)
+            self.retryer("w7", small, half_dead, against="")], n // 2, repeat=2)  # syncs scatter
         yield Workload("W8", "due messages, each reply after 20 ms", n, list(self.slow_servers()), -1, 20000)
         yield Workload("W9", f"{n} due messages, all refused for good", n,
                        self.pair("w9", small, people(n, "bad")), n)
