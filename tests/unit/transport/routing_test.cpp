@@ -1,4 +1,5 @@
 #include "email/DomainRelay.h"
+#include "email/Exchangers.h"
 #include "email/MXlookup.h"
 #include "peer.h"
 
@@ -121,117 +122,46 @@ TEST(RelayPattern, Matches) {
     }
 }
 
-// DNS messages by hand (RFC 1035, 4.1); no reader of ours minds the header's counts.
-static std::string number16(int value) {
-    return {static_cast<char>(value / 256), static_cast<char>(value % 256)};
-}
-
-static std::string name(const std::string& dotted) {
-    std::string wire;
-    for (std::size_t at = 0; at < dotted.size();) {
-        const std::size_t dot = std::min(dotted.find('.', at), dotted.size());
-        wire += static_cast<char>(dot - at) + dotted.substr(at, dot - at);
-        at = dot + 1;
-    }
-    return wire + '\0';
-}
-
-static std::string record(int type, const std::string& data, int length, int recordClass = 1) {
-    return name("") + number16(type) + number16(recordClass) + "life" + number16(length) + data;
-}
-
-static std::string mx(int preference, const std::string& exchanger, const std::string& wire = "") {
-    return record(15, number16(preference) + (wire.empty() ? name(exchanger) : wire), 9999, 7);
-}
-
-static const std::string q = std::string(12, '\0') + name("d.example") + number16(15) + number16(1);
-
-static const unsigned char* bytes(const std::string& message) {
-    return reinterpret_cast<const unsigned char*>(message.data());
-}
-
-// The exchangers of the answer that are left for the host of this name.
-static std::string exchangers(const char* host, const std::string& message) {
-    ThisHost::rename(host);
-    char* names[Resolver::kMaxExchangers] = {};
-    int prefs[Resolver::kMaxExchangers] = {};
-    int n = Resolver::kMaxExchangers;
-    const bool good =
-        Resolver().ParseQuery(bytes(message), static_cast<int>(message.size()), names, prefs, n);
-    Resolver::SortMXAnswers(names, prefs, n);
-    Resolver::RemoveSameServerMXAnswers(names, prefs, n);
-    std::string text = good ? "" : "unusable";
-    for (int i = 0; i < n; ++i) {
-        text += std::to_string(prefs[i]) + ' ' + names[i] + ';';
-    }
-    std::for_each(names, std::end(names), [](char* exchanger) { delete[] exchanger; });
-    return text;
-}
-
-TEST(DnsAnswer, IsReadAsFarAsItHoldsOrderedAndCutAtThisHost) {
-    const std::string two = q + mx(20, "b.d") + mx(10, "a.d");
-    const std::string l62(62, 'l');
-    const std::string l251 = l62 + '.' + l62 + '.' + l62 + '.' + l62;
-    const char* found = "10 a.d;20 b.d;";
+TEST(Exchangers, AreTriedInTheOrderOfASelectionSortAndCutAtThisHost) {
+    using List = std::vector<std::pair<int, std::string>>;
+    ThisHost::rename("gw.x");
     // clang-format off
-    const std::tuple<const char*, std::string, std::string> cases[] = {
-        {"gw", q, ""}, {"gw", q.substr(0, 12), "unusable"}, {"gw", "", "unusable"},
-        {"gw", q + mx(5, "", "\x03mx1\xc0\x0c"), "5 mx1.d.example;"},
-        {"gw", q + mx(0, ""), "0 ;"},
-        {"gw", two + "\1\1\1\1\1\1", found}, {"gw", two + "\xff\xff\xff\xff\xff\xff\xff", "unusable"},
-        // Cut in the fixed part, in the preference, in the name, behind the data.
-        {"gw", two + mx(5, "x").substr(0, 9), found}, {"gw", two + mx(5, "x").substr(0, 12), found},
-        {"gw", two + mx(5, "abcd").substr(0, 15), "unusable"},
-        {"gw", two + record(1, "abcd", 600), found},
-        {"gw", q + record(16, std::string(448, 't'), 448) + mx(1, "in") + mx(2, "out"), "1 in;"},
-        {"gw", two + mx(5, "", "\xc0\x50"), "unusable"},
-        {"gw", q + mx(1, l251 + ".a"), "1 " + l251 + ".a;"}, {"gw", q + mx(1, l251 + ".ab"), "unusable"},
-        // Exchangers of one preference, and this host among them.
-        {"gw", q + mx(10, "a") + mx(10, "b") + mx(5, "c"), "5 c;10 b;10 a;"},
-        {"gw.x", q + mx(10, "a") + mx(10, "gw.x") + mx(5, "c") + mx(20, "b"), "5 c;"},
-        {"gw.x", q + mx(10, "a") + mx(10, "gw.x"), ""},
-        {"gw.x", q + mx(1, "GW.X") + mx(2, "a.gw.x") + mx(3, "gw.x.more"), "1 GW.X;2 a.gw.x;"},
-        {"gw", q + mx(1, "a") + mx(2, "127.0.0.1"), "1 a;"},
-        {"gw", q + mx(1, "a") + mx(2, "localhost.b"), "1 a;"}, {"", two, ""}};
+    const std::pair<List, List> cases[] = {
+        {{{10, "a."}, {10, "b"}, {5, "c"}}, {{5, "c"}, {10, "b"}, {10, "a"}}},
+        {{{10, "a"}, {10, "gw.x"}, {5, "c"}, {20, "b"}}, {{5, "c"}}},
+        {{{1, "GW.X"}, {2, "a.gw.x"}, {3, "gw.x.more"}}, {{1, "GW.X"}, {2, "a.gw.x"}}},
+        {{{1, "a"}, {2, "127.0.0.1"}}, {{1, "a"}}}, {{{1, "a"}, {2, "localhost.b"}}, {{1, "a"}}}};
     // clang-format on
-    for (const auto& [host, message, left] : cases) {
-        EXPECT_EQ(exchangers(host, message), left)
-            << message.substr(q.size() % (message.size() + 1));
+    for (const auto& [answer, tried] : cases) {
+        Email::Exchangers mx;
+        mx.count = 0;
+        for (const auto& [preference, name] : answer) {
+            mx.names[static_cast<std::size_t>(mx.count)] = Resolver::copy(name.c_str());
+            mx.preferences[static_cast<std::size_t>(mx.count++)] = preference;
+        }
+        Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+        Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+        List left;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(mx.count); ++i) {
+            left.emplace_back(mx.preferences[i], mx.names[i]);
+        }
+        EXPECT_EQ(left, tried);
     }
+    EXPECT_EQ(Resolver::judge(40, HOST_NOT_FOUND), QUERY_OK); // left over from another question
 }
 
-TEST(MXanswer, DecidesWhereToSend) {
-    ThisHost::rename("gw.test");
-    ThisHost::local(address("10.9.9.9"));
-    const std::string own = q + mx(1, "10.9.9.9");
-    const std::string two = q + mx(2, "10.0.0.2") + mx(1, "10.0.0.3"); // literals: nothing is asked
-    // clang-format off
-    const std::tuple<int, std::string, int, int, eventId, const char*> cases[] = {
-        {QUERY_NO_DOMAIN, "", 10, -1, EV_MX_NO_DOMAIN, "0.0.0.0"}, {QUERY_TEMPORARY, "", 10, 0, EV_MX_TEMPFAIL, "0.0.0.0"},
-        {QUERY_NO_RECORD, "", 10, 1, EV_MX_NO_RECORD, "10.0.0.1"}, {NETDB_INTERNAL, "", 10, 1, EV_NONE, "10.0.0.1"},
-        {QUERY_OK, "garbage", 10, -1, EV_NONE, "0.0.0.0"},
-        {QUERY_OK, q + mx(1, "gw.test"), 10, 1, EV_MX_NONE_LEFT, "10.0.0.1"},
-        {QUERY_OK, two, 10, 2, EV_NONE, "10.0.0.3"}, {QUERY_OK, two, 1, 1, EV_NONE, "10.0.0.3"},
-        {QUERY_OK, own + mx(3, "10.0.0.2") + mx(4, ""), 10, 1, EV_NONE, "10.0.0.2"},
-        {QUERY_OK, own, 10, 0, EV_MX_NO_ADDRESS, "0.0.0.0"}};
-    // clang-format on
-    for (const auto& [result, message, max, count, event, first] : cases) {
-        IPaddressList out;
-        eventId said = EV_SELF_SEND;
-        const int length = static_cast<int>(message.size());
-        EXPECT_EQ(MXlookup().useAnswer(result, bytes(message), length, "10.0.0.1", out, max, said),
-                  count);
-        EXPECT_EQ(said, event);
-        EXPECT_EQ(out.addr(0), address(first));
-    }
-    // clang-format off
-    const int judgements[][3] = {
-        {40, HOST_NOT_FOUND, QUERY_OK}, {-1, HOST_NOT_FOUND, QUERY_NO_DOMAIN}, {-1, 0, QUERY_TEMPORARY},
-        {-1, NO_DATA, QUERY_NO_RECORD}, {-1, TRY_AGAIN, QUERY_TEMPORARY}, {0, NO_DATA, QUERY_TEMPORARY},
-        {-1, NO_RECOVERY, QUERY_TEMPORARY}};
-    // clang-format on
-    for (const auto& [length, error, result] : judgements) {
-        EXPECT_EQ(Resolver::judge(length, error), result) << length << ' ' << error;
+TEST(Resolver, LongestNameHasAByteLessThanItsRoom) {
+    for (const auto& [last, good] : {std::pair{"\1a", true}, {"\2ab", false}}) {
+        std::string message;
+        for (int i = 0; i < 4; ++i) {
+            message += static_cast<char>(62) + std::string(62, 'l');
+        }
+        message.append(last).push_back('\0');
+        const auto* const start = reinterpret_cast<const unsigned char*>(message.data());
+        const auto* p = start;
+        std::array<char, Resolver::kNameSize> name{};
+        EXPECT_EQ(Resolver::expand(name.data(), start, static_cast<int>(message.size()), p), good);
+        EXPECT_EQ(p - start, good ? static_cast<int>(message.size()) : 0);
     }
 }
 
