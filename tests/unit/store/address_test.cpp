@@ -32,9 +32,9 @@ std::string x(std::size_t n) {
 TEST_F(Address, IsNormalised) {
     // clang-format off
     const std::tuple<const char*, std::string, std::string> cases[] = {
-        {"d.example", "", "<>"}, {"d.example", "A B <a@b.c> z", "<a@b.c>"},
+        {"d.example", "", "<>"}, 
         {"d.example", "<x<a@b.c", "<a@b.c>"}, {"d.example", "<a@b.c>d>", "<a@b.c>"},
-        {"d.example", "<a@b.c> <", "<>"}, {"d.example", "a@host", "<a@host.d.example>"},
+        {"d.example", "<a@b.c> <", "<>"}, 
         {"", "a@host", "<a@host>"}, {"d.example", "a", "<a.d.example>"},
         {"d.example", "<a@b> .", "<a@b.d.example>"}, // a dot behind the address does not count
         {"d.example", x(2036), '<' + x(2036) + ".d.example>"},
@@ -76,18 +76,6 @@ TEST_F(Address, GrammarAcceptsAndRejects) {
     EXPECT_EQ(accepted("<@x,@[y]:a@b>") + accepted(R"(<@x:"a:b"@c>)"), R"(<a@b><"a:b"@c>)");
     G::allow_nonrfc_domain = "YESterday";
     EXPECT_EQ(accepted("<a@b_c>") + accepted("<a@_c>"), "<a@b_c>none");
-}
-
-TEST_F(Address, DomainIsTakenOut) {
-    const std::pair<std::string, std::string> cases[] = {{"a@b@c.d", "c.d"},
-                                                         {"a@", ""},
-                                                         {"a", "none"},
-                                                         {"x@" + x(255), x(255)},
-                                                         {"a@" + x(256), "none"}};
-    for (const auto& [text, expected] : cases) {
-        std::array<char, EmailAddr::kDomainSize> domain;
-        EXPECT_EQ(record(text).GetDomain(domain.data()) ? domain.data() : "none", expected);
-    }
 }
 
 TEST_F(Address, DirectSendIsDecidedByTheFirstEntryThatDiffers) {
@@ -133,42 +121,11 @@ TEST_F(Address, ServerSuitsByRelayThenExchangerThenFallback) {
     EXPECT_EQ(suiting(known), "1 ");
 }
 
-TEST_F(Address, ExchangersAreLookedUpOnce) {
-    EmailAddr known = record("a@[198.51.100.1]");
-    EmailAddr none = record("nodomain");
-    IPaddressList out;
-    EXPECT_TRUE(known.GetMXhosts(out, 10) == 1 && out.addr(0) == server('1'));
-    EXPECT_EQ(known.GetMXhosts(out, 1), 1); // full
-    EXPECT_EQ(known.GetMXhosts(out, 10), 2);
-    EXPECT_LT(none.GetMXhosts(out, 10), 1);
-    EXPECT_EQ(none.GetMXhosts(out, 10), 2); // the count of `out`, no second lookup
-}
-
 // The first pair becomes the head.
 void fill(MailList& list, std::initializer_list<std::pair<const char*, int>> records) {
     for (auto it = std::rbegin(records); it != std::rend(records); ++it) {
         list.Add(it->first, static_cast<SMTPcode>(it->second));
     }
-}
-
-TEST(MailList, AddsAtTheHeadAndTakesFromIt) {
-    MailList list;
-    list.Add("first", IDS_NO_REASON);
-    EXPECT_TRUE(list.one());
-    list.Add(static_cast<const char*>(nullptr), IDS_RTS450);
-    list.Add(std::unique_ptr<EmailAddr>(), IDS_RTS450);
-    list.Add(std::make_unique<EmailAddr>("own", nullptr, IDS_RTS550), IDS_NO_REASON);
-    list.Add(std::make_unique<EmailAddr>("set", nullptr, IDS_RTS550), IDS_RTS451);
-    EXPECT_EQ(records(list), "<set>:451 <own>:550 <first>:-1 ");
-    EXPECT_FALSE(list.one() || list.ReasonPresent(IDS_RTS421));
-    EXPECT_TRUE(list.ReasonPresent(IDS_NO_REASON));
-    std::array<char, EmailAddr::kTextSize> buf{};
-    SMTPcode code = IDS_RTS421;
-    EXPECT_TRUE(list.Remove(buf.data(), &code) && code == IDS_RTS451);
-    EXPECT_STREQ(list.Remove()->text(), "<own>");
-    list.Destroy();
-    EXPECT_TRUE(!list.Remove(buf.data(), &code) && list.Remove() == nullptr);
-    EXPECT_STREQ(buf.data(), "<set>");
 }
 
 TEST(MailList, CopiesAreReversedAndMovedOrDeferredOnesKeepTheirOrder) {
@@ -225,26 +182,6 @@ TEST(MailList, LongListsNeedNoStack) {
     deferred.ExtractDeferred(copy);
     deferred.Add(copy, true, IDS_RTS450);
     EXPECT_EQ(records(deferred).size(), records(list).size());
-}
-
-TEST(MailList, GathersForOneServerAskingEachRecordOnce) {
-    MailList list;
-    fill(list,
-         {{"a@[198.51.100.1]", 1}, {"b@[198.51.100.2]", 2}, {"c", 3}, {"d@[198.51.100.1]", 4}});
-    const std::pair<char, const char*> cases[] = {
-        {'1', "<d@[198.51.100.1]>:4 <a@[198.51.100.1]>:1 "},
-        {'3', ""},
-        {'2', "<b@[198.51.100.2]>:2 "}};
-    for (const auto& [last, expected] : cases) {
-        MailList::Gathering gathering(list, server(last));
-        MailList out;
-        while (auto record = gathering.next()) {
-            out.Add(std::move(record), IDS_NO_REASON);
-        }
-        EXPECT_EQ(records(out), expected);
-        EXPECT_EQ(list.Remove(server(last)), nullptr);
-    }
-    EXPECT_EQ(records(list), "<c>:3 ");
 }
 
 } // namespace
