@@ -1,3 +1,5 @@
+#include "email/BoundedLineReader.h"
+#include "email/FdStream.h"
 #include "email/FileReplacement.h"
 #include "store_support.h"
 
@@ -69,6 +71,15 @@ TEST(FileName, MovesAlsoAcrossFileSystems) {
     // A target that cannot be written: the source is gone all the same.
     EXPECT_FALSE(dir.name("n").MoveTo(dir.name("none/m")));
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("")));
+}
+
+TEST(FdStream, AFailedReadIsNotTheEnd) {
+    const Scratch dir;
+    Email::FdStream in(dir.path("").c_str());
+    EXPECT_TRUE(in.good());
+    EXPECT_EQ(Email::BoundedLineReader(in, 63, 63).next().kind,
+              Email::BoundedLineReader::Kind::Error);
+    EXPECT_TRUE(in.error() == EISDIR && in.bad());
 }
 
 bool replace(const std::string& path, std::string_view text) {
