@@ -121,6 +121,26 @@ TEST_F(Address, ServerSuitsByRelayThenExchangerThenFallback) {
     EXPECT_EQ(suiting(known), "1 ");
 }
 
+TEST_F(Address, ExchangersAreLookedUpOnce) {
+    EmailAddr known = record("a@[198.51.100.1]");
+    EmailAddr none = record("nodomain");
+    IPaddressList out;
+    EXPECT_TRUE(known.GetMXhosts(out, 10) == 1 && out.addr(0) == server('1'));
+    EXPECT_EQ(known.GetMXhosts(out, 1), 1); // full
+    EXPECT_EQ(known.GetMXhosts(out, 10), 2);
+    EXPECT_LT(none.GetMXhosts(out, 10), 1);
+    EXPECT_EQ(none.GetMXhosts(out, 10), 2); // the count of `out`, no second lookup
+}
+
+TEST(MailList, RecordsKeepTheirCodeUnlessAnotherIsGiven) {
+    MailList list;
+    MailList other;
+    list.Add(std::make_unique<EmailAddr>("own", nullptr, IDS_RTS550), IDS_NO_REASON);
+    list.Add(std::make_unique<EmailAddr>("set", nullptr, IDS_RTS550), IDS_RTS451);
+    other.Add(list, true, IDS_NO_REASON);
+    EXPECT_EQ(records(other), "<set>:451 <own>:550 ");
+}
+
 // The first pair becomes the head.
 void fill(MailList& list, std::initializer_list<std::pair<const char*, int>> records) {
     for (auto it = std::rbegin(records); it != std::rend(records); ++it) {
