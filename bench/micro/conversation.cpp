@@ -12,6 +12,7 @@
 #include <array>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -25,18 +26,20 @@ std::string repeated(const std::string& line, std::size_t bytes) {
 
 void shapeBody(benchmark::State& state, const std::string& line) {
     const std::string body = repeated(line, 1U << 20U);
-    std::string block;
+    constexpr std::size_t kBlock = 64U * 1024U;
+    std::vector<char> block(kBlock + Email::BodyShaper::kLineLimit + Email::BodyShaper::kMaxGrowth);
     for (auto run : state) {
         std::istringstream in(body);
         Email::BoundedLineReader reader(in, Email::BodyShaper::kLineLimit,
                                         Email::BodyShaper::kPieceSize);
         Email::BodyShaper shaper;
+        char* end = block.data();
         for (auto item = reader.next(); item.kind != Email::BoundedLineReader::Kind::End;
              item = reader.next()) {
-            shaper.shape(item, block);
-            if (block.size() >= 64U * 1024U) {
+            end = shaper.shape(item, end);
+            if (static_cast<std::size_t>(end - block.data()) >= kBlock) {
                 benchmark::DoNotOptimize(block.data());
-                block.clear();
+                end = block.data();
             }
         }
     }

@@ -7,8 +7,8 @@
 
 #include "email/BoundedLineReader.h"
 
+#include <algorithm>
 #include <cstddef>
-#include <string>
 #include <string_view>
 
 namespace Email {
@@ -25,8 +25,25 @@ public:
     // line more than was queued; receivers of this gateway's mail have always seen it so.
     static constexpr std::string_view kTerminator = "\r\n.\r\n";
 
-    // Appends the item's wire form to `out`; End and Error append nothing.
-    void shape(const BoundedLineReader::Item& item, std::string& out);
+    // Writes the item's wire form, at most kMaxGrowth bytes more than its text, to `out` and
+    // returns its end; nothing for End and Error. Defined here, and into room that the caller
+    // keeps: a large body is nothing but this.
+    char* shape(const BoundedLineReader::Item& item, char* out) noexcept {
+        const bool whole = item.kind == BoundedLineReader::Kind::Line;
+        if (!whole && item.kind != BoundedLineReader::Kind::Piece) {
+            return out;
+        }
+        if (!continuation_ && item.text.starts_with('.')) {
+            *out++ = '.';
+        }
+        out = std::copy(item.text.begin(), item.text.end(), out);
+        if (whole) {
+            *out++ = '\r';
+            *out++ = '\n';
+        }
+        continuation_ = !whole;
+        return out;
+    }
 
 private:
     bool continuation_ = false; // the last item was a piece: its line goes on

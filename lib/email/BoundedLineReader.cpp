@@ -22,33 +22,16 @@ void BoundedLineReader::setLimits(std::size_t lineLimit, std::size_t pieceSize) 
     pieceSize_ = std::clamp<std::size_t>(pieceSize, 1, std::max<std::size_t>(lineLimit_, 1));
 }
 
-std::string_view BoundedLineReader::unread() const noexcept {
-    return {buffer_.get() + begin_, end_ - begin_};
-}
-
-BoundedLineReader::Item BoundedLineReader::next() {
-    for (;;) {
-        const std::string_view ahead = unread();
-        const std::size_t lineFeed = ahead.substr(0, lineLimit_ + 1).find('\n');
-        if (lineFeed != std::string_view::npos) {
-            return take(Kind::Line, lineFeed, 1);
-        }
-        if (ahead.size() > lineLimit_) {
-            return take(Kind::Piece, pieceSize_, 0);
-        }
-        if (eof_) {
-            return in_.bad() ? Item{Kind::Error, {}} : take(Kind::End, ahead.size(), 0);
-        }
-        fill();
+BoundedLineReader::Item BoundedLineReader::nextPart() {
+    const std::string_view ahead = unread();
+    if (ahead.size() > lineLimit_) {
+        return take(Kind::Piece, pieceSize_, 0);
     }
-}
-
-BoundedLineReader::Item BoundedLineReader::take(Kind kind, std::size_t text,
-                                                std::size_t ending) noexcept {
-    const Item item{kind, unread().substr(0, text)};
-    begin_ += text + ending;
-    consumed_ += static_cast<long long>(text + ending);
-    return item;
+    if (eof_) {
+        return in_.bad() ? Item{Kind::Error, {}} : take(Kind::End, ahead.size(), 0);
+    }
+    fill();
+    return next();
 }
 
 // Moves what is unread to the front of a buffer that has room behind it.

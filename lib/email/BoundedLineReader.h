@@ -35,14 +35,26 @@ public:
     // Other limits for what is read from now on.
     void setLimits(std::size_t lineLimit, std::size_t pieceSize) noexcept;
 
-    Item next();
+    // Defined here: a large text is nothing but this call, and a whole line in hand the usual case.
+    Item next() {
+        const std::size_t lineFeed = unread().substr(0, lineLimit_ + 1).find('\n');
+        return lineFeed != std::string_view::npos ? take(Kind::Line, lineFeed, 1) : nextPart();
+    }
 
     // Bytes handed out so far: line feeds and the tail given with End included.
     [[nodiscard]] long long consumed() const noexcept { return consumed_; }
 
 private:
-    [[nodiscard]] std::string_view unread() const noexcept;
-    Item take(Kind kind, std::size_t text, std::size_t ending) noexcept;
+    [[nodiscard]] std::string_view unread() const noexcept {
+        return {buffer_.get() + begin_, end_ - begin_};
+    }
+    Item take(Kind kind, std::size_t text, std::size_t ending) noexcept {
+        const Item item{kind, unread().substr(0, text)};
+        begin_ += text + ending;
+        consumed_ += static_cast<long long>(text + ending);
+        return item;
+    }
+    Item nextPart(); // what comes when no whole line is in hand
     void makeRoom();
     void fill();
 

@@ -19,6 +19,7 @@
 #include <climits>
 #include <cstring>
 #include <istream>
+#include <memory>
 #include <string_view>
 
 namespace {
@@ -341,16 +342,31 @@ bool Sender::SendQUIT(SMTPcode* code) {
     return true;
 }
 
+// A part of the body in its wire form. Room for one line more than goes out at a time, and for the
+// end.
+struct Sender::Block {
+    using Shaper = Email::BodyShaper;
+    static constexpr std::size_t kRoom =
+        kBlockSize + Shaper::kLineLimit + Shaper::kMaxGrowth + Shaper::kTerminator.size();
+
+    std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(kRoom);
+    char* end = bytes.get();
+
+    [[nodiscard]] std::size_t size() const noexcept {
+        return static_cast<std::size_t>(end - bytes.get());
+    }
+};
+
 // Sends and empties the block. A count that falls short is a failure: a body is never cut silently.
-bool Sender::writeBlock(std::string& block) {
+bool Sender::writeBlock(Block& block) {
     if (theSocket < 0) {
         return false;
     }
     int err = 0;
     const int length = static_cast<int>(block.size());
     const int sent =
-        WriteN(block.data(), length, milliseconds(mailscanGlobals::DATA_send_interval), err);
-    block.clear();
+        WriteN(block.bytes.get(), length, milliseconds(mailscanGlobals::DATA_send_interval), err);
+    block.end = block.bytes.get();
     return err == 0 && sent == length;
 }
 
@@ -361,7 +377,7 @@ bool Sender::textUnreadable(SMTPcode* code) {
 
 // Shapes the text into the block and sends the block whenever it is full; the last one is left to
 // the caller. True at the end of the text, and when the alarm has fired.
-bool Sender::sendText(std::istream& message, std::string& block, SMTPcode* code) {
+bool Sender::sendText(std::istream& message, Block& block, SMTPcode* code) {
     using Kind = Email::BoundedLineReader::Kind;
     using Shaper = Email::BodyShaper;
     Email::BoundedLineReader reader(message, Shaper::kLineLimit, Shaper::kPieceSize);
@@ -380,7 +396,7 @@ bool Sender::sendText(std::istream& message, std::string& block, SMTPcode* code)
         if (item.kind == Kind::Error) {
             return textUnreadable(code);
         }
-        shaper.shape(item, block);
+        block.end = shaper.shape(item, block.end);
         if (block.size() >= kBlockSize && !writeBlock(block)) {
             return giveUp(code, COMMS_FAILED);
         }
@@ -400,9 +416,7 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
     if (!message) {
         return textUnreadable(code);
     }
-    std::string block;
-    block.reserve(kBlockSize + Email::BodyShaper::kLineLimit + Email::BodyShaper::kMaxGrowth +
-                  Email::BodyShaper::kTerminator.size());
+    Block block;
     if (!sendText(message, block, code)) {
         return false;
     }
@@ -410,7 +424,8 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
         store(code, TIMEOUTEXPIRED);
         return false;
     }
-    block += Email::BodyShaper::kTerminator;
+    block.end = std::copy_n(Email::BodyShaper::kTerminator.data(),
+                            Email::BodyShaper::kTerminator.size(), block.end);
     if (!writeBlock(block)) {
         return giveUp(code, COMMS_FAILED);
     }

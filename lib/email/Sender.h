@@ -110,8 +110,9 @@ private:
     int readNumber(long timeoutSecs);
     bool command(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code);
 
-    bool writeBlock(std::string& block);
-    bool sendText(std::istream& message, std::string& block, SMTPcode* code);
+    struct Block;
+    bool writeBlock(Block& block);
+    bool sendText(std::istream& message, Block& block, SMTPcode* code);
     bool giveUp(SMTPcode* code, SMTPcode value) noexcept;
     bool textUnreadable(SMTPcode* code);
 
