@@ -151,12 +151,13 @@ TEST(Exchangers, AreTriedInTheOrderOfASelectionSortAndCutAtThisHost) {
 }
 
 TEST(Resolver, LongestNameHasAByteLessThanItsRoom) {
-    for (const auto& [last, good] : {std::pair{"\1a", true}, {"\2ab", false}}) {
+    for (const auto& [first, good] : {std::pair{'l', true}, {'.', false}}) {
         std::string message;
         for (int i = 0; i < 4; ++i) {
-            message += static_cast<char>(62) + std::string(62, 'l');
+            message += '>' + std::string(62, 'l'); // the sign's number is 62
         }
-        message.append(last).push_back('\0');
+        message += std::string("\1.") + '\0'; // a dot within a label becomes two characters
+        message[1] = first;
         const auto* const start = reinterpret_cast<const unsigned char*>(message.data());
         const auto* p = start;
         std::array<char, Resolver::kNameSize> name{};
