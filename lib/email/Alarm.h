@@ -2,14 +2,24 @@
 // the body transfer poll it and give the conversation up.
 #pragma once
 
+#include <atomic>
+
 namespace Email {
 
 class Alarm {
 public:
     // Stores the flag. Async-signal-safe.
-    static void setExpiry(bool expired) noexcept;
+    static void setExpiry(bool expired) noexcept {
+        expired_.store(expired, std::memory_order_relaxed);
+    }
 
-    [[nodiscard]] static bool hasExpired() noexcept;
+    [[nodiscard]] static bool hasExpired() noexcept {
+        return expired_.load(std::memory_order_relaxed);
+    }
+
+private:
+    static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handler");
+    static inline constinit std::atomic<bool> expired_{false};
 };
 
 } // namespace Email

@@ -7,7 +7,7 @@
 namespace Email {
 namespace {
 
-constexpr std::size_t kFirstBlock = BoundedLineReader::kMaxLimit + 1;
+constexpr std::size_t kFirstBlock = std::size_t{16} * 1024; // most messages, and any whole line
 constexpr std::size_t kBlock = std::size_t{64} * 1024;
 
 } // namespace
@@ -56,6 +56,7 @@ void BoundedLineReader::fill() {
     in_.read(buffer_.get() + end_, static_cast<std::streamsize>(room));
     const auto got = static_cast<std::size_t>(in_.gcount());
     end_ += got;
+    taken_ += static_cast<long long>(got);
     eof_ = got < room;
 }
 

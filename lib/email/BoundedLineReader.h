@@ -26,7 +26,7 @@ public:
     // `pieceSize` (at most lineLimit) bytes are cut off until the rest fits. Bytes are counted;
     // NUL and CR are ordinary. Reading begins where the stream stands; the stream's position is
     // undefined afterwards.
-    // The first block read is small, so that a short file costs one short read.
+    // The first block read is small: a short file costs one read and little memory.
     BoundedLineReader(std::istream& in, std::size_t lineLimit, std::size_t pieceSize);
 
     // Largest `lineLimit`; a larger one counts as this.
@@ -42,7 +42,9 @@ public:
     }
 
     // Bytes handed out so far: line feeds and the tail given with End included.
-    [[nodiscard]] long long consumed() const noexcept { return consumed_; }
+    [[nodiscard]] long long consumed() const noexcept {
+        return taken_ - static_cast<long long>(unread().size());
+    }
 
 private:
     [[nodiscard]] std::string_view unread() const noexcept {
@@ -51,7 +53,6 @@ private:
     Item take(Kind kind, std::size_t text, std::size_t ending) noexcept {
         const Item item{kind, unread().substr(0, text)};
         begin_ += text + ending;
-        consumed_ += static_cast<long long>(text + ending);
         return item;
     }
     Item nextPart(); // what comes when no whole line is in hand
@@ -65,7 +66,7 @@ private:
     std::size_t capacity_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    long long consumed_ = 0;
+    long long taken_ = 0; // bytes read from the stream
     bool eof_ = false;
 };
 

@@ -349,11 +349,11 @@ struct Sender::Block {
     static constexpr std::size_t kRoom =
         kBlockSize + Shaper::kLineLimit + Shaper::kMaxGrowth + Shaper::kTerminator.size();
 
-    std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(kRoom);
-    char* end = bytes.get();
+    char* begin;
+    char* end = begin;
 
     [[nodiscard]] std::size_t size() const noexcept {
-        return static_cast<std::size_t>(end - bytes.get());
+        return static_cast<std::size_t>(end - begin);
     }
 };
 
@@ -365,8 +365,8 @@ bool Sender::writeBlock(Block& block) {
     int err = 0;
     const int length = static_cast<int>(block.size());
     const int sent =
-        WriteN(block.bytes.get(), length, milliseconds(mailscanGlobals::DATA_send_interval), err);
-    block.end = block.bytes.get();
+        WriteN(block.begin, length, milliseconds(mailscanGlobals::DATA_send_interval), err);
+    block.end = block.begin;
     return err == 0 && sent == length;
 }
 
@@ -416,7 +416,10 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
     if (!message) {
         return textUnreadable(code);
     }
-    Block block;
+    if (bodyRoom_ == nullptr) {
+        bodyRoom_ = std::make_unique_for_overwrite<char[]>(Block::kRoom);
+    }
+    Block block{bodyRoom_.get()};
     if (!sendText(message, block, code)) {
         return false;
     }

@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -115,6 +116,8 @@ private:
     bool sendText(std::istream& message, Block& block, SMTPcode* code);
     bool giveUp(SMTPcode* code, SMTPcode value) noexcept;
     bool textUnreadable(SMTPcode* code);
+
+    std::unique_ptr<char[]> bodyRoom_; // a Block's, kept for the next body
 
     // State of one conversation, cleared when the transport closes.
     bool replyLost_ = false; // a reply did not come in time
