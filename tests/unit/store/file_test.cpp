@@ -1,8 +1,10 @@
 #include "email/BoundedLineReader.h"
 #include "email/FdStream.h"
+#include "email/FileIterator.h"
 #include "email/FileReplacement.h"
 #include "store_support.h"
 
+#include <set>
 #include <unistd.h>
 
 namespace {
@@ -59,6 +61,32 @@ mode_t modeOf(const std::string& path) {
     return static_cast<mode_t>(std::filesystem::status(path).permissions());
 }
 
+TEST(FileName, TemporaryNamesAreFreshAndNullTextsEndTheRun) {
+    const std::string one = FileName(true)();
+    EXPECT_TRUE(one.starts_with("/tmp/file") && one.size() == 15 && one != FileName(true)());
+    const char* const none = nullptr;
+    EXPECT_FAILED_CHECK(FileName{none}, " 1=lib/email/FileName 8=file 15=");
+    EXPECT_FAILED_CHECK((FileName{"/s", none}), "8=file ");
+    EXPECT_FAILED_CHECK((FileName{none, "m"}), "8=directory ");
+}
+
+TEST(FileName, OpensWithoutCreatingUnlessItWrites) {
+    const Scratch dir;
+    const FileName name = dir.name("m");
+    std::array<std::fstream, 4> streams;
+    EXPECT_FALSE(name.open(streams[0], std::ios::in, 0664));
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path("")));
+    const mode_t old = ::umask(0);
+    ASSERT_TRUE(name.open(streams[1], std::ios::in | std::ios::out, 0664));
+    ::umask(old);
+    EXPECT_EQ(modeOf(name()), 0664U);
+    streams[1] << "old" << std::flush;
+    ASSERT_TRUE(name.open(streams[2], std::ios::in | std::ios::out, 0664));
+    EXPECT_EQ(dir.read("m"), "old");
+    ASSERT_TRUE(name.open(streams[3], std::ios::out, 0664));
+    EXPECT_EQ(dir.read("m"), "");
+}
+
 TEST(FileName, MovesAlsoAcrossFileSystems) {
     const Scratch dir;
     const Scratch away("/dev/shm");
@@ -85,6 +113,27 @@ TEST(FdStream, AFailedReadIsNotTheEnd) {
 bool replace(const std::string& path, std::string_view text) {
     Email::FileReplacement replacement(path, 0664);
     return replacement.open() && replacement.commit(text);
+}
+
+TEST(FileIterator, HandsOutEveryEntryWithTheDirectorysOwnStatus) {
+    const Scratch dir;
+    FileInfo info;
+    FileIterator walk(dir.path("none").c_str());
+    EXPECT_EQ(walk.Next(info), nullptr);
+    walk = FileIterator(dir.path("").c_str());
+    EXPECT_EQ(walk.Next(info), nullptr);
+    for (const char* leaf : {"a", ".b", "...", "c.rmd"}) {
+        dir.write(leaf, "");
+    }
+    EXPECT_EQ(walk.Next(info), nullptr); // closed at the end, until it is reset
+    walk.Reset();
+    std::set<std::string> seen;
+    while (const auto entry = walk.Next(info)) {
+        seen.insert((*entry)());
+        EXPECT_TRUE(info.ft == directory && info.created.Time > 0);
+        EXPECT_EQ(entry->Next(info), nullptr); // no directory
+    }
+    EXPECT_EQ(seen, (std::set{dir.path("a"), dir.path(".b"), dir.path("c.rmd")}));
 }
 
 TEST(FileReplacement, GivesANewFileItsModeAndKeepsAnOldFiles) {

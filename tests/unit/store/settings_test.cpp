@@ -100,6 +100,17 @@ DateTime parsed(const char* text) {
 
 const DateTime kLast(std::numeric_limits<std::time_t>::max());
 
+TEST(Texts, CodesAndResources) {
+    EXPECT_STREQ(smtpString(IDS_RTS452), "Requested action not taken: insufficent system storage. "
+                                         "[SMTP Error Code 452]");
+    EXPECT_STREQ(smtpString(TIMEOUTEXPIRED), "Timer expired");
+    const char* const unknown = smtpString(ACTION_OKA);
+    EXPECT_STREQ(unknown, "Unknown SMTP code 250");
+    static_cast<void>(smtpString(IDS_NO_REASON));
+    EXPECT_STREQ(unknown, "Unknown SMTP code -1"); // one buffer
+    EXPECT_STREQ(resourceString(static_cast<resourceIds>(208)), "Unknown resource string 208");
+}
+
 TEST(Time, StampIsReadAsLocalTimeAndWrittenBackAsRead) {
     // clang-format off
     const std::tuple<const char*, const char*, std::int64_t, const char*> cases[] = {
@@ -136,6 +147,16 @@ TEST(Time, SumsPass2038DifferencesAreClampedAndYearsComparedFirst) {
     EXPECT_TRUE(later("2002/02/01@14:05:10", "2002/02/01@14:05:09"));
     EXPECT_FALSE(later("2002/02/01@14:05:09", "2002/02/01@14:05:09"));
     EXPECT_FALSE(later("2002/01/31@23:59:59", "2002/02/01@00:00:00"));
+}
+
+TEST(Time, HexAndMailForms) {
+    std::array<char, DateTime::kMailTextSize> text;
+    EXPECT_STREQ(DateTime(0x1'0000'1234).TimeStamp(text.data()), "00001234");
+    EXPECT_STREQ(parsed("").TimeStamp(text.data()), "ffffffff");
+    setZone("EST5");
+    EXPECT_STREQ(DateTime(1014991509).GetForMail(text.data()),
+                 "Fri, 01 Mar 2002 09:05:09 -0500 (EST)");
+    EXPECT_STREQ(kLast.GetForMail(text.data()), "");
 }
 
 } // namespace
