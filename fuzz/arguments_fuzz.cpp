@@ -4,7 +4,6 @@
 #include "fwall/enargv.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(narrow.words.size() <= whole.words.size() &&
             std::equal(narrow.words.begin(), narrow.words.end(), whole.words.begin()));
 
-    std::string terminated(text.data(), ::strnlen(text.data(), text.size()));
+    std::string terminated(text.begin(), std::find(text.begin(), text.end(), '\0'));
     const Split counted({terminated.begin(), terminated.end()}, whole.argv.size(), text.size() + 1);
     std::vector<char*> argv(whole.argv.size());
     std::vector<char> out(text.size() + 1);
