@@ -349,7 +349,7 @@ struct Sender::Block {
     static constexpr std::size_t kRoom =
         kBlockSize + Shaper::kLineLimit + Shaper::kMaxGrowth + Shaper::kTerminator.size();
 
-    char* begin;
+    char* begin = nullptr;
     char* end = begin;
 
     [[nodiscard]] std::size_t size() const noexcept {
