@@ -105,7 +105,7 @@ bool usable(iconv_t handle, const void* text, const void* buffer, std::size_t le
 } // namespace
 
 iconv_t invalidIconv() noexcept {
-    return std::bit_cast<iconv_t>(std::intptr_t{-1});
+    return reinterpret_cast<iconv_t>(std::intptr_t{-1}); // NOLINT(performance-no-int-to-ptr): POSIX
 }
 
 bool Is7BitData(std::string_view bytes) noexcept {
