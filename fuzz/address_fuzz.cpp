@@ -1,6 +1,6 @@
 // The address normaliser and the address grammar take any text, and what they give keeps its form.
-#include "email/EmailAddr.h"
-#include "email/mailscanGlobals.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/spool/EmailAddr.h"
 #include "fuzz.h"
 
 #include <string>

@@ -1,6 +1,6 @@
 // One DNS answer, any bytes: whatever is collected is bounded, ordered and cut at this host.
-#include "email/HostList.h"
-#include "email/Resolver.h"
+#include "email/site/HostList.h"
+#include "email/site/Resolver.h"
 #include "fuzz.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // A recipient file may hold anything. Whatever is read can be written, and is then
 // read back as the same recipients in reverse order.
-#include "email/Recipients.h"
+#include "email/spool/Recipients.h"
 #include "fuzz.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // A message body, any bytes, through a whole DATA command: a receiver that ends it at the first
 // CR LF . CR LF and undoes dots and line ends gets back what was queued.
-#include "email/BodyShaper.h"
-#include "email/Sender.h"
+#include "email/smtp/BodyShaper.h"
+#include "email/smtp/Sender.h"
 #include "fuzz.h"
 #include "fwall/UniqueFd.h"
 

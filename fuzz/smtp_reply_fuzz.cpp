@@ -1,6 +1,6 @@
 // What a server sends, any bytes, in 64 segments at most, whose length the first byte gives: every
 // reply is a number of three characters or 1001, and the reading ends.
-#include "email/Sender.h"
+#include "email/smtp/Sender.h"
 #include "fuzz.h"
 #include "fwall/UniqueFd.h"
 

@@ -1,6 +1,6 @@
 // A time stamp, any text: the fields are those that scanf() finds, and what is written is read
 // back.
-#include "email/Utils.h"
+#include "email/base/Utils.h"
 #include "fuzz.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 // Bodies on their way out and replies on their way in.
-#include "email/BodyShaper.h"
-#include "email/BoundedLineReader.h"
-#include "email/ExtSocketClass.h"
-#include "email/ReplyLine.h"
-#include "email/Resolver.h"
+#include "email/file/BoundedLineReader.h"
+#include "email/site/Resolver.h"
+#include "email/smtp/BodyShaper.h"
+#include "email/smtp/ExtSocketClass.h"
+#include "email/smtp/ReplyLine.h"
 
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
 // What one recipient's outcome costs besides its delivery.
-#include "email/DeliveryLog.h"
-#include "email/deliveryEvents.h"
+#include "email/telling/DeliveryLog.h"
+#include "email/telling/deliveryEvents.h"
 #include "libevrep/EventContext.h"
 #include "libevrep/Reporter.h"
 

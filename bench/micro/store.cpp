@@ -1,9 +1,9 @@
 // The recipient file and the addresses in it.
-#include "email/DomainRelay.h"
-#include "email/EmailAddr.h"
-#include "email/FileName.h"
-#include "email/MailList.h"
-#include "email/Recipients.h"
+#include "email/file/FileName.h"
+#include "email/site/DomainRelay.h"
+#include "email/spool/EmailAddr.h"
+#include "email/spool/MailList.h"
+#include "email/spool/Recipients.h"
 
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>

@@ -1,7 +1,7 @@
 // retryer: one pass over the deferred mail queue.
-#include "email/DomainRelay.h"
-#include "email/MailReSender.h"
-#include "email/mailscanGlobals.h"
+#include "email/engine/MailReSender.h"
+#include "email/site/DomainRelay.h"
+#include "email/site/mailscanGlobals.h"
 #include "fwall/config.h"
 #include "kvorn/segv.h"
 #include "libevrep/Reporter.h"

@@ -3,8 +3,8 @@
 #include "retryq/Json.h"
 #include "retryq/SpoolCheck.h"
 
-#include "email/DomainRelay.h"
-#include "email/mailscanGlobals.h"
+#include "email/site/DomainRelay.h"
+#include "email/site/mailscanGlobals.h"
 
 #include <algorithm>
 #include <iterator>

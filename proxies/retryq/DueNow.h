@@ -1,7 +1,7 @@
 // Makes the text of a recipient file say that its message is due.
 #pragma once
 
-#include "email/Utils.h"
+#include "email/base/Utils.h"
 
 #include <string>
 #include <string_view>

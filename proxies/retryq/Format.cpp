@@ -1,6 +1,6 @@
 #include "retryq/Format.h"
 
-#include "email/resource.h"
+#include "email/base/resource.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "email/FileReplacement.h"
+#include "email/file/FileReplacement.h"
 #include "retryq/Commands.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "retryq/Queue.h"
 
-#include "email/RetrySchedule.h"
-#include "email/mailscanGlobals.h"
+#include "email/engine/RetrySchedule.h"
+#include "email/site/mailscanGlobals.h"
 #include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 #include "retryq/Format.h"

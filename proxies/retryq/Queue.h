@@ -2,7 +2,7 @@
 // that a walker finishes meanwhile are simply not there any more.
 #pragma once
 
-#include "email/Recipients.h"
+#include "email/spool/Recipients.h"
 
 #include <cstdint>
 #include <ctime>

@@ -1,9 +1,9 @@
 #include "retryq/Route.h"
 
-#include "email/DomainRelay.h"
-#include "email/EmailAddr.h"
-#include "email/Exchangers.h"
-#include "email/mailscanGlobals.h"
+#include "email/site/DomainRelay.h"
+#include "email/site/Exchangers.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/spool/EmailAddr.h"
 #include "fwall/hexesc.h"
 
 #include <algorithm>

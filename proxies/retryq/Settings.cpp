@@ -1,7 +1,7 @@
 #include "retryq/Settings.h"
 
-#include "email/Decimal.h"
-#include "email/mailscanGlobals.h"
+#include "email/base/Decimal.h"
+#include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
 
 #include <strings.h>

@@ -1,5 +1,5 @@
-#include "email/BoundedLineReader.h"
-#include "email/FdStream.h"
+#include "email/file/BoundedLineReader.h"
+#include "email/file/FdStream.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"

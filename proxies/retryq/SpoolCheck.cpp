@@ -1,10 +1,10 @@
 #include "retryq/SpoolCheck.h"
 
-#include "email/BoundedLineReader.h"
-#include "email/FdStream.h"
-#include "email/FileReplacement.h"
-#include "email/Recipients.h"
-#include "email/Utils.h"
+#include "email/base/Utils.h"
+#include "email/file/BoundedLineReader.h"
+#include "email/file/FdStream.h"
+#include "email/file/FileReplacement.h"
+#include "email/spool/Recipients.h"
 #include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 

@@ -1,7 +1,7 @@
 // retryq: the keeper's view of the deferred queue.
 #include "retryq/CommandLine.h"
 
-#include "email/mailscanGlobals.h"
+#include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
 
 #include <ctime>

@@ -1,7 +1,7 @@
 #include "engine_support.h"
 
 #include "../syslog_support.h"
-#include "email/DomainRelay.h"
+#include "email/site/DomainRelay.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // What the engine's tests share: a system log and a reporter of their own, and a scratch spool.
 #pragma once
 
-#include "email/ListSender.h"
-#include "email/mailscanGlobals.h"
+#include "email/engine/ListSender.h"
+#include "email/site/mailscanGlobals.h"
 #include "libevrep/Reporter.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
 // What becomes of a message and its files. No server can be reached here: a well-formed address
 // fails for now (1001), one without "@" for good (1003).
-#include "email/Alarm.h"
-#include "email/DeliveryJournal.h"
-#include "email/MailReSender.h"
-#include "email/MessageLock.h"
-#include "email/RetrySchedule.h"
-#include "email/ReturnMail.h"
+#include "email/base/Alarm.h"
+#include "email/engine/MailReSender.h"
+#include "email/engine/RetrySchedule.h"
+#include "email/engine/ReturnMail.h"
+#include "email/spool/DeliveryJournal.h"
+#include "email/spool/MessageLock.h"
 #include "engine_support.h"
 
 #include <csignal>

@@ -1,6 +1,6 @@
 // What is told: lines in the system log, event records, stack traces.
-#include "email/DeliveryLog.h"
-#include "email/deliveryEvents.h"
+#include "email/telling/DeliveryLog.h"
+#include "email/telling/deliveryEvents.h"
 #include "engine_support.h"
 #include "kvorn/segv.h"
 

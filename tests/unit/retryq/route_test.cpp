@@ -1,5 +1,5 @@
 // Where mail would go, with literals and without any name service.
-#include "email/HostList.h"
+#include "email/site/HostList.h"
 #include "retryq/Route.h"
 #include "scratch.h"
 

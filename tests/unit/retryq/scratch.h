@@ -1,7 +1,7 @@
 // An install location with a rule table and a spool, gone with the object.
 #pragma once
 
-#include "email/Utils.h"
+#include "email/base/Utils.h"
 #include "fwall/config.h"
 
 #include <array>

@@ -1,5 +1,5 @@
 // The rule table through the keeper's eyes.
-#include "email/mailscanGlobals.h"
+#include "email/site/mailscanGlobals.h"
 #include "retryq/Settings.h"
 #include "scratch.h"
 

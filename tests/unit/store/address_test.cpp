@@ -1,5 +1,5 @@
-#include "email/DomainRelay.h"
-#include "email/mailscanGlobals.h"
+#include "email/site/DomainRelay.h"
+#include "email/site/mailscanGlobals.h"
 #include "store_support.h"
 
 namespace {

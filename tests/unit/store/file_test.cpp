@@ -1,7 +1,7 @@
-#include "email/BoundedLineReader.h"
-#include "email/FdStream.h"
-#include "email/FileIterator.h"
-#include "email/FileReplacement.h"
+#include "email/file/BoundedLineReader.h"
+#include "email/file/FdStream.h"
+#include "email/file/FileIterator.h"
+#include "email/file/FileReplacement.h"
 #include "store_support.h"
 
 #include <set>

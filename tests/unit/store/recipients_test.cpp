@@ -1,4 +1,4 @@
-#include "email/Recipients.h"
+#include "email/spool/Recipients.h"
 #include "store_support.h"
 
 #include <limits>

@@ -1,7 +1,7 @@
-#include "email/Assert.h"
-#include "email/Utils.h"
-#include "email/mailscanGlobals.h"
-#include "email/resource.h"
+#include "email/base/Assert.h"
+#include "email/base/Utils.h"
+#include "email/base/resource.h"
+#include "email/site/mailscanGlobals.h"
 #include "libevrep/Reporter.h"
 #include "store_support.h"
 

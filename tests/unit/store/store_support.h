@@ -1,8 +1,8 @@
 // What the tests of the store share.
 #pragma once
 
-#include "email/FileName.h"
-#include "email/MailList.h"
+#include "email/file/FileName.h"
+#include "email/spool/MailList.h"
 #include "fwall/config.h"
 
 #include <gtest/gtest.h>

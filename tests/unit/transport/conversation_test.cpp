@@ -1,9 +1,9 @@
-#include "email/Sender.h"
+#include "email/smtp/Sender.h"
 
 #include "peer.h"
 
-#include "email/Alarm.h"
-#include "email/mailscanGlobals.h"
+#include "email/base/Alarm.h"
+#include "email/site/mailscanGlobals.h"
 #include "libevrep/Reporter.h"
 
 #include <gtest/gtest.h>

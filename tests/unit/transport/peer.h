@@ -1,7 +1,7 @@
 // The other end of a conversation, in the test's own process.
 #pragma once
 
-#include "email/HostList.h"
+#include "email/site/HostList.h"
 #include "fwall/UniqueFd.h"
 
 #include <arpa/inet.h>

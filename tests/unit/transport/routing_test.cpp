@@ -1,6 +1,6 @@
-#include "email/DomainRelay.h"
-#include "email/Exchangers.h"
-#include "email/MXlookup.h"
+#include "email/site/DomainRelay.h"
+#include "email/site/Exchangers.h"
+#include "email/site/MXlookup.h"
 #include "peer.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,0 @@
-#include "email/Semaphore.h"
-
-bool Semaphore::shuttingDown() noexcept {
-    return false;
-}

@@ -1,0 +1,23 @@
+#include "email/base/Assert.h"
+
+#include "libevrep/EventContext.h"
+#include "libevrep/Reporter.h"
+
+#include <cstdlib>
+
+namespace {
+
+constexpr std::uint32_t kAudience = 2;
+constexpr std::uint32_t kSeverity = 32;
+
+} // namespace
+
+void assert_failure(const char* condition, const char* file, std::uint32_t line) {
+    GW_EVENT event = Reporter::createEvent(MANAGEMENT_CONTEXT, kSeverity, kAudience,
+                                           EVENT_SYS_ERROR, Reason_Unknown, nullptr, nullptr);
+    event.m_PropertyBag.Set(EPROP_ATTRIBUTE, condition);
+    event.m_PropertyBag.Set(EPROP_FILENAME, file);
+    event.m_PropertyBag.Set(EPROP_LINE_NUMBER, line);
+    Reporter::reportEvent(event);
+    std::exit(EXIT_FAILURE);
+}

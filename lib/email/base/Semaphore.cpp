@@ -1,0 +1,5 @@
+#include "email/base/Semaphore.h"
+
+bool Semaphore::shuttingDown() noexcept {
+    return false;
+}

@@ -1,0 +1,99 @@
+// One delivery pass of ListSender over its recipients.
+#include "email/base/Semaphore.h"
+#include "email/engine/ListSender.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/telling/DeliveryLog.h"
+
+#include <array>
+#include <utility>
+
+using Email::LogLine;
+
+bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
+    // Once per pass: a step that fails without a code of its own leaves the one before it.
+    SMTPcode code = COMMS_FAILED;
+    while (!recipients_.IsEmpty() && (deferred || failed.IsEmpty()) && !Semaphore::shuttingDown()) {
+        converse(failed, text, code);
+    }
+    failed.Add(recipients_, true, IDS_NO_REASON);
+    CloseTransport();
+    return failed.IsEmpty();
+}
+
+void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) {
+    writeJournal();
+    std::unique_ptr<EmailAddr> first = recipients_.Remove();
+    const char* name = first->text();
+    traceLine(LogLine::TraceSendingTo, name);
+    current_ = first.get();
+    const bool open = OpenTransport(code, first.get());
+    current_ = nullptr;
+    if (!open) {
+        traceLine(LogLine::TraceNoTransport, name);
+        failed.Add(std::move(first), code);
+        return;
+    }
+    traceLine(LogLine::TraceProtocol, name);
+    if (SendHELO(&code) && SendMAIL(recipients_.GetSender(), &code) && SendRCPT(name, &code)) {
+        deliver(std::move(first), failed, text, code);
+    } else {
+        traceLine(LogLine::TraceNoProtocol, name);
+        refuse(std::move(first), failed, code);
+    }
+    SendQUIT(nullptr);
+    CloseTransport();
+}
+
+void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
+                         SMTPcode& code) {
+    const char* name = first->text();
+    MailList accepted;
+    accepted.Add(std::move(first), IDS_NO_REASON);
+    gather(accepted, failed, code);
+    traceLine(LogLine::TraceSendingData, name);
+    if (!SendDATA(text, messageName ? messageName->c_str() : nullptr, &code)) {
+        traceLine(LogLine::TraceNoData, name);
+        refuseAll(accepted, failed, code);
+        return;
+    }
+    noteDone(accepted);
+    if (mailscanGlobals::mailLogEnable) {
+        reportDelivered(accepted, code);
+    }
+    traceLine(LogLine::TraceEnd, nullptr);
+}
+
+void ListSender::gather(MailList& accepted, MailList& failed, SMTPcode& code) {
+    MailList::Gathering gathering(recipients_, serverAddress);
+    while (auto rcpt = gathering.next()) {
+        if (SendRCPT(rcpt->text(), &code)) {
+            accepted.Add(std::move(rcpt), IDS_NO_REASON);
+        } else {
+            refuse(std::move(rcpt), failed, code);
+        }
+    }
+}
+
+void ListSender::refuse(std::unique_ptr<EmailAddr> rcpt, MailList& failed, SMTPcode code) {
+    refusedBy_[rcpt.get()] = serverAddress;
+    failed.Add(std::move(rcpt), code);
+}
+
+void ListSender::refuseAll(MailList& accepted, MailList& failed, SMTPcode code) {
+    for (const EmailAddr* rcpt = accepted.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
+        refusedBy_[rcpt] = serverAddress;
+    }
+    failed.Add(accepted, true, code);
+}
+
+// The event names the recipients of a whole conversation in one bounded text, which has no room for
+// many: so each recipient gets a line here, and the event writes none.
+void ListSender::reportDelivered(const MailList& accepted, SMTPcode code) {
+    const LogLine line = returnMessage ? LogLine::ReturnDelivered : LogLine::Delivered;
+    for (const EmailAddr* rcpt = accepted.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
+        logRecipient(line, *rcpt, code, serverAddress);
+    }
+    std::array<char, EmailAddr::kTextSize> names{};
+    accepted.AllNames(names.data());
+    logEvent(returnMessage ? EV_RETURN_DELIVERED : EV_DELIVERED, names.data(), 0);
+}

@@ -1,0 +1,137 @@
+// The delivery engine: decides whether a message is due, runs one pass over its recipients, returns
+// what failed for good and keeps the rest in the deferred queue.
+//
+// Every step is told through logEvent(): it writes the step's system-log line (DeliveryLog.h) and
+// hands an event record (deliveryEvents.h) to the reporter. What becomes of the files of a message,
+// and what a crash leaves of them, stands in docs/spool.md.
+#pragma once
+
+#include "email/smtp/Sender.h"
+#include "email/spool/DeliveryJournal.h"
+#include "email/spool/MailList.h"
+#include "email/spool/Recipients.h"
+
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+
+class FileName;
+
+namespace Email {
+enum class LogLine;
+} // namespace Email
+
+// What became of a message.
+enum SendResult : int {
+    SEND_FINISHED = 0, // every recipient was delivered or returned: delete the files
+    SEND_DEFERRED = 1, // the deferred queue holds the message: keep the files
+    SEND_ERROR = 2,    // the deferred copy could not be written: delete the files
+};
+
+class ListSender : public Sender {
+public:
+    // Construction and destruction clear the process's alarm.
+    ListSender();
+    ~ListSender() override;
+
+    // Writes the event's line, if its gate is open, and reports its record, if its kind is wanted.
+    // The reason of a file trouble is taken from errno; `text` may be null. EV_NONE does nothing.
+    void logEvent(eventId event, const char* text, int value) override;
+
+    // Forgets the message: size, server, name and trace. The recipients stay.
+    void clear() noexcept;
+
+    // Delivers a message of a queue directory (the deferred one, or the outgoing one) and deletes
+    // its files unless it is kept. A message whose text cannot be opened, or whose recipient file
+    // cannot be read, is deleted too. True when it was finished or kept.
+    bool Send(const FileName& entry, bool deferred, int traceLevel);
+
+    // The engine's core: one attempt on a text whose recipients are in this engine. `onDisc` tells
+    // whether the text lies in a queue directory under `name` or only in memory.
+    SendResult Send(std::istream& text, bool deferred, const char* name, bool onDisc);
+
+    // A text in memory; true unless its deferred copy could not be written.
+    bool Send(std::istream& text, const char* name);
+
+    // A text in memory to one recipient, under a new "rjct" name. True when it was not finished.
+    bool Send(const char* sender, const char* recipient, std::istream& text);
+
+    // One delivery pass. Recipients that were not delivered end in `failed` with their codes; true
+    // when there are none. Deferred mail tries every recipient; other mail stops after the first
+    // connection that left one failed, and the untried ones keep their codes.
+    bool SendOnce(MailList& failed, std::istream& text, bool deferred);
+
+    // Returns the failed recipients to the sender in one return mail, which is sent at once or
+    // queued; the list is empty afterwards. A null sender gets nothing. A text in the bad state
+    // ends the run.
+    void Bounce(MailList& failed, std::istream& text);
+
+    // Writes the return mail and empties the list; true. A bad stream ends the run.
+    bool BuildReturnMail(MailList& failed, std::ostream& out, std::istream& text);
+
+    // True when the message has been deferred for longer than "smtp-max-deferral".
+    [[nodiscard]] bool CheckTime() const;
+    // True when the last attempt was made within "smtp-min-deferral".
+    [[nodiscard]] bool tooSoon() const;
+
+    // Stores both deadlines and arms the alarm from the second; zero means none. A second deadline
+    // that has passed raises the alarm flag at once.
+    void setDeadLines(const DateTime& first, const DateTime& second);
+
+    Recipients& recipients() noexcept { return recipients_; }
+
+protected:
+    int trace = 0;
+    bool returnMessage = false; // this engine sends a return mail
+    Recipients recipients_;
+
+private:
+    // The message of a queue directory, up to what becomes of its files.
+    SendResult sendQueued(const FileName& entry, const FileName& textFile, const FileName& rcptFile,
+                          bool deferred);
+    void deleteFiles(const FileName& textFile, const FileName& rcptFile);
+    SendResult sendNew(const char* sender, const char* recipient, std::istream& text);
+    // Leaves out whom an earlier run was done with; true when nobody else is left.
+    bool allDoneBefore();
+    void noteDone(const MailList& done);
+    void writeJournal();
+    void removeJournal() noexcept;
+    [[nodiscard]] bool mayGoOut(bool deferred) const noexcept;
+
+    // One conversation of a pass.
+    void converse(MailList& failed, std::istream& text, SMTPcode& code);
+    void deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
+                 SMTPcode& code);
+    void gather(MailList& accepted, MailList& failed, SMTPcode& code);
+    void refuse(std::unique_ptr<EmailAddr> rcpt, MailList& failed, SMTPcode code);
+    void refuseAll(MailList& accepted, MailList& failed, SMTPcode code);
+    void reportDelivered(const MailList& accepted, SMTPcode code);
+
+    // Returns what failed for good and puts the rest into the deferred queue.
+    SendResult settle(MailList& failed, std::istream& text, bool deferred, const char* name,
+                      bool onDisc);
+    SendResult rewriteDeferred(const FileName& leaf);
+    SendResult moveOutgoing(const FileName& leaf);
+    SendResult storeNew(std::istream& text, const FileName& leaf);
+    SendResult writeNewRecipients(const FileName& copy);
+    void reportDeferred();
+    void dropFailed(MailList& failed);
+
+    // Log lines.
+    void traceLine(Email::LogLine line, const char* text) const;
+    void logStep(eventId event, const char* text, int value, int error) const;
+    void logRecipient(Email::LogLine line, const EmailAddr& rcpt, int code, IPaddress relay) const;
+    void logEach(Email::LogLine line, const MailList& list) const;
+    [[nodiscard]] IPaddress refuserOf(const EmailAddr* rcpt) const;
+
+    std::optional<Email::DeliveryJournal> journal_; // of a message of the deferred queue
+    const EmailAddr* current_ = nullptr;            // the recipient that a step is about
+    // The server that gave a failed recipient its code in this attempt; without one, none had been
+    // reached. A log line must never show the server of another conversation.
+    std::unordered_map<const EmailAddr*, IPaddress> refusedBy_;
+};
+
+// Sets the alarm flag, then arms SIGALRM in `seconds`, or disarms it when that is 0. One alarm per
+// process: the latest call wins. Async-signal-safe.
+void SetAlarm(bool expired, int seconds) noexcept;

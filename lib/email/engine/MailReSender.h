@@ -1,0 +1,30 @@
+// The queue walker: offers every entry of the deferred spool once, under its lock, to the engine.
+//
+// A message is whatever has a recipient file: no entry is judged by its name, and nothing is sorted
+// or counted beforehand. Nothing that happens to one entry stops the walk.
+#pragma once
+
+#include "email/engine/ListSender.h"
+#include "email/file/FileName.h"
+
+class MailReSender : public ListSender {
+public:
+    MailReSender() = default;
+
+    // Walks the deferred spool once, in the order in which the system lists it. Entries that appear
+    // meanwhile may be seen or not. Non-zero switches the per-file trace lines on.
+    void RetryAll(int traceLevel);
+
+    // Locks and delivers one entry. Left alone without a word: an entry without recipient file, one
+    // that another process holds, and one whose path has 200 characters or more.
+    void tryFile(FileName* entry);
+
+    // Delivers one locked entry; true when it was finished or kept.
+    bool Send(const FileName& entry);
+
+private:
+    void traceFile(Email::LogLine line, const std::string& file) const;
+    void deliverLocked(const FileName& entry, const std::string& lockFile);
+
+    int walkTrace_ = 0; // the engine forgets its own switch with every message
+};

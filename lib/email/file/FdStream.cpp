@@ -1,0 +1,136 @@
+#include "email/file/FdStream.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <utility>
+
+namespace Email {
+namespace {
+
+constexpr int kRetries = 3;
+constexpr std::chrono::milliseconds kRetryPause{100};
+
+bool transient(int error) noexcept {
+    return error == EINTR || error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+// Not blocking, so that a FIFO planted in the spool cannot stop the run.
+int openPatiently(const char* path) noexcept {
+    for (int retry = 0;; ++retry) {
+        const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (fd >= 0 || retry == kRetries || !transient(errno)) {
+            return fd;
+        }
+        std::this_thread::sleep_for(kRetryPause);
+    }
+}
+
+} // namespace
+
+OpenedText openText(const char* path) noexcept {
+    UniqueFd fd(openPatiently(path));
+    struct stat status {};
+    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
+        return {UniqueFd(), -1, errno};
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        return {UniqueFd(), -1, ENXIO};
+    }
+    return {std::move(fd), status.st_size, 0};
+}
+
+FdStreambuf::FdStreambuf(UniqueFd fd, off_t size) noexcept : fd_(std::move(fd)), size_(size) {}
+
+std::streamsize FdStreambuf::readAt(char* out, std::streamsize n) noexcept {
+    ssize_t got = 0;
+    do {
+        got = ::pread(fd_.get(), out, static_cast<std::size_t>(n), offset_);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
+        error_ = errno;
+        if (owner_ != nullptr) {
+            owner_->setstate(std::ios_base::badbit);
+        }
+        return 0;
+    }
+    offset_ += got;
+    return got;
+}
+
+FdStreambuf::int_type FdStreambuf::underflow() {
+    const std::streamsize got = readAt(block_.data(), std::ssize(block_));
+    setg(block_.data(), block_.data(), block_.data() + got);
+    return got > 0 ? traits_type::to_int_type(block_.front()) : traits_type::eof();
+}
+
+std::streamsize FdStreambuf::xsgetn(char* out, std::streamsize n) {
+    if (n < std::ssize(block_)) {
+        return std::streambuf::xsgetn(out, n);
+    }
+    std::streamsize done = egptr() - gptr();
+    if (done > 0) {
+        std::memcpy(out, gptr(), static_cast<std::size_t>(done));
+        setg(nullptr, nullptr, nullptr);
+    }
+    while (done < n && (done == 0 || offset_ != size_)) {
+        const std::streamsize got = readAt(out + done, n - done);
+        if (got == 0) {
+            break;
+        }
+        done += got;
+    }
+    return done;
+}
+
+FdStreambuf::off_type FdStreambuf::endOffset() noexcept {
+    struct stat status {};
+    if (size_ < 0 && ::fstat(fd_.get(), &status) == 0) {
+        size_ = status.st_size;
+    }
+    return size_;
+}
+
+FdStreambuf::pos_type FdStreambuf::seekoff(off_type off, std::ios_base::seekdir dir,
+                                           std::ios_base::openmode which) {
+    off_type from = 0;
+    if (dir == std::ios_base::cur) {
+        from = offset_ - (egptr() - gptr());
+    } else if (dir == std::ios_base::end) {
+        from = endOffset();
+    }
+    if (from < 0 || !fd_.valid()) {
+        return pos_type(off_type(-1));
+    }
+    return seekpos(pos_type(from + off), which);
+}
+
+FdStreambuf::pos_type FdStreambuf::seekpos(pos_type pos, std::ios_base::openmode) {
+    const off_type target = pos;
+    if (target < 0) {
+        return pos_type(off_type(-1));
+    }
+    const off_type buffered = egptr() - eback();
+    if (target >= offset_ - buffered && target <= offset_) {
+        setg(eback(), egptr() - (offset_ - target), egptr());
+    } else {
+        setg(nullptr, nullptr, nullptr);
+        offset_ = target;
+    }
+    return pos;
+}
+
+FdStream::FdStream(OpenedText text)
+    : std::istream(nullptr), buf_(std::move(text.fd), text.size), error_(text.error) {
+    rdbuf(&buf_);
+    buf_.setOwner(*this);
+    if (!is_open()) {
+        setstate(std::ios_base::badbit);
+    }
+}
+
+} // namespace Email

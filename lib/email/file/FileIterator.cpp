@@ -1,0 +1,81 @@
+#include "email/file/FileIterator.h"
+
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+// By bits, not by value, and of the directory that is walked, not of the entry.
+filetype typeOf(mode_t mode) noexcept {
+    if ((mode & S_IFDIR) != 0) {
+        return directory;
+    }
+    if ((mode & S_IFCHR) != 0) {
+        return textfile;
+    }
+    return (mode & S_IFREG) != 0 ? binaryfile : unknownfile;
+}
+
+} // namespace
+
+FileIterator::FileIterator() : FileName(false) {}
+
+FileIterator::FileIterator(bool temporary) : FileName(temporary) {}
+
+FileIterator::FileIterator(const char* path) : FileName(path) {}
+
+FileIterator::FileIterator(const char* parent, const char* file) : FileName(parent, file) {}
+
+FileIterator::FileIterator(const FileName& parent, const FileName& leaf, const char* suffix)
+    : FileName(parent, leaf, suffix) {}
+
+FileIterator::FileIterator(const FileName& name, const char* suffix) : FileName(name, suffix) {}
+
+FileIterator& FileIterator::operator=(const FileIterator& other) {
+    FileName::operator=(other);
+    Reset();
+    return *this;
+}
+
+bool FileIterator::filter(const char* name, filetype) const {
+    return name[std::strspn(name, ".")] != '\0';
+}
+
+DIR* FileIterator::stream() noexcept {
+    if (unopened_) {
+        unopened_ = false;
+        currentDir.reset(::opendir(pathname.c_str()));
+    }
+    return currentDir.get();
+}
+
+std::unique_ptr<FileIterator> FileIterator::Next(FileInfo& info) {
+    DIR* const dir = stream();
+    if (dir == nullptr) {
+        return nullptr;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        struct stat status {};
+        const bool known = ::fstat(::dirfd(dir), &status) == 0;
+        const filetype type = known ? typeOf(status.st_mode) : unknownfile;
+        if (!filter(entry->d_name, type)) {
+            continue;
+        }
+        info.created = DateTime(status.st_ctime);
+        info.accessed = DateTime(status.st_atime);
+        info.ft = type;
+        return std::make_unique<FileIterator>(pathname.c_str(), entry->d_name);
+    }
+    close();
+    return nullptr;
+}
+
+void FileIterator::Reset() noexcept {
+    currentDir.reset();
+    unopened_ = true;
+}
+
+void FileIterator::close() noexcept {
+    currentDir.reset();
+    unopened_ = false;
+}

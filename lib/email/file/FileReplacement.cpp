@@ -1,0 +1,133 @@
+#include "email/file/FileReplacement.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace Email {
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+
+// A file that this program could not have opened for writing is not replaced either.
+bool writable(const char* path) noexcept {
+    return UniqueFd(::open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK)).valid();
+}
+
+// A left-over of a run that was killed is in the way of a new temporary file.
+int createFresh(const char* path, mode_t mode) noexcept {
+    const int fd = ::open(path, kNew, mode);
+    if (fd >= 0 || errno != EEXIST || ::unlink(path) != 0) {
+        return fd;
+    }
+    return ::open(path, kNew, mode);
+}
+
+// As far as the system allows it: another program of the gateway may share the spool by its group.
+void copyOwnerAndMode(int fd, const struct stat& model) noexcept {
+    struct stat now {};
+    if (::fstat(fd, &now) != 0) {
+        return;
+    }
+    const bool sameOwner = now.st_uid == model.st_uid && now.st_gid == model.st_gid;
+    const bool chowned = !sameOwner && ::fchown(fd, model.st_uid, model.st_gid) == 0;
+    const mode_t mode = model.st_mode & kPermissions;
+    if (chowned || (now.st_mode & kPermissions) != mode) {
+        static_cast<void>(::fchmod(fd, mode));
+    }
+}
+
+int openInPlace(const char* path, mode_t mode) noexcept {
+    return ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, mode);
+}
+
+bool takesNoNewNames(int error) noexcept {
+    return error == EACCES || error == EPERM || error == EROFS;
+}
+
+// A device has nothing that could be synced or cut, which is no failure.
+bool truncateToNothing(int fd) noexcept {
+    return ::ftruncate(fd, 0) == 0 || errno == EINVAL;
+}
+
+bool sync(int fd) noexcept {
+    return ::fsync(fd) == 0 || errno == EINVAL || errno == EROFS;
+}
+
+} // namespace
+
+FileReplacement::FileReplacement(std::string path, mode_t mode) : target_(std::move(path)) {
+    struct stat old {};
+    const bool exists = ::lstat(target_.c_str(), &old) == 0;
+    if (!exists && errno != ENOENT) {
+        return;
+    }
+    if (exists && !S_ISREG(old.st_mode)) {
+        fd_.reset(openInPlace(target_.c_str(), mode));
+        return;
+    }
+    if (exists && !writable(target_.c_str())) {
+        return;
+    }
+    temporary_ = target_ + '~';
+    fd_.reset(createFresh(temporary_.c_str(), exists ? old.st_mode & kPermissions : mode));
+    if (!fd_.valid() && takesNoNewNames(errno)) {
+        temporary_.clear();
+        fd_.reset(openInPlace(target_.c_str(), mode));
+    } else if (fd_.valid() && exists) {
+        copyOwnerAndMode(fd_.get(), old);
+    }
+}
+
+FileReplacement::~FileReplacement() {
+    if (fd_.valid()) {
+        discard();
+    }
+}
+
+void FileReplacement::discard() noexcept {
+    const int error = errno;
+    fd_.reset();
+    if (!temporary_.empty()) {
+        ::unlink(temporary_.c_str());
+    }
+    errno = error;
+}
+
+bool FileReplacement::commit(std::string_view bytes) noexcept {
+    const bool inPlace = temporary_.empty();
+    const bool written = (!inPlace || truncateToNothing(fd_.get())) && writeAll(fd_.get(), bytes) &&
+                         sync(fd_.get()) && fd_.close();
+    if (!written || (!inPlace && ::rename(temporary_.c_str(), target_.c_str()) != 0)) {
+        discard();
+        return false;
+    }
+    return true;
+}
+
+bool writeAll(int fd, std::string_view bytes) noexcept {
+    while (!bytes.empty()) {
+        const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            errno = n == 0 ? EIO : errno;
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+bool syncDirectory(const std::string& path) {
+    const std::size_t end = path.rfind('/');
+    const std::string directory = end == std::string::npos ? "." : path.substr(0, end + 1);
+    const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.valid() && sync(fd.get());
+}
+
+} // namespace Email

@@ -1,0 +1,138 @@
+#include "email/site/DomainRelay.h"
+
+#include "email/base/Assert.h"
+#include "email/site/mailscanGlobals.h"
+#include "fwall/config.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <new>
+#include <string_view>
+
+namespace {
+
+constexpr const char* kUnit = "lib/email/DomainRelay";
+
+std::string copyOfPattern(const char* pattern) {
+    try {
+        return pattern;
+    } catch (const std::bad_alloc&) {
+        assert_failure("name", kUnit, 77);
+    }
+}
+
+DRinfo::MatchType typeOf(std::string_view pattern) noexcept {
+    if (pattern == "*") {
+        return DRinfo::ALL;
+    }
+    return pattern.starts_with("*.") ? DRinfo::SUFFIX : DRinfo::EXACT;
+}
+
+std::string_view withoutTrailingDot(std::string_view name) noexcept {
+    if (name.ends_with('.')) {
+        name.remove_suffix(1);
+    }
+    return name;
+}
+
+bool sameIgnoringCase(std::string_view a, std::string_view b) noexcept {
+    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// `below` is the pattern without its asterisk, so that it begins with a dot; "*.x" stands for x as
+// well as for what ends in ".x".
+bool matchesSuffix(std::string_view domain, std::string_view below) noexcept {
+    const std::string_view suffix = withoutTrailingDot(below);
+    if (suffix.empty() || domain.empty()) {
+        return suffix.empty();
+    }
+    const std::string_view name = withoutTrailingDot(domain);
+    const std::string_view base = suffix.substr(1);
+    if (name.size() <= base.size()) {
+        return sameIgnoringCase(name, base);
+    }
+    return sameIgnoringCase(name.substr(name.size() - suffix.size()), suffix);
+}
+
+// The last character of a name without a trailing dot is not compared: mail.example.org stands for
+// mail.example.orx too. Tables in use rely on what this has matched ever since.
+int comparedLength(std::string_view name) noexcept {
+    return static_cast<int>(name.size()) - (name.ends_with('.') ? 0 : 1);
+}
+
+bool matchesExactly(std::string_view domain, std::string_view pattern) noexcept {
+    const int length = comparedLength(domain);
+    const auto compared = static_cast<std::size_t>(std::max(0, length));
+    return length == comparedLength(pattern) &&
+           sameIgnoringCase(domain.substr(0, compared), pattern.substr(0, compared));
+}
+
+} // namespace
+
+// In this order and before main(): their construction finds this host's name.
+DomainRelay DomainRelay::stdRelays;
+DomainRelay DomainRelay::fallbackRelays;
+
+DRinfo::DRinfo(const char* pattern) : type_(typeOf(pattern)), name_(copyOfPattern(pattern)) {}
+
+bool DRinfo::matches(const char* domain) const noexcept {
+    switch (type_) {
+    case ALL:
+        return true;
+    case SUFFIX:
+        return matchesSuffix(domain, std::string_view(name_).substr(1));
+    default:
+        return matchesExactly(domain, name_);
+    }
+}
+
+void DomainRelay::initialise(cfgrec* cfg) {
+    relaysParam(stdRelays, "domain-relay", cfg);
+    relaysParam(fallbackRelays, "fallback-relay", cfg);
+}
+
+void DomainRelay::relaysParam(DomainRelay& relays, const char* key, cfgrec* cfg) {
+    relays.Clear();
+    if (cfg == nullptr) {
+        return; // asked without a list, cfg_get() would go on where some other search ended
+    }
+    if (cfgrec* line = cfg_get(key, cfg); line != nullptr) {
+        relaysParamR(relays, key, line);
+    }
+}
+
+void DomainRelay::relaysParamR(DomainRelay& relays, const char* key, cfgrec* line) {
+    std::vector<cfgrec*> lines;
+    for (; line != nullptr; line = cfg_next(key, line)) {
+        lines.push_back(line);
+    }
+    for (auto cf = lines.rbegin(); cf != lines.rend(); ++cf) {
+        if ((*cf)->argc <= 1) {
+            assert_failure("cf->argc > 1", kUnit, 213);
+        }
+        relays.AddDomain((*cf)->argv[0], (*cf)->argv + 1, (*cf)->argc - 1);
+    }
+}
+
+void DomainRelay::AddDomain(const char* pattern, char** hosts, int n) {
+    const int limit = std::min<int>(mailscanGlobals::max_addr_to_try, IPaddressList::kCapacity);
+    DRinfo entry(pattern);
+    for (int i = 0; i < n && entry.count() < limit; ++i) {
+        hostLookup(hosts[i], entry, limit, true);
+    }
+    if (entry.count() > 0) {
+        table_.push_back(std::move(entry));
+    }
+}
+
+void DomainRelay::Clear() noexcept {
+    table_.clear();
+}
+
+int DomainRelay::getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) {
+    event = EV_NONE;
+    const auto head = std::find_if(table_.rbegin(), table_.rend(),
+                                   [&](const DRinfo& entry) { return entry.matches(domain); });
+    return head == table_.rend() ? 0 : out.Add(*head, max);
+}

@@ -1,0 +1,59 @@
+// The administrator's relay tables: for a pattern of destination domains, the servers that mail
+// for them must go through. Relay names are resolved once, when the table is read; delivery only
+// copies addresses. The tables are filled before the walk begins and only read afterwards.
+#pragma once
+
+#include "email/site/HostList.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct cfgrec;
+
+// One table entry: a pattern and its relay addresses.
+class DRinfo final : public IPaddressList {
+public:
+    enum MatchType : std::int32_t { EXACT = 0, SUFFIX = 1, ALL = 2 };
+
+    // "*" matches all, "*.x" matches x and everything below it, anything else matches itself.
+    explicit DRinfo(const char* pattern);
+
+    // Case is ignored. A suffix pattern and the domain may each end in a dot; an exact pattern that
+    // ends in a dot matches only a domain that does so too, and the reverse.
+    [[nodiscard]] bool matches(const char* domain) const noexcept;
+
+private:
+    MatchType type_;
+    std::string name_;
+};
+
+class DomainRelay : public HostList {
+public:
+    // Fills both tables from the rule table's "domain-relay" and "fallback-relay" lines.
+    static void initialise(cfgrec* cfg);
+
+    // Clears `relays` and reads the key's lines into it. A null list leaves it empty.
+    static void relaysParam(DomainRelay& relays, const char* key, cfgrec* cfg);
+
+    // Puts an entry for each of the key's lines from `line` on in front of the table, in the order
+    // of the lines. A line of fewer than two words ends the run ("cf->argc > 1").
+    static void relaysParamR(DomainRelay& relays, const char* key, cfgrec* line);
+
+    // Resolves the relay hosts and puts the entry at the head of the table; a line whose hosts do
+    // not resolve, or are all local, has no effect.
+    void AddDomain(const char* pattern, char** hosts, int n);
+    void Clear() noexcept;
+    [[nodiscard]] bool empty() const noexcept { return table_.empty(); }
+
+    // Appends the addresses of the first line that matches and returns the count of `out`; later
+    // lines are not asked, even if it added nothing. 0 when none matches. The event is always
+    // EV_NONE.
+    int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
+
+    static DomainRelay stdRelays;      // asked before DNS
+    static DomainRelay fallbackRelays; // asked when neither relay nor MX could be used
+
+private:
+    std::vector<DRinfo> table_; // last entry first: the head of the table is at the back
+};

@@ -1,0 +1,154 @@
+#include "email/site/MXlookup.h"
+
+#include "email/base/Semaphore.h"
+#include "email/site/Exchangers.h"
+
+#include <arpa/nameser.h>
+
+#include <array>
+#include <chrono>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Answer {
+    std::vector<IPaddress> addresses;
+    int max;
+    int result;
+    eventId event;
+    Clock::time_point expiry;
+};
+
+class AnswerCache {
+public:
+    // The answer that is still good for the domain and the limit, or null.
+    const Answer* find(const std::string& domain, int max) const {
+        const auto at = answers_.find(domain);
+        const bool good =
+            at != answers_.end() && at->second.max == max && Clock::now() < at->second.expiry;
+        return good ? &at->second : nullptr;
+    }
+
+    void keep(const std::string& domain, const IPaddressList& list, int max, int result,
+              eventId event) {
+        makeRoom();
+        Answer answer{
+            {}, max, result, event, Clock::now() + std::chrono::seconds(MXlookup::kCacheSeconds)};
+        for (int i = 0; i < list.count(); ++i) {
+            answer.addresses.push_back(list.addr(i));
+        }
+        answers_.insert_or_assign(domain, std::move(answer));
+    }
+
+    void clear() noexcept { answers_.clear(); }
+
+private:
+    // Dropping all when all are fresh costs each domain one more question, and no order to keep.
+    void makeRoom() {
+        if (answers_.size() < MXlookup::kCacheEntries) {
+            return;
+        }
+        const auto now = Clock::now();
+        std::erase_if(answers_, [&](const auto& entry) { return entry.second.expiry <= now; });
+        if (answers_.size() >= MXlookup::kCacheEntries) {
+            answers_.clear();
+        }
+    }
+
+    std::unordered_map<std::string, Answer> answers_;
+};
+
+AnswerCache& cache() {
+    static AnswerCache answers;
+    return answers;
+}
+
+int useHeld(const Answer& answer, IPaddressList& out, eventId& event) {
+    for (const IPaddress address : answer.addresses) {
+        out.Add(address);
+    }
+    event = answer.event;
+    return answer.result;
+}
+
+} // namespace
+
+int MXlookup::getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) {
+    if (out.count() > 0) {
+        return lookUp(domain, out, max, event); // what is there already counts towards `max`
+    }
+    const std::string key = domain;
+    if (const Answer* held = cache().find(key, max); held != nullptr) {
+        return useHeld(*held, out, event);
+    }
+    const int result = lookUp(domain, out, max, event);
+    cache().keep(key, out, max, result, event);
+    return result;
+}
+
+int MXlookup::lookUp(const char* domain, IPaddressList& out, int max, eventId& event) {
+    event = EV_NONE;
+    if (isLiteral(domain)) {
+        return hostLookup(domain, out, max, true);
+    }
+    std::array<unsigned char, Resolver::kAnswerSize> msg{};
+    int len = Resolver::kAnswerSize;
+    const int result = resolver_.Query(domain, ns_c_in, ns_t_mx, msg.data(), len);
+    return useAnswer(result, msg.data(), len, domain, out, max, event);
+}
+
+int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const char* domain,
+                        IPaddressList& out, int max, eventId& event) {
+    event = EV_NONE;
+    switch (result) {
+    case QUERY_OK:
+        return useExchangers(msg, len, domain, out, max, event);
+    case QUERY_NO_DOMAIN:
+        event = EV_MX_NO_DOMAIN;
+        return -1;
+    case QUERY_TEMPORARY:
+        event = EV_MX_TEMPFAIL;
+        return 0;
+    case QUERY_NO_RECORD:
+        event = EV_MX_NO_RECORD;
+        break;
+    default:
+        break;
+    }
+    return hostLookup(domain, out, max, true);
+}
+
+int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domain,
+                            IPaddressList& out, int max, eventId& event) {
+    Email::Exchangers mx;
+    if (!resolver_.ParseQuery(msg, len, mx.names.data(), mx.preferences.data(), mx.count)) {
+        return -1;
+    }
+    Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+    Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+    if (mx.count == 0) {
+        event = EV_MX_NONE_LEFT;
+        return hostLookup(domain, out, max, true);
+    }
+    int last = 0;
+    for (int i = 0; i < mx.count; ++i) {
+        const int found = hostLookup(mx.names[static_cast<std::size_t>(i)], out, max, true);
+        if (Semaphore::shuttingDown()) {
+            return -1;
+        }
+        if (found >= max) {
+            return found;
+        }
+        last = found > 0 ? found : last;
+    }
+    event = last > 0 ? event : EV_MX_NO_ADDRESS;
+    return last;
+}
+
+void MXlookup::clearCache() noexcept {
+    cache().clear();
+}

@@ -1,0 +1,40 @@
+// The mail exchangers of a domain, through DNS (RFC 5321, 5.1), and their addresses.
+#pragma once
+
+#include "email/site/HostList.h"
+#include "email/site/Resolver.h"
+
+#include <cstddef>
+
+class MXlookup : public HostList {
+public:
+    // An answer is used again for this long, in seconds, and this many are held at most. Failures
+    // are held as well: a run asks a sick name server once per domain and not once per recipient.
+    static constexpr int kCacheSeconds = 60;
+    static constexpr std::size_t kCacheEntries = 1024;
+
+    // Appends the exchangers' addresses, best first, without this host and what is not better than
+    // it; the domain's own addresses when it has no usable exchanger. Returns the count of `out`;
+    // 0 when the answer may come later; -1 when the domain does not exist or its answer is
+    // unusable. Answers are remembered for the exact domain, before any blacklist is applied: the
+    // many recipients of one domain cost one question. An address literal asks nobody.
+    //
+    // `event`: EV_MX_NO_DOMAIN with -1, EV_MX_TEMPFAIL or EV_MX_NO_ADDRESS with 0;
+    // EV_MX_NO_RECORD or EV_MX_NONE_LEFT when the domain's own addresses are taken; else EV_NONE.
+    int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
+
+    // What follows from the answer to the MX question: `result` of Resolver::Query() and, for
+    // QUERY_OK, the message. Only the exchangers' names are looked up. As getAddresses() otherwise.
+    int useAnswer(int result, const unsigned char* msg, int len, const char* domain,
+                  IPaddressList& out, int max, eventId& event);
+
+    // Forgets every remembered answer.
+    static void clearCache() noexcept;
+
+private:
+    int lookUp(const char* domain, IPaddressList& out, int max, eventId& event);
+    int useExchangers(const unsigned char* msg, int len, const char* domain, IPaddressList& out,
+                      int max, eventId& event);
+
+    Resolver resolver_;
+};

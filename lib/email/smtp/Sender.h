@@ -1,0 +1,131 @@
+// The SMTP client (RFC 5321): chooses the servers of one destination, connects to the first that
+// greets, and carries out single commands under time limits. The order of the commands, and what
+// becomes of a recipient, is the deriving class's business.
+//
+// Every operation that fails returns false with the code stored: the server's number, or 1001 when
+// the conversation broke, 1002 no such host, 1003 no domain, 1004 this host itself, 1005 the text
+// cannot be read, 1006 the time is up. Every code pointer may be null. Nothing throws.
+//
+// A server can cost a message its attempt, never more: replies are bounded in lines, in line length
+// and in time, and no reply ends the run.
+#pragma once
+
+#include "email/base/SMTPcode.h"
+#include "email/base/Utils.h"
+#include "email/base/eventId.h"
+#include "email/site/HostList.h"
+#include "email/smtp/ExtSocketClass.h"
+#include "email/spool/EmailAddr.h"
+
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+
+class DomainRelay;
+
+class Sender : public ExtSocketClass {
+public:
+    // A command line with its CR LF has fewer bytes than this.
+    static constexpr std::size_t kCommandLimit = 1025;
+    // A reply of more continuation lines is given up.
+    static constexpr int kMaxContinuations = 1024;
+    // So is one that lasts longer than this many times its limit, or than this many seconds,
+    // whichever is more.
+    static constexpr long long kReplyLimitFactor = 10;
+    static constexpr long long kLeastReplyLimit = 60;
+    // After so many read time-outs in a row nothing more is sent in a conversation.
+    static constexpr int kMaxSilentReplies = 3;
+    // A body goes out in blocks of this many bytes, whatever its size.
+    static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
+
+    Sender() = default;
+    ~Sender() override = default;
+
+    // Progress and failures, by event number; `text` may be null. From here: 101, 106, 110, 115
+    // (value: error number), 116 to 121, 124 and the event of a relay table, all without a text.
+    // For 115, 117 and 118 serverAddress is the server in question.
+    virtual void logEvent(eventId event, const char* text, int value) = 0;
+
+    // True when no further command may be started: the alarm has fired or the deadline has passed.
+    [[nodiscard]] bool CommandTimeOut() const noexcept;
+
+    // Writes one command line; `arg` may be null. False with 1006 when the time is up (the server
+    // is told QUIT, if it still can be, and the transport closed); with 1001 when the line is too
+    // long or holds a CR or LF (nothing is sent), the write failed or the server has fallen silent.
+    // A line that could only be sent in part counts as sent: its reply will not come.
+    bool sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code);
+
+    // Reads one reply, of any number of lines, and returns (and stores) the number of its last
+    // line, whatever it is; 1001 when it is unreadable. Once a reply did not come in time, later
+    // ones may answer earlier commands: until the transport closes, 500 to 599 is then taken as
+    // 1001, so that nobody's mail is returned on another recipient's reply.
+    int readReply(long timeoutSecs, SMTPcode* code);
+
+    // True when the server greets with 220.
+    bool ReadBanner();
+
+    // Connects to the first address that greets. Those that fail go onto the blacklist, those that
+    // are on it are passed over. The list holds at most max_addr_to_try entries, or the run ends.
+    bool tryOpen(const IPaddressList& list, int port);
+
+    // Connects through the relays for the domain, on port 25; `tried` is set when there were any.
+    bool tryRelays(DomainRelay& relays, const char* domain, bool& tried);
+
+    // Finds servers for the recipient's domain and connects to one: the relays of the domain, else
+    // its mail exchangers, else the fallback relays; a literal's address directly. A relay that
+    // matched and failed ends the search.
+    bool OpenTransport(SMTPcode& code, EmailAddr* rcpt);
+    void CloseTransport() noexcept;
+
+    bool SendHELO(SMTPcode* code);
+    bool SendMAIL(const char* from, SMTPcode* code);
+    bool SendRCPT(const char* to, SMTPcode* code);
+    bool SendRSET(SMTPcode* code);
+    // True when it was sent; the reply is awaited but not judged.
+    bool SendQUIT(SMTPcode* code);
+
+    // Sends the whole text as the message body; true when the server took it. The name is not used.
+    // Nothing is sent of a last line without a line feed. The closing dot goes out only when all of
+    // the text was read and sent; a text that shrank meanwhile counts as unreadable.
+    bool SendDATA(std::istream& message, const char* name, SMTPcode* code);
+
+protected:
+    std::int32_t messageSize = -1;          // bytes; -1 until a body was sent
+    const char* serverName = nullptr;       // word for the deriving class: never set here
+    IPaddress serverAddress;                // the server last tried or connected
+    std::optional<std::string> messageName; // word for the deriving class
+    DateTime commandDeadline;               // DateTime(0): none
+    DateTime finalDeadline;                 // kept for the deriving class
+    std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
+
+private:
+    int openSocket(IPaddress address, int port) noexcept;
+    bool tryAddress(IPaddress address, int port);
+    bool isThisHost(const char* domain, int port) const noexcept;
+    bool openLiteral(EmailAddr& rcpt);
+    bool openExchangers(SMTPcode& code, EmailAddr& rcpt);
+    bool openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct);
+
+    int readNumber(long timeoutSecs);
+    bool command(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code);
+
+    struct Block;
+    bool writeBlock(Block& block);
+    bool sendText(std::istream& message, Block& block, SMTPcode* code);
+    bool giveUp(SMTPcode* code, SMTPcode value) noexcept;
+    bool textUnreadable(SMTPcode* code);
+
+    std::unique_ptr<char[]> bodyRoom_; // a Block's, kept for the next body
+
+    // State of one conversation, cleared when the transport closes.
+    bool replyLost_ = false; // a reply did not come in time
+    int silentReplies_ = 0;  // read time-outs in a row
+};
+
+// Size of a stream in bytes, its position kept; -1 when it cannot tell, at most INT32_MAX.
+int GetFileSize(std::istream& stream);
+
+// True for the positive completion codes 200 to 299.
+[[nodiscard]] bool success(int code) noexcept;

@@ -1,0 +1,169 @@
+#include "email/spool/Recipients.h"
+
+#include "email/base/Decimal.h"
+#include "email/file/BoundedLineReader.h"
+#include "email/file/FdStream.h"
+#include "email/file/FileReplacement.h"
+
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using Email::BoundedLineReader;
+
+constexpr std::size_t kHeadLine = 63;      // characters of a time or count line
+constexpr std::size_t kAddressLine = 2047; // characters of a sender or recipient line
+constexpr mode_t kFileMode = 0664;         // before the umask
+
+template<std::size_t N>
+using LineBuffer = std::array<char, N + 1>;
+
+// The text of a line, up to its first carriage return or NUL; nothing at the end of the file. What
+// is left without a line feed there is no line: its writer did not finish it.
+template<std::size_t N>
+bool readLine(BoundedLineReader& in, std::array<char, N>& line) {
+    using Kind = BoundedLineReader::Kind;
+    const auto item = in.next();
+    if (item.kind != Kind::Line && item.kind != Kind::Piece) {
+        return false;
+    }
+    const std::string_view text = item.text.substr(0, item.text.find('\r'));
+    line[text.copy(line.data(), N - 1)] = '\0';
+    return true;
+}
+
+bool readTimeLine(BoundedLineReader& in, DateTime& time) {
+    LineBuffer<kHeadLine> line;
+    if (!readLine(in, line)) {
+        return false;
+    }
+    time.Set(line.data());
+    return time.Time != 0;
+}
+
+bool readNumberLine(BoundedLineReader& in, std::int32_t& number) {
+    LineBuffer<kHeadLine> line;
+    if (!readLine(in, line)) {
+        return false;
+    }
+    std::string_view text = line.data();
+    const auto value = Email::takeDecimal(text);
+    number = value.value_or(number);
+    return value.has_value();
+}
+
+// Cuts the code off the line, behind the last tab.
+SMTPcode takeCode(char* line) {
+    char* const tab = std::strrchr(line, '\t');
+    if (tab == nullptr) {
+        return IDS_NO_REASON;
+    }
+    *tab = '\0';
+    std::string_view code = tab + 1;
+    return static_cast<SMTPcode>(Email::takeDecimal(code).value_or(0));
+}
+
+void appendNumber(std::string& out, std::int32_t number) {
+    std::array<char, 12> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    out.append(digits.data(), end);
+}
+
+void appendTime(std::string& out, const DateTime& time) {
+    std::array<char, DateTime::kTextSize> text{};
+    out.append(time.Get(text.data())) += '\n';
+}
+
+} // namespace
+
+Recipients::Recipients() : firstTry(-1), previousTry(firstTry) {}
+
+bool Recipients::Read(const FileName& file, bool full) {
+    Email::FdStream text(file());
+    if (text.peek() == std::istream::traits_type::eof()) {
+        return false;
+    }
+    Destroy();
+    firstTry.SetNow();
+    previousTry = firstTry;
+    BoundedLineReader in(text, kHeadLine, kHeadLine);
+    if (full && !(readTimeLine(in, firstTry) && readTimeLine(in, previousTry) &&
+                  readNumberLine(in, numberOfTries))) {
+        return false;
+    }
+    in.setLimits(kAddressLine, kAddressLine);
+    if (!readLine(in, sender)) {
+        return false;
+    }
+    readRecipients(in, full);
+    if (text.bad()) {
+        Destroy();
+        return false;
+    }
+    return true;
+}
+
+void Recipients::readRecipients(BoundedLineReader& in, bool full) {
+    LineBuffer<kAddressLine> line;
+    while (readLine(in, line)) {
+        const SMTPcode code = full ? takeCode(line.data()) : IDS_NO_REASON;
+        Add(line.data(), code);
+    }
+}
+
+bool Recipients::OverWrite(const FileName& file) {
+    if (IsEmpty()) {
+        return false;
+    }
+    Email::FileReplacement replacement(file(), kFileMode);
+    return replacement.open() && replacement.commit(takeText());
+}
+
+std::string Recipients::takeText() {
+    std::string text;
+    text.reserve(textSize());
+    // A first attempt that ended without an answer from any server is written as if it had not
+    // been made. The gateway's other programs look for this stamp.
+    const bool unattempted =
+        numberOfTries == 0 && (ReasonPresent(TIMEOUTEXPIRED) || ReasonPresent(IDS_NO_REASON));
+    appendTime(text, firstTry);
+    appendTime(text, unattempted ? DateTime(0) : DateTime(-1));
+    numberOfTries += numberOfTries == std::numeric_limits<std::int32_t>::max() ? 0 : 1;
+    appendNumber(text, numberOfTries);
+    text.append(1, '\n').append(sender.data()) += '\n';
+    while (const auto record = Remove()) {
+        text.append(record->text()) += '\t';
+        appendNumber(text, record->reason);
+        text += '\n';
+    }
+    return text;
+}
+
+// At least the length of the full form, so that a long list is not copied while it is written.
+std::size_t Recipients::textSize() const noexcept {
+    constexpr std::size_t kTabCodeLineFeed = 13;
+    std::size_t size = 2 * DateTime::kTextSize + sender.size();
+    for (const EmailAddr* record = first(); record; record = record->next.get()) {
+        size += record->size() + kTabCodeLineFeed;
+    }
+    return size;
+}
+
+void Recipients::setSender(const char* text) {
+    EmailAddr::setAddr(sender.data(), text);
+}
+
+void Recipients::resetTries() noexcept {
+    firstTry.SetNow();
+    previousTry = firstTry;
+    numberOfTries = 0;
+}
+
+void Recipients::Reset() noexcept {
+    Destroy();
+}
