@@ -23,3 +23,10 @@ private:
 };
 
 } // namespace Email
+
+// Sets the alarm flag, then arms SIGALRM in `seconds`, or disarms it when that is 0. One alarm per
+// process: the latest call wins. Async-signal-safe.
+void SetAlarm(bool expired, int seconds) noexcept;
+
+// The handler of SIGALRM: raises the flag and disarms. errno is kept.
+void alarmHandler(int signal) noexcept;

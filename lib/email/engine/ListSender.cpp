@@ -1,5 +1,6 @@
 #include "email/engine/ListSender.h"
 
+#include "email/base/Alarm.h"
 #include "email/base/Assert.h"
 #include "email/engine/DeferredCopy.h"
 #include "email/file/FdStream.h"

@@ -131,7 +131,3 @@ private:
     // reached. A log line must never show the server of another conversation.
     std::unordered_map<const EmailAddr*, IPaddress> refusedBy_;
 };
-
-// Sets the alarm flag, then arms SIGALRM in `seconds`, or disarms it when that is 0. One alarm per
-// process: the latest call wins. Async-signal-safe.
-void SetAlarm(bool expired, int seconds) noexcept;

@@ -5,11 +5,7 @@
 #include "email/site/mailscanGlobals.h"
 #include "email/telling/DeliveryLog.h"
 
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
-#include <csignal>
 #include <string>
 
 namespace Email {
@@ -35,20 +31,6 @@ struct TimeTexts {
     std::array<char, DateTime::kMailTextSize> mail{};
     std::array<char, 9> stamp{};
 };
-
-void alarmHandler(int /*signal*/) {
-    const int saved = errno;
-    SetAlarm(true, 0);
-    errno = saved;
-}
-
-// Without SA_RESTART: the wait that the alarm interrupts must end.
-void setAlarmAction(void (*handler)(int)) noexcept {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    ::sigemptyset(&action.sa_mask);
-    ::sigaction(SIGALRM, &action, nullptr);
-}
 
 } // namespace
 
@@ -87,14 +69,6 @@ bool ListSender::tooSoon() const {
                                    std::to_string(last - threshold), soon ? "Not Now" : "Now"}});
     }
     return soon;
-}
-
-void SetAlarm(bool expired, int seconds) noexcept {
-    // Cancelled first: an alarm that is already on its way must not mark the new flag as expired.
-    ::alarm(0);
-    Email::Alarm::setExpiry(expired);
-    setAlarmAction(seconds != 0 ? alarmHandler : SIG_DFL);
-    ::alarm(static_cast<unsigned>(seconds));
 }
 
 void ListSender::setDeadLines(const DateTime& first, const DateTime& second) {

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "email/base/SMTPcode.h"
-#include "email/site/HostList.h"
+#include "email/site/IPaddressList.h"
 
 #include <cstdint>
 #include <memory>

@@ -7,8 +7,8 @@
 // attempt: delivered, return-delivered, deferred, returned or dropped.
 #pragma once
 
+#include "email/base/IPaddress.h"
 #include "email/base/eventId.h"
-#include "email/site/HostList.h"
 
 #include <array>
 #include <optional>

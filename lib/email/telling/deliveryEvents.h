@@ -2,8 +2,8 @@
 // that goes to the reporter. The lines that the same events write stand in DeliveryLog.h.
 #pragma once
 
+#include "email/base/IPaddress.h"
 #include "email/base/eventId.h"
-#include "email/site/HostList.h"
 
 #include <cstdint>
 
