@@ -1,18 +1,13 @@
 #include "email/engine/ReturnMail.h"
 
-#include "email/base/Assert.h"
+#include "email/base/Utils.h"
 #include "email/base/resource.h"
-#include "email/engine/ListSender.h"
 #include "email/file/BoundedLineReader.h"
 #include "email/site/mailscanGlobals.h"
-#include "email/telling/DeliveryLog.h"
 
 #include <cstring>
 #include <istream>
-#include <ostream>
-#include <sstream>
 #include <string_view>
-#include <utility>
 
 void GetReasonStr(SMTPcode code, char* buf) noexcept {
     const std::string_view text = std::string_view(smtpString(code)).substr(0, kReasonSize - 1);
@@ -74,53 +69,3 @@ std::string returnMail(const char* sender, const MailList& failed, std::istream&
 }
 
 } // namespace Email
-
-namespace {
-
-void checkNotBad(bool bad) {
-    if (bad) {
-        assert_failure("!mailStr.bad() && !tempStr.bad()", "lib/email/ListSender", __LINE__);
-    }
-}
-
-} // namespace
-
-bool ListSender::BuildReturnMail(MailList& failed, std::ostream& out, std::istream& text) {
-    checkNotBad(text.bad() || out.bad());
-    const std::string mail = Email::returnMail(recipients_.GetSender(), failed, text);
-    failed.Destroy();
-    out.write(mail.data(), static_cast<std::streamsize>(mail.size()));
-    return true;
-}
-
-void ListSender::Bounce(MailList& failed, std::istream& text) {
-    ListSender returnEngine;
-    if (!(commandDeadline == DateTime(0))) {
-        returnEngine.setDeadLines(commandDeadline, finalDeadline);
-    }
-    if (Email::isNullSender(recipients_.GetSender())) {
-        dropFailed(failed);
-        return;
-    }
-    writeJournal();
-    logEach(Email::LogLine::Returned, failed);
-    checkNotBad(text.bad());
-    std::istringstream mail(Email::returnMail(recipients_.GetSender(), failed, text));
-    returnEngine.returnMessage = true;
-    // The list is kept until here for the lines of a return mail that is neither sent nor queued.
-    if (returnEngine.sendNew("<>", recipients_.GetSender(), mail) == SEND_ERROR) {
-        logEach(Email::LogLine::ReturnLost, failed);
-    }
-    noteDone(failed);
-    failed.Destroy();
-}
-
-// One event speaks for all that are dropped; every recipient gets its line.
-void ListSender::dropFailed(MailList& failed) {
-    logEach(Email::LogLine::Dropped, failed);
-    noteDone(failed);
-    if (const auto first = failed.Remove()) {
-        logEvent(EV_NULL_SENDER_DROP, first->text(), first->reason);
-    }
-    failed.Destroy();
-}

@@ -1,0 +1,58 @@
+// How ListSender tells the sender of a message who cannot be reached.
+#include "email/base/Assert.h"
+#include "email/engine/ListSender.h"
+#include "email/engine/ReturnMail.h"
+#include "email/telling/DeliveryLog.h"
+
+#include <ostream>
+#include <sstream>
+
+namespace {
+
+void checkNotBad(bool bad) {
+    if (bad) {
+        assert_failure("!mailStr.bad() && !tempStr.bad()", "lib/email/ListSender", __LINE__);
+    }
+}
+
+} // namespace
+
+bool ListSender::BuildReturnMail(MailList& failed, std::ostream& out, std::istream& text) {
+    checkNotBad(text.bad() || out.bad());
+    const std::string mail = Email::returnMail(recipients_.GetSender(), failed, text);
+    failed.Destroy();
+    out.write(mail.data(), static_cast<std::streamsize>(mail.size()));
+    return true;
+}
+
+void ListSender::Bounce(MailList& failed, std::istream& text) {
+    ListSender returnEngine;
+    if (!(commandDeadline == DateTime(0))) {
+        returnEngine.setDeadLines(commandDeadline, finalDeadline);
+    }
+    if (Email::isNullSender(recipients_.GetSender())) {
+        dropFailed(failed);
+        return;
+    }
+    writeJournal();
+    logEach(Email::LogLine::Returned, failed);
+    checkNotBad(text.bad());
+    std::istringstream mail(Email::returnMail(recipients_.GetSender(), failed, text));
+    returnEngine.returnMessage = true;
+    // The list is kept until here for the lines of a return mail that is neither sent nor queued.
+    if (returnEngine.sendNew("<>", recipients_.GetSender(), mail) == SEND_ERROR) {
+        logEach(Email::LogLine::ReturnLost, failed);
+    }
+    noteDone(failed);
+    failed.Destroy();
+}
+
+// One event speaks for all that are dropped; every recipient gets its line.
+void ListSender::dropFailed(MailList& failed) {
+    logEach(Email::LogLine::Dropped, failed);
+    noteDone(failed);
+    if (const auto first = failed.Remove()) {
+        logEvent(EV_NULL_SENDER_DROP, first->text(), first->reason);
+    }
+    failed.Destroy();
+}
