@@ -36,6 +36,24 @@ void addFilter(CLI::App& command, Filter& filter) {
         ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "held"}));
 }
 
+void addHistory(CLI::App& app, CommandLine& line) {
+    CLI::App* const report =
+        app.add_subcommand("report", "what became of mail: by hour, domain, reason and server");
+    report->add_option("FILE", line.history.files, "log files; the journal without");
+    report->add_option("--top", line.history.top, "rows of each table")->capture_default_str();
+    report->add_option("--svg", line.history.svg, "a picture of the hours into this file");
+    CLI::App* const story =
+        app.add_subcommand("story", "everything that happened to a message or an address");
+    story->add_option("MESSAGE|ADDRESS", line.words, "leaf name, or an address")
+        ->required()
+        ->expected(1);
+    story->add_option("--log", line.history.files, "log files; the journal without");
+    for (CLI::App* const command : {report, story}) {
+        command->add_option("--since", line.history.since,
+                            "since then: 90, 15m, 2h, 3d, or \"2026-11-21 14:05\"");
+    }
+}
+
 CLI::App* addChange(CLI::App& app, const char* name, const char* help, CommandLine& line) {
     CLI::App* const command = app.add_subcommand(name, help);
     command->add_option("MESSAGE", line.words, "leaf names")->required();
@@ -56,6 +74,7 @@ void addCommands(CLI::App& app, CommandLine& line) {
     app.add_subcommand("check", "judge rule table and spool; 0 well, 1 warnings, 2 would stop");
     addChange(app, "remove", "delete messages", line);
     addChange(app, "retry", "make messages due now", line);
+    addHistory(app, line);
     app.add_subcommand("metrics", "figures for Prometheus")
         ->add_option("FILE", line.words, "written by rename; standard output without")
         ->expected(0, 1);

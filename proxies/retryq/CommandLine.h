@@ -2,6 +2,7 @@
 #pragma once
 
 #include "retryq/Commands.h"
+#include "retryq/History.h"
 
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@ struct CommandLine {
     std::vector<std::string> words; // message leaves, the address, or the file
     bool body = false;
     bool yes = false;
+    History history;
 };
 
 // Reads the arguments; help and errors are printed here.

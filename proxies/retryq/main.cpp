@@ -25,6 +25,12 @@ int run(const CommandLine& line, const Context& context) {
     if (line.command == "route") {
         return route(context, word);
     }
+    if (line.command == "report") {
+        return report(context, line.history);
+    }
+    if (line.command == "story") {
+        return story(context, line.history, word);
+    }
     if (line.command == "metrics") {
         return metrics(context, word);
     }

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The keeper's program beside the real retryer: what it tells must be what a run then does."""
 import fcntl
+import gzip
 import os
 
 import harness
@@ -140,6 +141,53 @@ class Check(SystemTest):
         self.retryq("check", "-as", "other", status=2)
         self.assertEqual(self.world.run("-as", "other").status, 255)
         self.retryq("-AS", "other", "list", status=2)
+
+
+OLD_LOG = """\
+Nov 20 23:59:58 gw retryer[77]: 00077 connect-failed msg=m1 to=<a@x.test> relay=127.0.0.9 error=111 (Connection refused)
+Nov 21 00:00:08 gw retryer[77]: 00077 deferred msg=m1 from=<s@y.test> to=<a@x.test> code=1001 text=Mail Server is down
+Nov 21 00:00:09 gw sshd[5]: retryer: 00077 delivered msg=forged from=<s@y.test> to=<a@x.test> code=250 text=Accepted
+Nov 31 25:00:09 gw retryer: 1 delivered msg=
+"""
+NEW_LOG = """\
+2026-11-21T01:30:00.5+01:30 gw retryer: 00078 deferred msg=m1 from=<s@y.test> to=<a@x.test> relay=127.0.0.9 code=450 text=Busy stage=RCPT reply="450 4.2.0 wait 283 seconds"
+2026-11-21T00:00:31Z gw retryer: 00078 deferred msg=m2 from=<s@y.test> to=<b@z.test> relay=127.0.0.9 code=450 text=Busy stage=RCPT reply="450 4.2.0 wait 117 seconds"
+2026-11-21T01:00:00Z gw retryer: 00079 overdue msg=m1 from=<s@y.test> waited=400001 tries=9
+2026-11-21T01:00:00Z gw retryer: 00079 returned msg=m1 from=<s@y.test> to=<a@x.test> code=450 text=Busy
+"""
+
+
+class Log(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.old, self.new = self.world.root + "/syslog.1.gz", self.world.root + "/syslog"
+        with gzip.open(self.old, "wt") as old, open(self.new, "w") as new:
+            old.write(OLD_LOG)
+            new.write(NEW_LOG)
+
+    def test_report(self):
+        told = self.objects("report", self.old, self.new)
+        self.assertEqual([(o["hour"][11:13], o["deferred"], o["returned"]) for o in told if "hour" in o],
+                         [("00", 3, 0), ("01", 0, 1)])
+        self.assertEqual([(o["domain"], o["deferred"]) for o in told if "domain" in o], [("x.test", 2), ("z.test", 1)])
+        self.assertEqual([(o["recipients"], o["reason"], o["server"]) for o in told if "reason" in o][0],
+                         (2, "450 4.2.0 wait 283 seconds", "127.0.0.9"))
+        self.assertEqual([(o["seconds"], o["lines"]) for o in told if "seconds" in o], [(31, 1)])
+        self.assertEqual((told[-1]["delivered"], told[-1]["lines"]), (0, 6))
+        self.assertEqual(self.objects("report", self.new, "--since", "2026-11-21 00:30")[-1]["returned"], 1)
+        self.assertEqual(self.objects("report", self.new, "--since", "2026-11-21 00:30")[-1]["deferred"], 0)
+
+    def test_story(self):
+        told = [event["text"].split()[0] for event in self.objects("story", "a@x.test", "--log", self.new, "--log", self.old)]
+        self.assertEqual(told, ["connect-failed", "deferred", "deferred", "overdue", "returned"])
+        self.assertEqual(len(self.objects("story", "m2", "--log", self.new)), 1)
+        self.retryq("story", "nobody@x.test", "--log", self.new, status=1)
+
+    def test_a_damaged_file_is_told_and_the_others_are_read(self):
+        with open(self.old, "r+b") as old:
+            old.truncate(60)
+        run = self.retryq("--json", "report", self.old, self.new, status=1)
+        self.assertIn("damaged", run.out)
 
 
 if __name__ == "__main__":
