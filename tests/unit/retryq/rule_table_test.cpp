@@ -1,0 +1,106 @@
+// The rule table through the keeper's eyes.
+#include "email/site/mailscanGlobals.h"
+#include "retryq/Settings.h"
+#include "support/mail.h"
+
+#include <algorithm>
+#include <iterator>
+#include <regex>
+#include <set>
+
+using namespace Retryq;
+
+namespace {
+
+std::string findings(const RuleTable& table) {
+    std::vector<Finding> all = table.faults();
+    std::ranges::copy(table.advice(), std::back_inserter(all));
+    std::string out;
+    for (const Finding& f : all) {
+        out += f.weight == Finding::Weight::Stop ? "stop " : "warn ";
+        out += std::to_string(f.line) + " " + f.text + "\n";
+    }
+    return out;
+}
+
+// A key that the mail settings gain or lose must be gained or lost here.
+TEST(Settings, AreThoseThatTheLibraryReads) {
+    std::ifstream in(SOURCE_TREE "/lib/email/site/mailscanGlobals.cpp");
+    const std::string source{std::istreambuf_iterator<char>(in), {}};
+    const std::regex call("\"([a-z]+(?:-[a-z]+)*)\", cfg(?:, (?:\"([^\"]*)\"|(\\w+)))?\\)");
+    std::set<std::string> read{"domain-relay", "fallback-relay"};
+    for (std::sregex_iterator it(source.begin(), source.end(), call), end; it != end; ++it) {
+        read.insert((*it)[1]);
+        const auto at = std::ranges::find(settings(), (*it)[1].str(), &Setting::key);
+        ASSERT_NE(at, settings().end()) << (*it)[1];
+        const std::string value = (*it)[2].matched ? (*it)[2].str() : (*it)[3].str();
+        if (value != "DEFAULT_BLACKLIST_TIMEOUT") {
+            EXPECT_EQ(value == "true" ? "yes" : value == "false" ? "no" : value, at->builtIn);
+        }
+    }
+    EXPECT_EQ(read.size(), settings().size());
+}
+
+TEST(Settings, NearestKey) {
+    // clang-format off
+    const std::pair<const char*, const char*> kCases[]{
+        {"smtp-min-deferal", "smtp-min-deferral"}, {"smtp-mni-deferral", "smtp-min-deferral"},
+        {"domain-relays", "domain-relay"}, {"usedns", "use-dns"}, {"deny-hosts", nullptr},
+        {"logging", nullptr}};
+    // clang-format on
+    for (const auto& [word, expected] : kCases) {
+        const Setting* const nearest = nearestSetting(word);
+        EXPECT_STREQ(nearest == nullptr ? nullptr : nearest->key, expected) << word;
+    }
+}
+
+TEST_F(Spool, FindsWhatIsWrongInTheRuleTable) {
+    // Lines behind the first one, and what is said of them.
+    // clang-format off
+    const std::pair<const char*, const char*> kCases[]{
+        {"vorn: use-dns yes\n", ""}, {"vorn: hosts 1.2.3.4\n", ""}, {"other: use-dns\n", ""},
+        {"vorn: use-dns\n", "warn 2 rejected: missing parameter"},
+        {"no colon\n", "warn 2 rejected: malformed"},
+        {"vorn: use-dns no", "warn 2 rejected: too long"},
+        {"vorn: use-dns nope\n", "warn 2 use-dns: \"nope\" reads as no"},
+        {"vorn: send-port 12x\n", "warn 2 send-port: \"12x\" is no whole number and reads as 12"},
+        {"vorn: send-port 12 13\n", "stop 2 send-port takes exactly one value, here are 2"},
+        {"vorn: mail-log yes no\n", "stop 2 mail-log takes exactly one value"},
+        {"vorn: direct-send-domains  \n", "stop 2 direct-send-domains takes at least one value"},
+        {"vorn: domain-relay *\n", "stop 2 domain-relay takes a pattern and at least one server"},
+        {"vorn: use-dns yes\nvorn: use-dns no\n", "warn 3 use-dns does not count: it stands on line"},
+        {"vorn: deny-use-dns yes\n", "warn 2 use-dns: its deny-"},
+        {"vorn: send-prot 5\n", "warn 2 unknown key send-prot: did you mean send-port?"},
+        {"vorn: max-addr-to-try -1\n", "stop 2 max-addr-to-try below 0"},
+        {"vorn: smtp-max-deferral 2000\n", "warn 2 smtp-max-deferral is not above"},
+        {"vorn: smtp-data-timeout 0\n", "warn 2 smtp-data-timeout of 0"},
+        {"vorn: directory /tmp\n", "warn 2 directory: \"/tmp\" does not end in a slash"},
+        {"vorn: smtp-direct-size-limit 1\nvorn: smtp-direct-recipient-limit 0\n",
+         "warn 3 smtp-direct-size-limit with"}};
+    // clang-format on
+    EXPECT_TRUE(RuleTable("vorn").stops()); // no file
+    for (const auto& [lines, said] : kCases) {
+        installTable(lines);
+        const RuleTable table("vorn");
+        const std::string found = findings(table);
+        EXPECT_TRUE(found.starts_with(said) && found.empty() == (*said == '\0')) << lines << found;
+        EXPECT_EQ(table.stops(), found.find(" takes ") != std::string::npos) << found;
+    }
+    EXPECT_TRUE(RuleTable("vorn2").stops()); // no line
+}
+
+TEST_F(Spool, ShowsTheValuesInForce) {
+    installTable("vorn: smtp-min-deferral 900s\nvorn: use-dns  \nvorn: badadmin 'a b'\n");
+    const RuleTable table("vorn");
+    table.load();
+    std::string values;
+    for (const char* key : {"smtp-min-deferral", "use-dns", "badadmin", "send-port"}) {
+        values +=
+            table.value(*std::ranges::find(settings(), std::string(key), &Setting::key)) + ';';
+    }
+    EXPECT_EQ(values, "900;no;a b;25;");
+    EXPECT_EQ(mailscanGlobals::retry_min_interval, 900);
+    EXPECT_FALSE(mailscanGlobals::dnsEnable);
+}
+
+} // namespace

@@ -1,0 +1,202 @@
+#include "email/smtp/Sender.h"
+
+#include "support/peer.h"
+
+#include "email/base/Alarm.h"
+#include "email/site/mailscanGlobals.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/tcp.h>
+
+#include <chrono>
+#include <optional>
+#include <sstream>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string a(std::size_t n) {
+    return std::string(n, 'a');
+}
+
+struct Client : Sender {
+    using Sender::commandDeadline;
+    using Sender::theSocket;
+
+    void logEvent(eventId event, const char*, int value) override {
+        events += std::to_string(event) + (value != 0 ? ':' + std::to_string(value) : "") + ' ';
+    }
+    // The line, or nothing with the error in `err`.
+    std::optional<std::string> line(long limitMs) {
+        char buf[kReadBufferSize];
+        const auto n = static_cast<std::size_t>(ReadLine(buf, sizeof buf, limitMs, err));
+        return err == 0 ? std::optional(std::string(buf, n)) : std::nullopt;
+    }
+    int write(const std::string& bytes, long limitMs) {
+        return WriteN(bytes.data(), static_cast<int>(bytes.size()), limitMs, err);
+    }
+    std::string events;
+    int err = 77;
+};
+
+struct Conversation : testing::Test {
+    Conversation() { join(), mailscanGlobals::DATA_final_interval = 5; }
+    ~Conversation() override { Email::Alarm::setExpiry(false); }
+    void join() {
+        client.CloseTransport();
+        std::tie(client.theSocket, peer) = connectedPair();
+    }
+    std::string sent() {
+        client.CloseTransport();
+        return getUntil(peer.get(), "end of input");
+    }
+    Client client;
+    UniqueFd peer;
+    SMTPcode code = IDS_NO_REASON;
+};
+
+template<typename Action>
+auto timed(Action action) {
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    return std::chrono::steady_clock::now() - start;
+}
+
+TEST_F(Conversation, TimeEndsARead) {
+    EXPECT_GE(timed([&] { EXPECT_FALSE(client.line(150)); }), 150ms);
+    EXPECT_LT(timed([&] { EXPECT_FALSE(client.line(-5)); }), 1s);
+    put(peer.get(), std::string(3000, 'x')); // no room: neither spins nor ends early
+    const std::clock_t used = std::clock();
+    EXPECT_GT(timed([&] { EXPECT_FALSE(client.line(2000)); }), 900ms);
+    EXPECT_LT(std::clock() - used, CLOCKS_PER_SEC / 10);
+    EXPECT_EQ(client.err, ETIME);
+}
+
+TEST_F(Conversation, WritesSendAllOrSayHowItEnded) {
+    EXPECT_EQ(client.write("hello", 1000), 5);
+    EXPECT_EQ(client.WriteTo(" all", 4, 1000, 0, nullptr, 0, client.err), 4);
+    put(peer.get(), getUntil(peer.get(), "all"));
+    char text[16] = "";
+    int got = 0, fromLength = 77;
+    EXPECT_EQ(client.ReadFrom(text, got, 16, 0, nullptr, fromLength, client.err), 0);
+    EXPECT_EQ(std::string(text) + std::to_string(got + fromLength), "hello all9");
+    EXPECT_EQ(client.write("x", -1), 0);
+    EXPECT_GE(timed([&] { EXPECT_EQ(client.write(a(8 << 20), 150), 0); }), 150ms);
+    EXPECT_EQ(client.err, 0);
+    Email::Alarm::setExpiry(true);
+    EXPECT_TRUE(client.write("x", 1000) == 0 && client.err == ETIME);
+    Email::Alarm::setExpiry(false);
+    peer.reset();
+    EXPECT_TRUE(client.write("x", 1000) == 0 && client.err == EPIPE);
+}
+
+TEST_F(Conversation, MissingSocketsAreTold) {
+    client.Close();
+    EXPECT_EQ(client.write("x", 1000), EBADF);
+    EXPECT_EQ(client.err, 77); // left alone
+    EXPECT_TRUE(!client.line(1000) && client.err == EBADF);
+    client.Connect("", 25, client.err, 0);
+    EXPECT_EQ(client.err, ENOENT);
+}
+
+TEST_F(Conversation, AfterALostReplyNobodyIsRefusedForGood) {
+    EXPECT_EQ(client.readReply(0, nullptr), 1001);
+    put(peer.get(), "550 late\n600 x\n450 y\n250 z\n599 w\n");
+    for (const int number : {1001, 600, 450, 250, 1001}) {
+        EXPECT_EQ(client.readReply(1, nullptr), number);
+    }
+    join();
+    put(peer.get(), "250\n550 now\n");
+    EXPECT_EQ(client.readReply(1, nullptr), 1001); // short, but not late
+    EXPECT_EQ(client.readReply(1, nullptr), 550);
+}
+
+TEST_F(Conversation, CommandLinesAreBounded) {
+    // clang-format off
+    const std::tuple<std::size_t, std::optional<std::string>, bool> cases[] = {
+        {1022, {}, true}, {1023, {}, false}, {4, a(1017), true}, {4, a(1018), false},
+        {4, "a\r\nb", false}, {4, "", true}};
+    // clang-format on
+    for (const auto& [length, argument, good] : cases) {
+        join();
+        const char* text = argument ? argument->c_str() : nullptr;
+        EXPECT_EQ(client.sendCommand(a(length).c_str(), text, 1, &code), good);
+        EXPECT_EQ(sent(), good ? a(length) + (text ? ' ' + *argument : "") + "\r\n" : "");
+    }
+}
+
+TEST_F(Conversation, NoCommandIsStartedWhenTheTimeIsUp) {
+    client.commandDeadline.SetNow();
+    client.commandDeadline = client.commandDeadline + 100;
+    put(peer.get(), "250 a\n421 b\n");
+    EXPECT_TRUE(client.SendRSET(&code) && client.SendQUIT(&code));
+    EXPECT_EQ(sent(), "RSET\r\nQUIT\r\n");
+    client.commandDeadline = client.commandDeadline + -100;
+    for (const char* line : {"QUIT\r\n", ""}) { // the alarm refuses the write of QUIT as well
+        join();
+        EXPECT_TRUE(!client.SendRSET(&code) && code == 1006);
+        EXPECT_EQ(sent(), line);
+        client.commandDeadline = DateTime();
+        Email::Alarm::setExpiry(true);
+    }
+}
+
+TEST_F(Conversation, DataIsNotEndedWhenTheTimeIsUp) {
+    std::string wire;
+    std::jthread server([&wire, fd = peer.get()] {
+        getUntil(fd, "DATA\r\n");
+        Email::Alarm::setExpiry(true);
+        put(fd, "354 go\n");
+        wire = getUntil(fd, "end of input");
+    });
+    std::istringstream text("x\n");
+    EXPECT_FALSE(client.SendDATA(text, "name", &code));
+    client.CloseTransport();
+    server.join();
+    EXPECT_EQ(code, 1006);
+    EXPECT_EQ(wire, "");
+}
+
+TEST_F(Conversation, TheFirstServerThatGreetsIsTaken) {
+    int port = 0;
+    const UniqueFd greets = listenOn("127.0.0.5", port);
+    std::jthread server([&] {
+        put(UniqueFd(::accept(greets.get(), nullptr, nullptr)).get(), "220-hi\r\n220 there\r\n");
+    });
+    IPaddressList list;
+    for (const char* host : {"127.0.0.6", "127.0.0.7", "127.0.0.5"}) {
+        list.Add(address(host));
+    }
+    HostList::BlackL.SetTimeout(1000);
+    HostList::BlackL.Add(list.addr(1));
+    EXPECT_TRUE(client.tryOpen(list, port));
+    EXPECT_EQ(client.events, "115:111 118 ");
+    EXPECT_TRUE(HostList::BlackL.InList(list.addr(0), true));
+    EXPECT_EQ(::fcntl(client.theSocket, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(::fcntl(client.theSocket, F_GETFD), FD_CLOEXEC);
+    for (const auto& [level, option] :
+         {std::pair{SOL_SOCKET, SO_KEEPALIVE}, {int{IPPROTO_TCP}, TCP_NODELAY}}) {
+        int on = 0;
+        socklen_t size = sizeof on;
+        ::getsockopt(client.theSocket, level, option, &on, &size);
+        EXPECT_NE(on, 0);
+    }
+}
+
+TEST_F(Conversation, ThisHostIsItsNameWhateverFollowsOrLacks) {
+    ThisHost::rename("gw.site.test");
+    mailscanGlobals::dnsEnable = false;
+    std::string codes;
+    for (const char* recipient : {"<a@gw>", "<a@>", "<a@gw.site.test.x>", "<a@Gw>", "nobody"}) {
+        EmailAddr rcpt(recipient, nullptr, IDS_NO_REASON);
+        EXPECT_FALSE(client.OpenTransport(code, &rcpt));
+        codes += std::to_string(code) + ' ';
+    }
+    EXPECT_EQ(codes, "1004 1004 1004 1001 1003 ");
+    mailscanGlobals::dnsEnable = true;
+}
+
+} // namespace

@@ -1,0 +1,84 @@
+// What is told: lines in the system log and event records.
+#include "email/telling/DeliveryLog.h"
+#include "email/telling/deliveryEvents.h"
+#include "support/mail.h"
+
+namespace {
+
+using Email::LogLine;
+
+TEST(LogLines, HoldTheirFieldsInOrderAndLeaveOutTheMissing) {
+    const std::string tooLong = "<\xff" + std::string(300, 'x');
+    const std::string cut = "%FF" + std::string(249, 'x') + "...";
+    // clang-format off
+    const std::tuple<LogLine, Email::LogFields, std::string> cases[] = {
+        {LogLine::Delivered,
+         {.message = "/q/dir/m1", .sender = "<s@a.test>", .recipient = "r@b.test",
+          .relay = IPaddress(0x0100007FU), .code = 250},
+         "delivered msg=m1 from=<s@a.test> to=<r@b.test> relay=127.0.0.1 code=250 text=Accepted"},
+        {LogLine::Deferred, {.message = "m", .sender = "", .recipient = "<r@b.test>", .code = -1},
+         "deferred msg=m from=<> to=<r@b.test> code=-1 text=Not tried yet"},
+        {LogLine::Returned, {.code = 571}, "returned code=571 text=Unknown SMTP code 571"},
+        {LogLine::TraceUnableToOpen, {.args = {"/q/m", "13"}}, "Unable to open '/q/m' error '13'"},
+        {LogLine::NoGreeting, {}, "no-greeting"},
+        {LogLine::SelfSend, {.message = "\n%", .recipient = tooLong}, "self-send msg=%0A%25 to=<" + cut}};
+    // clang-format on
+    for (const auto& [line, fields, text] : cases) {
+        const std::string whole = formatLine(line, fields);
+        EXPECT_EQ(whole.substr(whole.find(' ') + 1), text);
+    }
+}
+
+TEST_F(Spool, LinesAreOnTheirPageAndOnlyOutcomesAreSilencedAndOnlyProgressNeedsDebugMode) {
+    const std::string page = contents(SOURCE_TREE "/docs/log-lines.md");
+    for (const bool mailLog : {true, false}) {
+        mailscanGlobals::mailLogEnable = mailLog;
+        DebugMode = mailLog ? 0 : 1;
+        loggedLines.clear();
+        for (const Email::LogRow& row : Email::logTable()) {
+            const std::string entry = "`%05d " + std::string(row.text) + "`";
+            EXPECT_NE(page.find(entry), std::string::npos) << entry;
+            Email::writeLine(row.line, {});
+        }
+        EXPECT_EQ(linesWith(" delivered") + linesWith(" returned"), mailLog ? 2 : 0);
+        EXPECT_EQ(linesWith(" connected"), mailLog ? 0 : 1);
+        EXPECT_EQ(loggedLines.size(), Email::logTable().size() - (mailLog ? 11 : 4));
+    }
+}
+
+TEST_F(Spool, EventKindsFollowTheirModesAndMarks) {
+    // Kind, its mode (null: always wanted), category, severity.
+    // clang-format off
+    const std::tuple<std::int32_t, std::int32_t*, std::int32_t, std::uint32_t> kinds[] = {
+        {0, &DetailMode, 8, 2}, {1, &ErrorMode, 64, 1}, {2, &ErrorMode, 32, 2},
+        {3, &DebugMode, 1, 2}, {4, nullptr, 64, 2}};
+    // clang-format on
+    for (const auto& [kind, mode, category, severity] : kinds) {
+        for (std::int32_t* each : {&DetailMode, &ErrorMode, &DebugMode}) {
+            *each = each == mode ? 2 : 0;
+        }
+        EXPECT_TRUE(Email::kindWanted(kind));
+        DetailMode = ErrorMode = DebugMode = 0;
+        EXPECT_EQ(Email::kindWanted(kind), mode == nullptr);
+        const GW_EVENT event = Email::deliveryEvent({101, 22, kind}, {});
+        EXPECT_EQ(event.m_intendedAudience, category);
+        EXPECT_EQ(event.m_EventContext.m_Severity, severity);
+    }
+}
+
+TEST(Events, HoldOnlyWhatIsGiven) {
+    const SEvent& row = lookupSEvent(EV_DEFERRED);
+    EXPECT_EQ(bagOf(Email::deliveryEvent(row, {.messageSize = 0})), "");
+    // clang-format off
+    const GW_EVENT event = Email::deliveryEvent(
+        row, {.messageSize = 12, .server = IPaddress(0x0100007FU), .serverName = "host",
+              .messageName = "/q/m1", .sender = "<s@a.test>", .text = "", .value = -1});
+    // clang-format on
+    EXPECT_EQ(bagOf(event), "4=host 7=127.0.0.1 12=/q/m1 13=-1 17=12 19=<s@a.test> 20= ");
+    EXPECT_EQ(event.m_EventID, 103);
+    EXPECT_EQ(event.m_iStructVersion, 0);
+    EXPECT_EQ(event.m_PropertyBag.Identifier(), "Default Property Bag");
+    EXPECT_EQ(event.getManagementContext()->m_iReasonID, Reason_Null);
+}
+
+} // namespace
