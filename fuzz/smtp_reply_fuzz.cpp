@@ -1,19 +1,34 @@
 // What a server sends, any bytes, in 64 segments at most, whose length the first byte gives: every
-// reply is a number of three characters or 1001, and the reading ends.
+// reply is a number of three characters or 1001, and the reading ends. The same bytes, line by
+// line, are then what the server says it can.
 #include "email/smtp/Sender.h"
+#include "email/smtp/ServerExtensions.h"
 #include "fuzz.h"
 #include "fwall/UniqueFd.h"
 
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <string_view>
 
 struct Client : Sender {
     explicit Client(int fd) { theSocket = fd; }
     void logEvent(eventId, const char*, int) override {}
 };
 
+static void readExtensions(std::string_view text) {
+    Email::ServerExtensions server;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size() - 1);
+        server.addLine(text.substr(0, end));
+        text.remove_prefix(end + 1);
+        require(server.lines <= Email::ServerExtensions::kMaxLines);
+        require(server.size || server.sizeLimit == 0);
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    readExtensions({reinterpret_cast<const char*>(data), size});
     int fds[2] = {-1, -1};
     if (size == 0 || ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
         return 0;

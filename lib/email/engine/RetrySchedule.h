@@ -20,4 +20,10 @@ namespace Email {
 [[nodiscard]] bool tooSoon(const DateTime& last, const DateTime& now,
                            std::int32_t minInterval) noexcept;
 
+// Seconds that a message waits after its last attempt: `minInterval`, or with a `maxWait` above it
+// as long as the message was old at that attempt, within these two. So the tries of a message that
+// nobody takes come ever more rarely. 0 (at once) stays 0.
+[[nodiscard]] std::int32_t waitAfter(const DateTime& first, const DateTime& last,
+                                     std::int32_t minInterval, std::int32_t maxWait) noexcept;
+
 } // namespace Email
