@@ -1,9 +1,11 @@
 // A recipient file may hold anything. Whatever is read can be written, and is then
-// read back as the same recipients in reverse order.
+// read back as the same recipients in reverse order; its time stamps likewise.
 #include "email/spool/Recipients.h"
 #include "fuzz.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,6 +21,15 @@ std::vector<std::string> entries(const Recipients& recipients) {
         all.push_back(record->text() + std::to_string(record->reason));
     }
     return all;
+}
+
+void stampIsReadBack(const DateTime& time) {
+    std::array<char, DateTime::kMailTextSize> text;
+    DateTime again;
+    again.Set(time.Get(text.data()));
+    require(again.Time == time.Time && !again.gm_gt(time) && !time.gm_gt(again));
+    require(std::strlen(time.GetForMail(text.data())) < text.size());
+    require((time + 60) - time == 60 || time.Time == -61);
 }
 
 void writeAndReadBack(Recipients& recipients, const FileName& target) {
@@ -48,6 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const bool full : {false, true}) {
         Recipients recipients;
         if (recipients.Read(name, full)) {
+            stampIsReadBack(recipients.firstSendTime());
+            stampIsReadBack(recipients.lastSendTime());
             writeAndReadBack(recipients, target);
             static_cast<void>(target.Delete());
         }
