@@ -122,8 +122,8 @@ def outcomes(text):
     return {"u": outcome(first), **({"two": outcome(second)} if second else {})}
 
 
-def smtp_cases(scratch, everything):
-    rows = {f"c{n}": row for n, row in enumerate(table("faults/data/smtp.txt")) if everything or row[3:] != ["slow"]}
+def smtp_cases(scratch, chosen, _):
+    rows = {f"c{n}": row for n, row in enumerate(table("faults/data/smtp.txt")) if row[3:] != ["slow"] or chosen(n)}
     play = Play(scratch, *(f"domain-relay *.{leaf}.test {address(leaf)}" for leaf in rows))
     there, expected = {}, {}
     for leaf, (_, script, ends, *_) in rows.items():
@@ -228,7 +228,7 @@ class Zone(dict):
                     client.sendall(struct.pack(">H", len(data)) + data)
 
 
-def dns_cases(scratch, everything):
+def dns_cases(scratch, *_):
     rows = {f"d{n:02}": row for n, row in enumerate(table("faults/data/dns.txt"))}
     play, zone = Play(scratch), Zone(rows)
     zone.serve_tcp()
@@ -340,16 +340,16 @@ class SpoolCase:
         return [] if good else [f"{said} instead of {self.ends}"]
 
 
-def spool_rows(everything):
+def spool_rows(chosen):
     """The table's cases, "*" counted out."""
     length = len(world.Rmd(time.time(), time.time(), 1, "<sender@from.test>", [("<ok@s000.test.test>", -1)]).text())
     for name, steps, ends in table("faults/data/spool.txt"):
-        for n in range(0, length if "*" in steps else 1, 1 if everything else 9):
+        for n in filter(chosen, range(length)) if "*" in steps else [0]:
             yield f"{name} {n}" if "*" in steps else name, steps.replace("*", str(n)), ends
 
 
-def spool_cases(scratch, everything):
-    found = [SpoolCase(f"s{n:03}", *row) for n, row in enumerate(spool_rows(everything))]
+def spool_cases(scratch, chosen, _):
+    found = [SpoolCase(f"s{n:03}", *row) for n, row in enumerate(spool_rows(chosen))]
     late = [case for case in found if case.late]
     lines = "domain-relay *.later.test 127.3.0.2", "domain-relay * 127.3.0.1"
     Server("127.3.0.2", {"banner": (1.0, "220 ready"), "rcpt": {"busy": "450 busy"}})

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Plays one part of one sweep in a world of its own.
 
-    tests/faults/run.py SWEEP PART PARTS SAMPLE     every SAMPLE-th case; the last line counts"""
+    tests/faults/run.py SWEEP PART PARTS SAMPLE SEED     every SAMPLE-th case from the seed on; the last line
+counts"""
 
 import os
 import shutil
@@ -17,16 +18,18 @@ import world
 SWEEPS = {"kill": sweeps.kill_cases, "error": sweeps.error_cases, "power": sweeps.power_cases,
           "smtp": hostile.smtp_cases, "dns": hostile.dns_cases, "spool": hostile.spool_cases,
           "walkers": walkers.walker_cases}
+# A kill between these two loses mail when their order is wrong: always played.
+ALWAYS = {"kill": ("rename", "unlink")}
 
 
 def main():
     scratch = world.enter()
-    sweep, part, parts, sample = sys.argv[1], *map(int, sys.argv[2:5])
+    sweep, part, parts, sample, seed = sys.argv[1], *map(int, sys.argv[2:6])
     passed = failed = 0
     whole = sweep not in ("kill", "error", "power")  # the cases of a table share their runs
-    found = SWEEPS[sweep](scratch, sample == 1) if whole else SWEEPS[sweep](scratch)
+    found = SWEEPS[sweep](scratch, lambda n: (n + seed) % sample == 0, seed) if whole else SWEEPS[sweep](scratch)
     for number, (name, play) in enumerate(found):
-        if not whole and (number % sample or number // sample % parts != part):
+        if not whole and ((number + seed) % sample and not name.startswith(ALWAYS.get(sweep, ("none",))) or number // sample % parts != part):
             continue
         try:
             faults = play()

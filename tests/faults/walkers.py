@@ -12,13 +12,14 @@ MESSAGES, SOME = 2000, 300
 ROUTES = "domain-relay *.a.test 127.0.0.2", "domain-relay *.b.test 127.0.0.3"
 
 
-def walker_cases(scratch, everything):
+def walker_cases(scratch, chosen, seed):
+    everything = chosen(0) and chosen(1)  # and not every eighth
     there = [Server(address, {"rcpt": {"busy": "450 busy", "": "250 ok"}}) for address in ("127.0.0.2", "127.0.0.3")]
-    for number in range(3 if everything else 1):
+    for number in range(3) if everything else [seed]:
         for args in ((), ("-now",)):
             for kills in (0, 6):
                 play = functools.partial(together, scratch, there, args, kills, MESSAGES if everything else SOME, number)
-                yield f"round {number + 1} {' '.join(args)} {kills} killed", play
+                yield f"round {number} {' '.join(args)} {kills} killed", play
 
 
 def together(scratch, there, args, kills, count, seed):

@@ -4,6 +4,8 @@ BUILD_PACKAGES="g++ cmake ninja-build libc6-dev libcli11-dev nlohmann-json3-dev 
 TEST_PACKAGES="googletest clang libclang-rt-14-dev g++-multilib ccache"
 WORLD_PACKAGES="python3 iproute2 dnsmasq-base mount util-linux"
 
+export PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain user's has none of these
+
 # as_root COMMAND...: runs it as root, through sudo when we are somebody else.
 as_root() {
     if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
