@@ -8,7 +8,9 @@ if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
   set(hardened 0)
 endif()
 # A compiler may come with a lower level of _FORTIFY_SOURCE.
-set(defences -fPIE -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS)
+# Programs and what is linked into them; a module that is loaded brings its own kind of code.
+set(program $<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,MODULE_LIBRARY>>)
+set(defences $<${program}:-fPIE> -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS)
 foreach(flag -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "has${flag}" has)
   check_cxx_compiler_flag(${flag} ${has})
@@ -18,4 +20,4 @@ foreach(flag -fstack-clash-protection -fcf-protection)
 endforeach()
 target_compile_options(gateway_flags INTERFACE "$<${hardened}:${defences}>")
 target_link_options(gateway_flags INTERFACE
-    "$<${hardened}:-pie;LINKER:-z,relro;LINKER:-z,now;LINKER:-z,noexecstack>")
+    "$<${hardened}:$<${program}:-pie>;LINKER:-z,relro;LINKER:-z,now;LINKER:-z,noexecstack>")

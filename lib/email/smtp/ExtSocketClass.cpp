@@ -2,6 +2,7 @@
 
 #include "email/base/Alarm.h"
 #include "email/base/Assert.h"
+#include "email/smtp/TlsChannel.h"
 
 #include <fcntl.h>
 #include <netdb.h>
@@ -52,6 +53,8 @@ void setOption(int fd, int level, int option) noexcept {
 }
 
 } // namespace
+
+ExtSocketClass::ExtSocketClass() noexcept = default;
 
 ExtSocketClass::~ExtSocketClass() {
     Close();
@@ -164,7 +167,18 @@ void ExtSocketClass::Connect(const char* host, unsigned short port, int& err, in
     Connect(reinterpret_cast<const sockaddr*>(&address), sizeof address, err);
 }
 
+int ExtSocketClass::protect(std::unique_ptr<Email::TlsChannel> channel) noexcept {
+    // The ending of the last line stays held until the next one is asked for.
+    const bool ending = readBufferUsed > 0 && isLineEnd(readBuffer[0]);
+    const bool pair = readBufferUsed > 1 && readBuffer[0] == '\r' && readBuffer[1] == '\n';
+    const int discarded = readBufferUsed - (pair ? 2 : static_cast<int>(ending));
+    readBufferUsed = 0;
+    channel_ = std::move(channel);
+    return discarded;
+}
+
 int ExtSocketClass::Close() noexcept {
+    channel_.reset();
     const int result = theSocket < 0 ? theSocket : ::close(theSocket);
     theSocket = -1;
     extendedError = 0;
@@ -172,11 +186,24 @@ int ExtSocketClass::Close() noexcept {
     return result;
 }
 
+ssize_t ExtSocketClass::receiveSome(char* to, std::size_t room) noexcept {
+    return channel_ ? channel_->receive(to, room) : ::recv(theSocket, to, room, MSG_DONTWAIT);
+}
+
+ssize_t ExtSocketClass::sendSome(const char* from, std::size_t size) noexcept {
+    return channel_ ? channel_->send(from, size)
+                    : ::send(theSocket, from, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+int ExtSocketClass::waitToSend(long limitMs) const noexcept {
+    return waitFor(theSocket, channel_ ? channel_->events() : POLLOUT, limitMs);
+}
+
 // Adds what has arrived to the buffer. False, with `err`, when nothing more will come. Urgent data
 // wakes a wait without anything to read; from then on it is not waited for.
 bool ExtSocketClass::receive(bool& urgent, int& err) noexcept {
     const auto room = static_cast<std::size_t>(kReadBufferSize - 1 - readBufferUsed);
-    const ssize_t n = ::recv(theSocket, readBuffer.data() + readBufferUsed, room, MSG_DONTWAIT);
+    const ssize_t n = receiveSome(readBuffer.data() + readBufferUsed, room);
     if (n > 0) {
         readBufferUsed += static_cast<std::int32_t>(n);
         readBuffer[static_cast<std::size_t>(readBufferUsed)] = '\0';
@@ -196,8 +223,25 @@ bool ExtSocketClass::awaitMore(long limitMs, bool& urgent, int& err) noexcept {
         const long pause = std::clamp(limitMs, 0L, kFullBufferPauseMs);
         return ::poll(nullptr, 0, static_cast<int>(pause)) == 0 || fail(err, ETIME) != 0;
     }
+    if (channel_) {
+        return awaitProtected(limitMs, err);
+    }
     const short events = urgent ? POLLIN | POLLPRI : POLLIN;
     if (waitFor(theSocket, events, limitMs) <= 0) {
+        return fail(err, ETIME) != 0;
+    }
+    return receive(urgent, err);
+}
+
+// A record that has come may hold more than was read so far, which no wait would tell: so reading
+// is tried before waiting.
+bool ExtSocketClass::awaitProtected(long limitMs, int& err) noexcept {
+    const int before = readBufferUsed;
+    bool urgent = false;
+    if (!receive(urgent, err) || readBufferUsed != before) {
+        return err == 0;
+    }
+    if (waitFor(theSocket, channel_->events(), limitMs) <= 0) {
         return fail(err, ETIME) != 0;
     }
     return receive(urgent, err);
@@ -272,14 +316,13 @@ int ExtSocketClass::WriteN(const char* buf, int len, long timeoutMs, int& err) n
         if (timeoutMs < 0) {
             return 0;
         }
-        const ssize_t n = ::send(theSocket, buf + sent, static_cast<std::size_t>(len - sent),
-                                 MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t n = sendSome(buf + sent, static_cast<std::size_t>(len - sent));
         if (n >= 0) {
             sent += static_cast<int>(n);
         } else if (!nothingYet(errno)) {
             err = errorCode(-1);
             break;
-        } else if (waitFor(theSocket, POLLOUT, timeoutMs) < 1) {
+        } else if (waitToSend(timeoutMs) < 1) {
             return 0;
         }
     }

@@ -15,13 +15,18 @@
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
+#include <memory>
+
+namespace Email {
+class TlsChannel;
+} // namespace Email
 
 class ExtSocketClass {
 public:
     // Room for every line that ReadLine() can hand out, with its terminator.
     static constexpr int kReadBufferSize = 1028;
 
-    ExtSocketClass() noexcept = default;
+    ExtSocketClass() noexcept;
     virtual ~ExtSocketClass();
     ExtSocketClass(const ExtSocketClass&) = delete;
     ExtSocketClass& operator=(const ExtSocketClass&) = delete;
@@ -65,6 +70,14 @@ public:
     // which is asked before each send. Without a socket: returns 9 and leaves err alone.
     int WriteN(const char* buf, int len, long timeoutMs, int& err) noexcept;
 
+    // Puts TLS below ReadLine() and WriteN(), for a connection that has shaken hands; null takes it
+    // off. What was read before it came in the clear and is thrown away: it may be another's words.
+    // Returns how many bytes that were.
+    int protect(std::unique_ptr<Email::TlsChannel> channel) noexcept;
+
+    // Null while the connection is in the clear.
+    [[nodiscard]] const Email::TlsChannel* channel() const noexcept { return channel_.get(); }
+
     // Receives one datagram, its length into `got`, waiting at most 2 seconds. 0 or an error number
     // (-1 after the wait). No address is stored; `fromLen` gets the length that it would have.
     int ReadFrom(char* buf, int& got, int len, int flags, sockaddr* from, int& fromLen,
@@ -87,9 +100,14 @@ private:
     void startConnect(const sockaddr* address, unsigned short len, int flags) noexcept;
     void finishConnect() noexcept;
     void takeSocketError() noexcept;
+    [[nodiscard]] ssize_t receiveSome(char* to, std::size_t room) noexcept;
+    [[nodiscard]] ssize_t sendSome(const char* from, std::size_t size) noexcept;
+    [[nodiscard]] int waitToSend(long limitMs) const noexcept;
+    bool awaitProtected(long limitMs, int& err) noexcept;
     bool receive(bool& urgent, int& err) noexcept;
     bool awaitMore(long limitMs, bool& urgent, int& err) noexcept;
 
+    std::unique_ptr<Email::TlsChannel> channel_;
     std::int32_t extendedError = 0;
     std::array<char, kReadBufferSize> readBuffer{}; // received, not handed out; always terminated
     std::int32_t readBufferUsed = 0;

@@ -1,0 +1,131 @@
+#include "tls/OpenSslSession.h"
+
+#include "tls/SocketBio.h"
+
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+#include <arpa/inet.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Email {
+
+namespace {
+
+bool isAddress(const std::string& name) noexcept {
+    in_addr unused{};
+    return ::inet_pton(AF_INET, name.c_str(), &unused) == 1;
+}
+
+// SSL_set_tlsext_host_name(), whose macro takes no const text.
+bool askFor(SSL* ssl, const std::string& name) noexcept {
+    return SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                    const_cast<char*>(name.c_str())) == 1;
+}
+
+// Lets a handshake end whatever the certificate is; what was found is asked for afterwards.
+int acceptAnybody(int, X509_STORE_CTX*) {
+    return 1;
+}
+
+} // namespace
+
+OpenSslSession::OpenSslSession(SSL_CTX* context, int socket, const TlsTarget& target)
+    : ssl_(SSL_new(context)), ready_(ssl_ != nullptr && prepare(socket, target)) {}
+
+bool OpenSslSession::prepare(int socket, const TlsTarget& target) noexcept {
+    BIO* const bio = newSocketBio(socket);
+    if (bio == nullptr || !expect(target.name)) {
+        BIO_free(bio);
+        return false;
+    }
+    SSL_set_bio(ssl_.get(), bio, bio); // which owns it from here on
+    SSL_set_verify(ssl_.get(), SSL_VERIFY_PEER, target.verify ? nullptr : acceptAnybody);
+    SSL_set_connect_state(ssl_.get());
+    return true;
+}
+
+// A name without its trailing dot, as certificates hold it. An empty name is nobody's.
+bool OpenSslSession::expect(const std::string& full) noexcept {
+    X509_VERIFY_PARAM* const param = SSL_get0_param(ssl_.get());
+    const std::string name = full.ends_with('.') ? full.substr(0, full.size() - 1) : full;
+    if (isAddress(name)) {
+        return X509_VERIFY_PARAM_set1_ip_asc(param, name.c_str()) == 1;
+    }
+    X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    return !name.empty() && askFor(ssl_.get(), name) &&
+           X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size()) == 1;
+}
+
+TlsResult OpenSslSession::judge(int result) {
+    if (result > 0) {
+        return TlsResult::Done;
+    }
+    const int error = SSL_get_error(ssl_.get(), result);
+    switch (error) {
+    case SSL_ERROR_WANT_READ:
+        return TlsResult::WantRead;
+    case SSL_ERROR_WANT_WRITE:
+        return TlsResult::WantWrite;
+    case SSL_ERROR_ZERO_RETURN:
+        return TlsResult::Closed;
+    default:
+        lost_ = true;
+        tellTrouble(error);
+        return TlsResult::Failed;
+    }
+}
+
+// A certificate that was refused says more than the alert that follows from it.
+void OpenSslSession::tellTrouble(int error) {
+    const int system = errno;
+    const unsigned long reason = ERR_peek_error();
+    const long verdict = SSL_get_verify_result(ssl_.get());
+    if (reason != 0 && ERR_GET_REASON(reason) == SSL_R_CERTIFICATE_VERIFY_FAILED) {
+        trouble_ = X509_verify_cert_error_string(verdict);
+    } else if (const char* words = reason == 0 ? nullptr : ERR_reason_error_string(reason)) {
+        trouble_ = words;
+    } else if (error == SSL_ERROR_SYSCALL && system != 0) {
+        trouble_ = std::strerror(system);
+    } else {
+        trouble_ = "connection closed";
+    }
+}
+
+TlsResult OpenSslSession::handshake() noexcept {
+    ERR_clear_error();
+    errno = 0;
+    return judge(SSL_do_handshake(ssl_.get()));
+}
+
+TlsResult OpenSslSession::read(char* to, std::size_t room, std::size_t& done) noexcept {
+    ERR_clear_error();
+    errno = 0;
+    return judge(SSL_read_ex(ssl_.get(), to, room, &done));
+}
+
+TlsResult OpenSslSession::write(const char* from, std::size_t size, std::size_t& done) noexcept {
+    ERR_clear_error();
+    errno = 0;
+    return judge(SSL_write_ex(ssl_.get(), from, size, &done));
+}
+
+void OpenSslSession::close() noexcept {
+    if (!lost_ && SSL_is_init_finished(ssl_.get()) != 0) {
+        ERR_clear_error();
+        SSL_shutdown(ssl_.get());
+    }
+}
+
+std::string OpenSslSession::protocol() const {
+    return std::string(SSL_get_version(ssl_.get())) + "/" + SSL_get_cipher_name(ssl_.get());
+}
+
+bool OpenSslSession::verified() const noexcept {
+    return SSL_get0_peer_certificate(ssl_.get()) != nullptr &&
+           SSL_get_verify_result(ssl_.get()) == X509_V_OK;
+}
+
+} // namespace Email

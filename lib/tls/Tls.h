@@ -1,0 +1,74 @@
+// TLS as the gateway sees it. The library behind it lives in a module of its own, retryer-tls.so,
+// which is loaded when the rule table asks for TLS: linked, it would cost every run about a
+// millisecond and 1.8 MB. So this header is all that both sides share, and nothing here waits, logs
+// or ends the run: time limits and the alarm are the caller's.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace Email {
+
+enum class TlsResult {
+    Done,      // something was done
+    WantRead,  // nothing yet: again once the socket can be read
+    WantWrite, // nothing yet: again once the socket can be written
+    Closed,    // the peer has said that nothing more will come
+    Failed,    // the session is lost; trouble() says why
+};
+
+struct TlsTarget {
+    std::string name;    // the server's name, asked for (SNI) and verified; or its dotted address
+    bool verify = false; // the handshake fails unless chain and name are good
+};
+
+// One session over a connected socket, which it neither owns nor waits for.
+class TlsSession {
+public:
+    TlsSession() = default;
+    TlsSession(const TlsSession&) = delete;
+    TlsSession& operator=(const TlsSession&) = delete;
+    virtual ~TlsSession() = default;
+
+    // Takes the handshake as far as it goes; Done when it is complete.
+    virtual TlsResult handshake() noexcept = 0;
+
+    // Done with `done` above 0 bytes read or written. An interrupted write is repeated with the
+    // same bytes.
+    virtual TlsResult read(char* to, std::size_t room, std::size_t& done) noexcept = 0;
+    virtual TlsResult write(const char* from, std::size_t size, std::size_t& done) noexcept = 0;
+
+    // Tells the peer that nothing more will come, if that can be done at once.
+    virtual void close() noexcept = 0;
+
+    // After the handshake: "TLSv1.3/TLS_AES_256_GCM_SHA384", and whether chain and name are good,
+    // which is found out even where it is not asked for.
+    [[nodiscard]] virtual std::string protocol() const = 0;
+    [[nodiscard]] virtual bool verified() const noexcept = 0;
+
+    // Why a step failed, in a few printable words.
+    [[nodiscard]] virtual std::string trouble() const = 0;
+};
+
+// What all sessions of a run share: whom to trust and who we are.
+class TlsContext {
+public:
+    TlsContext() = default;
+    TlsContext(const TlsContext&) = delete;
+    TlsContext& operator=(const TlsContext&) = delete;
+    virtual ~TlsContext() = default;
+
+    // Null when there is no memory. The context must outlive the session.
+    virtual std::unique_ptr<TlsSession> start(int socket, const TlsTarget& target) = 0;
+};
+
+// The module's one entry, under the name kTlsEntry. The files are in PEM form; `authorities` null
+// means the system's store, `certificate` (chain and key) null that we show none. Null when a file
+// cannot be used: `trouble` says which and why.
+using TlsEntry = TlsContext* (*)(const char* authorities, const char* certificate,
+                                 std::string& trouble);
+inline constexpr const char* kTlsModule = "retryer-tls.so";
+inline constexpr const char* kTlsEntry = "retryerTlsOpen1";
+
+} // namespace Email
