@@ -3,10 +3,9 @@
 #include "email/base/Utils.h"
 #include "email/file/BoundedLineReader.h"
 #include "email/file/FdStream.h"
-#include "email/file/FileReplacement.h"
 #include "email/spool/Recipients.h"
-#include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
+#include "retryq/FileSystemProbe.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -91,7 +90,7 @@ public:
             report_.owner = ownerText(status);
             checkMode(status.st_mode);
             checkSpace();
-            checkWriting();
+            checkPromises();
             checkFiles();
         }
         return std::move(report_);
@@ -125,19 +124,9 @@ private:
         }
     }
 
-    // The steps by which a recipient file is replaced: new file, sync, rename, sync of the name.
-    void checkWriting() {
-        const std::string path = report_.directory + ".retryq-check." + std::to_string(::getpid());
-        Email::FileReplacement file(path, 0600);
-        if (!file.open()) {
-            warn("no file can be made here: " + errorText());
-        } else if (!file.commit("retryq check\n")) {
-            warn("a file cannot be written, synced and renamed here: " + errorText());
-        } else {
-            if (!Email::syncDirectory(path)) {
-                warn("a new name cannot be synced here: " + errorText());
-            }
-            ::unlink(path.c_str());
+    void checkPromises() {
+        for (const std::string& fault : FileSystemProbe(report_.directory).run()) {
+            warn(fault);
         }
     }
 

@@ -21,7 +21,7 @@ struct SpoolReport {
 };
 
 // `suffix` is that of the recipient files in this spool: ".rmd" in the full form, ".rcp" in the
-// short one. Writes, renames, syncs and removes one small file of its own; a walker passes it over.
+// short one. Makes and removes two small files of its own; a walker passes them over.
 [[nodiscard]] SpoolReport checkSpool(const std::string& directory, const std::string& suffix);
 
 // Why a recipient file cannot be used, or a warning about one that can; empty for a sound file.

@@ -124,9 +124,24 @@ class Queue(SystemTest):
 CHECKS = {"well": ("", 0), "typing mistake": ("vorn: smtp-min-deferal 5\n", 1), "rejected line": ("vorn: use-dns\n", 1),
           "two values": ("vorn: use-dns no no\n", 2), "relay without server": ("vorn: domain-relay *\n", 2),
           "relay that is local": ("vorn: domain-relay * 127.0.0.1\n", 1)}
+# A file system that does not do what is asked of it: the call, and what "check" says of it.
+PROMISES = {"no lock": ("flock:error=ENOLCK:when=1", "no message is ever tried (No locks available)"),
+            "lock for all": ("flock:retval=0:when=2", "may send a message twice"),
+            "lock kept": ("flock:error=EAGAIN:when=4", "never be tried again"),
+            "lock for writers": ("flock:error=EBADF:when=5", "open for writing"),
+            "no rename": ("?renameat,?renameat2:error=EXDEV", "a copy at each run"),
+            "a rename that does nothing": ("?renameat,?renameat2:retval=0", "may use an old list"),
+            "no sync": ("fsync:error=EIO:when=1", "may tear recipient lists"),
+            "no sync of names": ("fsync:error=EINVAL:when=2", "may take return mail")}
 
 
 class Check(SystemTest):
+    @cases(PROMISES)
+    def test_promise(self, fault, told):
+        run = self.retryq("--json", "check", status=1, strace=["-e", "inject=" + fault])
+        self.assertIn(told, run.out)
+        self.assertEqual(os.listdir(self.world.spool_dir), [])
+
     @cases(CHECKS)
     def test_status(self, lines, status):
         for directory in (self.world.spool_dir, self.world.outgoing_dir):
