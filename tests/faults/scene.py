@@ -59,7 +59,19 @@ def text_of(leaf):
     return f"Subject: {leaf}\n\n.dotted\nlast line of {leaf}\n".encode()
 
 
-RECIPIENTS = {f"<{rcpt}>": leaf for leaf, (_, rcpts, _) in MESSAGES.items() for rcpt in rcpts}
+RECIPIENTS = {}
+
+
+def cast(messages):
+    """Puts these in place of the usual messages."""
+    usual = dict(messages)
+    MESSAGES.clear()
+    MESSAGES.update(usual)
+    RECIPIENTS.clear()
+    RECIPIENTS.update((f"<{rcpt}>", leaf) for leaf, (_, rcpts, _) in MESSAGES.items() for rcpt in rcpts)
+
+
+cast(MESSAGES)
 FAILED = re.compile(rb"------ Failed Recipients ------\s+(.*?)-------- Returned Mail --------", re.S)
 
 
@@ -116,7 +128,12 @@ class Scene:
         """The recipients of the last conversation, or, when that was for a return mail, those it is
         about."""
         last = max((s for server in self.servers for s in server.sessions), key=lambda s: s.began, default=None)
-        named = {line.decode().partition(" TO: ")[2] for line in (last.commands if last else [])}
+        return self.named_in([last] if last else [])
+
+    @staticmethod
+    def named_in(sessions):
+        """The recipients that these conversations are about, be it by a return mail."""
+        named = {line.decode().partition(" TO: ")[2] for session in sessions for line in list(session.commands)}
         return named | {rcpt for rcpt, leaf in RECIPIENTS.items() if sender_of(leaf) in named}
 
 

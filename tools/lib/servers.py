@@ -41,10 +41,11 @@ class Mail:
 
 
 class Session:
-    """What one client did: every byte, its command lines, its mails, the address it came to."""
+    """What one client did: every byte, its command lines, its mails; the address it came to, and from."""
 
-    def __init__(self, address):
-        self.address, self.raw, self.commands, self.mails, self.began = address, bytearray(), [], [], time.monotonic()
+    def __init__(self, address, client):
+        self.address, self.client, self.began = address, client, time.monotonic()
+        self.raw, self.commands, self.mails = bytearray(), [], []
 
 
 class SmtpServer:
@@ -83,12 +84,12 @@ class SmtpServer:
     def _accept(self):
         while True:
             try:
-                client, _ = self._socket.accept()
+                client, peer = self._socket.accept()
             except OSError:
                 return
             with self._lock:
                 script = self._scripts[min(len(self.sessions), len(self._scripts) - 1)]
-                session = Session(client.getsockname()[0])
+                session = Session(client.getsockname()[0], peer[0])
                 self.sessions.append(session)
             threading.Thread(target=self._serve, args=(client, session, script), daemon=True).start()
 
