@@ -1,5 +1,6 @@
 // One DNS answer, any bytes: whatever is collected is bounded, ordered and cut at this host.
 #include "email/site/HostList.h"
+#include "email/site/MxAnswer.h"
 #include "email/site/Resolver.h"
 #include "fuzz.h"
 
@@ -10,6 +11,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // A copy of its own size, so that a read behind the answer is seen.
     const std::vector<unsigned char> message(data, data + size);
+    const auto exchangers = Email::readExchangers(message);
+    require(!exchangers || exchangers->size() <= Email::kMostExchangers);
     char* names[Resolver::kMaxExchangers] = {};
     int prefs[Resolver::kMaxExchangers] = {};
     int n = Resolver::kMaxExchangers;

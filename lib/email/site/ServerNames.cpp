@@ -1,0 +1,40 @@
+#include "email/site/ServerNames.h"
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <utility>
+
+namespace Email {
+
+namespace {
+
+using Key = std::pair<std::string, std::uint32_t>;
+
+std::map<Key, std::string>& names() {
+    static std::map<Key, std::string> all;
+    return all;
+}
+
+Key keyOf(std::string_view domain, IPaddress address) {
+    if (domain.ends_with('.')) {
+        domain.remove_suffix(1);
+    }
+    std::string lower(domain);
+    std::ranges::transform(lower, lower.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return {std::move(lower), address.value};
+}
+
+} // namespace
+
+void rememberServer(std::string_view domain, IPaddress address, std::string_view name) {
+    names().try_emplace(keyOf(domain, address), name);
+}
+
+std::string serverName(std::string_view domain, IPaddress address) {
+    const auto found = names().find(keyOf(domain, address));
+    return found == names().end() ? std::string() : found->second;
+}
+
+} // namespace Email

@@ -1,0 +1,19 @@
+// Under which name the route of a domain names each of its servers: what TLS asks a server for and
+// verifies. Kept for the whole run, since addresses are remembered without their names.
+#pragma once
+
+#include "email/base/IPaddress.h"
+
+#include <string>
+#include <string_view>
+
+namespace Email {
+
+// The first name stays: that of the exchanger that is tried first. Case and a trailing dot of the
+// domain are ignored.
+void rememberServer(std::string_view domain, IPaddress address, std::string_view name);
+
+// Empty when none is known.
+[[nodiscard]] std::string serverName(std::string_view domain, IPaddress address);
+
+} // namespace Email
