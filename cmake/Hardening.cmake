@@ -9,7 +9,7 @@ if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
 endif()
 # A compiler may come with a lower level of _FORTIFY_SOURCE.
 # Programs and what is linked into them; a module that is loaded brings its own kind of code.
-set(program $<NOT:$<STREQUAL:$<TARGET_PROPERTY:TYPE>,MODULE_LIBRARY>>)
+set(program $<NOT:$<BOOL:$<TARGET_PROPERTY:GATEWAY_MODULE>>>)
 set(defences $<${program}:-fPIE> -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3 -D_GLIBCXX_ASSERTIONS)
 foreach(flag -fstack-clash-protection -fcf-protection)
   string(MAKE_C_IDENTIFIER "has${flag}" has)

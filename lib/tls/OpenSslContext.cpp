@@ -1,5 +1,6 @@
 // The module's entry: whom the gateway trusts and who it is, for all sessions of a run.
 #include "tls/OpenSslSession.h"
+#include "tls/ScramClient.h"
 #include "tls/Tls.h"
 
 #include <openssl/err.h>
@@ -20,6 +21,11 @@ public:
     std::unique_ptr<TlsSession> start(int socket, const TlsTarget& target) override {
         auto session = std::make_unique<OpenSslSession>(context_.get(), socket, target);
         return session->ready() ? std::move(session) : nullptr;
+    }
+
+    std::unique_ptr<SaslExchange> scram(std::string_view user, std::string_view password) override {
+        const std::string nonce = newNonce();
+        return nonce.empty() ? nullptr : std::make_unique<ScramClient>(user, password, nonce);
     }
 
 private:

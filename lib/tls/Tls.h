@@ -6,7 +6,9 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace Email {
 
@@ -51,6 +53,23 @@ public:
     [[nodiscard]] virtual std::string trouble() const = 0;
 };
 
+// One exchange in which we prove who we are. Texts are as they are before base64.
+class SaslExchange {
+public:
+    SaslExchange() = default;
+    SaslExchange(const SaslExchange&) = delete;
+    SaslExchange& operator=(const SaslExchange&) = delete;
+    virtual ~SaslExchange() = default;
+
+    [[nodiscard]] virtual std::string first() const = 0;
+
+    // What is said to the server's challenge; nothing when that is not as it must be.
+    [[nodiscard]] virtual std::optional<std::string> answer(std::string_view challenge) = 0;
+
+    // True when the server's last words prove that it knows the password.
+    [[nodiscard]] virtual bool accepts(std::string_view final) const = 0;
+};
+
 // What all sessions of a run share: whom to trust and who we are.
 class TlsContext {
 public:
@@ -61,6 +80,10 @@ public:
 
     // Null when there is no memory. The context must outlive the session.
     virtual std::unique_ptr<TlsSession> start(int socket, const TlsTarget& target) = 0;
+
+    // SCRAM-SHA-256; null when there is no randomness to be had.
+    virtual std::unique_ptr<SaslExchange> scram(std::string_view user,
+                                                std::string_view password) = 0;
 };
 
 // The module's one entry, under the name kTlsEntry. The files are in PEM form; `authorities` null

@@ -69,7 +69,7 @@ TEST(MxAnswer, HoldsWhatTheAnswerSectionSaysOrNothing) {
 }
 
 TEST(MxAnswer, OrdersByPreferenceMixesEqualsAndEndsAtThisHost) {
-    const std::vector<Exchanger> all{{"c", 20},       {"a", 10}, {"b", 10},
+    const std::vector<Exchanger> all{{"", 1},         {"c", 20}, {"a", 10}, {"b", 10},
                                      {"Gw.Test", 20}, {"d", 5},  {"e", 30}};
     std::set<std::string> seen;
     for (unsigned seed = 1; seed < 50; ++seed) {
