@@ -2,6 +2,7 @@
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
 #include "retryq/SpoolCheck.h"
+#include "retryq/Table.h"
 
 #include "email/site/DomainRelay.h"
 #include "email/site/mailscanGlobals.h"
@@ -73,7 +74,7 @@ std::string sourceText(std::int32_t line) {
 void reportSettings(const Context& context) {
     title(context, "Settings in force");
     Table table(context.screen,
-                {{"KEY", 27}, {"FROM", 8}, {"UNIT", 9}, {"VALUE", 20, false, true}});
+                {{"KEY", 27}, {"FROM", 8}, {"UNIT", 9}, {"VALUE", 10, false, Table::Fit::Wrap}});
     for (const Setting& setting : settings()) {
         if (setting.kind == Setting::Kind::Relays) {
             continue;

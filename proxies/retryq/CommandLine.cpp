@@ -25,9 +25,17 @@ std::vector<std::string> withUsualOptions(int argc, char** argv) {
 void addFilter(CLI::App& command, Filter& filter) {
     const CLI::AsNumberWithUnit duration(kTimeUnits, CLI::AsNumberWithUnit::CASE_INSENSITIVE,
                                          "TIME");
-    command.add_option("--domain", filter.domain, "only with a recipient in this domain");
-    command.add_option("--sender", filter.sender, "only from senders that hold this text");
-    command.add_option("--code", filter.code, "only with a recipient of this result code");
+    const CLI::Validator given(
+        [](const std::string& word) { return word.empty() ? "must not be empty" : ""; }, "");
+    command.add_option("--domain", filter.domains, "a recipient in this domain")->check(given);
+    command
+        .add_option("--recipient", filter.recipients,
+                    "this recipient; * stands for any text: *@lab.example")
+        ->check(given);
+    command
+        .add_option("--sender", filter.senders, "this sender; * stands for any text, <> for none")
+        ->check(given);
+    command.add_option("--code", filter.codes, "a recipient of this result code");
     command.add_option("--older", filter.olderThan, "only at least this old: 90, 15m, 2h, 3d")
         ->transform(duration);
     command.add_option("--younger", filter.youngerThan, "only at most this old")
@@ -62,11 +70,22 @@ CLI::App* addChange(CLI::App& app, const char* name, const char* help, CommandLi
 }
 
 void addCommands(CLI::App& app, CommandLine& line) {
-    addFilter(*app.add_subcommand("list", "a line a message, the oldest first"), line.filter);
+    CLI::App* const list = app.add_subcommand("list", "a line a message, the oldest first");
+    addFilter(*list, line.filter);
+    list->add_option("--sort", line.view.sort, "age, size, tries, next or rcpts")
+        ->check(CLI::IsMember({"age", "size", "tries", "next", "rcpts"}));
+    list->add_option("--limit", line.view.limit, "at most so many messages");
+    list->add_flag("--recipients", line.view.recipients, "each recipient with its last result");
     CLI::App* const show = app.add_subcommand("show", "all about one message");
     show->add_option("MESSAGE", line.words, "leaf name")->required()->expected(1);
     show->add_flag("--body", line.body, "its whole text");
-    app.add_subcommand("summary", "recipients by domain and age: where mail is stuck");
+    CLI::App* const summary =
+        app.add_subcommand("summary", "recipients by domain and age: where mail is stuck");
+    summary->add_option("--by", line.grouping.by, "domain, code or sender")
+        ->check(CLI::IsMember({"domain", "code", "sender"}));
+    summary->add_option("--sort", line.grouping.sort, "age (of the oldest) or count")
+        ->check(CLI::IsMember({"age", "count"}));
+    summary->add_option("--top", line.grouping.top, "only the first so many rows");
     app.add_subcommand("route", "where mail for an address would go now, and why")
         ->add_option("ADDRESS", line.words, "a recipient")
         ->required()

@@ -15,6 +15,8 @@ struct CommandLine {
     std::string service = "vorn";
     bool json = false;
     Filter filter;
+    ListView view;
+    SummaryView grouping;
     std::vector<std::string> words; // message leaves, the address, or the file
     bool body = false;
     bool yes = false;

@@ -1,13 +1,13 @@
 // What retryq can do. Each command returns the program's exit status.
 #pragma once
 
+#include "retryq/Filter.h"
 #include "retryq/Format.h"
 #include "retryq/Queue.h"
 #include "retryq/Settings.h"
 
 #include <cstdint>
 #include <limits>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,26 +28,28 @@ struct Context {
     std::time_t now = 0;
 };
 
-struct Filter {
-    std::string domain;               // of a recipient; empty: any
-    std::string sender;               // a part of the envelope sender
-    std::string state;                // a state's name, or "held"
-    std::optional<std::int32_t> code; // of a recipient
-    std::int64_t olderThan = std::numeric_limits<std::int64_t>::min();   // seconds
-    std::int64_t youngerThan = std::numeric_limits<std::int64_t>::max(); // seconds
-
-    [[nodiscard]] bool accepts(const Message& message, const Recipients& recipients,
-                               std::time_t now) const;
+// How list shows what it found.
+struct ListView {
+    std::string sort = "age"; // age, size, tries, next or rcpts
+    std::size_t limit = std::numeric_limits<std::size_t>::max();
+    bool recipients = false; // each with its latest result
 };
 
-// A line a message, the oldest first.
-int list(const Context& context, const Filter& filter);
+// How summary groups recipients, and which rows it shows.
+struct SummaryView {
+    std::string by = "domain"; // domain, code or sender
+    std::string sort = "age";  // age or count
+    std::size_t top = std::numeric_limits<std::size_t>::max();
+};
+
+// A line a message.
+int list(const Context& context, const Filter& filter, const ListView& view);
 
 // All about one message; its body too when asked.
 int show(const Context& context, const std::string& leaf, bool body);
 
-// Recipients by domain and age.
-int summary(const Context& context);
+// Recipients by domain, result or sender, and by age.
+int summary(const Context& context, const SummaryView& view);
 
 // Where mail for the address would go now, and why. Looks names up, connects to nothing.
 int route(const Context& context, const std::string& address);

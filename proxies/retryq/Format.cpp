@@ -14,10 +14,6 @@ namespace Retryq {
 
 namespace {
 
-constexpr int kGap = 2;         // blanks between columns
-constexpr int kLeast = 4;       // of a flexible column
-constexpr int kPipeWidth = 120; // laid out for this where there is no terminal
-
 // The date and time of day with `separator` between them.
 std::string timeText(const std::tm& fields, char separator) {
     std::array<char, 64> date{};
@@ -65,7 +61,11 @@ std::string sizeText(std::int64_t bytes) {
 
 std::string localTimeText(std::time_t time) {
     std::tm fields{};
-    return ::localtime_r(&time, &fields) == nullptr ? "-" : timeText(fields, ' ');
+    std::array<char, 16> zone{};
+    return ::localtime_r(&time, &fields) == nullptr ||
+                   std::strftime(zone.data(), zone.size(), " %z", &fields) == 0
+               ? "-"
+               : timeText(fields, ' ') + zone.data();
 }
 
 std::string isoTimeText(std::time_t time) {
@@ -107,57 +107,6 @@ Screen standardScreen(std::ostream& out) {
     const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
     const char* const noColour = std::getenv("NO_COLOR");
     return {out, known ? size.ws_col : kUsualWidth, noColour == nullptr || *noColour == '\0'};
-}
-
-Table::Table(const Screen& screen, std::vector<Column> columns)
-    : screen_(screen), columns_(std::move(columns)) {
-    const int width = screen_.width != 0 ? screen_.width : kPipeWidth;
-    int used = kGap * static_cast<int>(columns_.size() - 1);
-    int flexible = 0;
-    for (const Column& column : columns_) {
-        used += column.width;
-        flexible += column.flexible ? 1 : 0;
-    }
-    for (auto column = columns_.begin(); flexible > 0; ++column) {
-        if (column->flexible) {
-            const int share = std::max((width - used) / flexible--, kLeast - column->width);
-            column->width += share;
-            used += share;
-        }
-    }
-}
-
-void Table::header() {
-    std::vector<std::string> titles;
-    for (const Column& column : columns_) {
-        titles.push_back(column.title);
-    }
-    row(titles, Colour::Bold);
-}
-
-void Table::row(std::span<const std::string> cells, Colour colour) {
-    std::string line;
-    for (std::size_t i = 0; i < columns_.size(); ++i) {
-        line.append(i == 0 ? 0 : kGap, ' ');
-        line += cell(columns_[i], cells[i], i + 1 == columns_.size());
-    }
-    screen_.out << screen_.paint(line, colour) << '\n';
-}
-
-std::string Table::cell(const Column& column, std::string_view text, bool last) const {
-    const auto width = static_cast<std::size_t>(column.width);
-    std::string out(text);
-    if (screen_.width != 0 && column.flexible && out.size() > width) {
-        out.resize(width - 2);
-        out += "..";
-    }
-    const std::size_t padding = out.size() < width ? width - out.size() : 0;
-    if (column.right) {
-        out.insert(0, padding, ' ');
-    } else if (!last) {
-        out.append(padding, ' ');
-    }
-    return out;
 }
 
 } // namespace Retryq

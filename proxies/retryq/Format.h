@@ -4,10 +4,8 @@
 #include <cstdint>
 #include <ctime>
 #include <ostream>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace Retryq {
 
@@ -17,7 +15,7 @@ namespace Retryq {
 // "512", "4.1K", "12M": bytes in powers of 1024.
 [[nodiscard]] std::string sizeText(std::int64_t bytes);
 
-// "2026-11-21 14:05:09" in the local zone; "2026-11-21T14:05:09Z" for programs.
+// "2026-11-21 14:05:09 +0100" in the local zone; "2026-11-21T14:05:09Z" for programs.
 [[nodiscard]] std::string localTimeText(std::time_t time);
 [[nodiscard]] std::string isoTimeText(std::time_t time);
 
@@ -41,29 +39,5 @@ struct Screen {
 
 // The screen behind standard output.
 [[nodiscard]] Screen standardScreen(std::ostream& out);
-
-// Prints rows in columns, one line a row. The flexible columns share what the others leave of the
-// terminal's width, and what does not fit is cut and ends in "..". In a pipe nothing is cut.
-class Table {
-public:
-    struct Column {
-        std::string title;
-        int width; // of a flexible column: its part of the width before it is shared out
-        bool right = false;
-        bool flexible = false;
-    };
-
-    Table(const Screen& screen, std::vector<Column> columns);
-
-    void header();
-    // The cells hold printable text, one a column; the last column is not padded.
-    void row(std::span<const std::string> cells, Colour colour = Colour::Plain);
-
-private:
-    [[nodiscard]] std::string cell(const Column& column, std::string_view text, bool last) const;
-
-    Screen screen_;
-    std::vector<Column> columns_;
-};
 
 } // namespace Retryq

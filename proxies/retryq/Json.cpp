@@ -8,7 +8,15 @@ void writeJson(std::ostream& out, const Json& object) {
     out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
-Json toJson(const Message& message, std::time_t now) {
+std::vector<Recipient> copyOf(const Recipients& recipients) {
+    std::vector<Recipient> copy;
+    for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
+        copy.push_back({r->text(), r->reason});
+    }
+    return copy;
+}
+
+Json toJson(const Message& message, const std::vector<Recipient>& recipients, std::time_t now) {
     Json object{{"message", message.leaf},
                 {"state", stateName(message.state)},
                 {"held", message.held},
@@ -24,6 +32,12 @@ Json toJson(const Message& message, std::time_t now) {
         object["latest_try"] = isoTimeText(message.latestTry);
         object["next_try"] = isoTimeText(message.nextTry);
         object["given_up"] = isoTimeText(message.givenUp);
+        Json list = Json::array();
+        for (const Recipient& r : recipients) {
+            list.push_back(
+                {{"address", r.address}, {"code", r.code}, {"result", resultText(r.code)}});
+        }
+        object["recipient_list"] = std::move(list);
     }
     return object;
 }

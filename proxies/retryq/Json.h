@@ -6,6 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include <ostream>
+#include <string>
+#include <vector>
 
 namespace Retryq {
 
@@ -13,7 +15,16 @@ using Json = nlohmann::ordered_json;
 
 void writeJson(std::ostream& out, const Json& object);
 
+// A recipient as it stands in the queue.
+struct Recipient {
+    std::string address;
+    std::int32_t code; // the result of its latest attempt
+};
+
+[[nodiscard]] std::vector<Recipient> copyOf(const Recipients& recipients);
+
 // What list and show say of a message.
-[[nodiscard]] Json toJson(const Message& message, std::time_t now);
+[[nodiscard]] Json toJson(const Message& message, const std::vector<Recipient>& recipients,
+                          std::time_t now);
 
 } // namespace Retryq

@@ -1,8 +1,7 @@
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
-
-#include <strings.h>
+#include "retryq/Table.h"
 
 #include <algorithm>
 #include <array>
@@ -15,21 +14,7 @@ namespace Retryq {
 namespace {
 
 constexpr std::size_t kShown = 256; // bytes of a name or address in a table
-
-bool anyRecipient(const Recipients& recipients, auto&& test) {
-    for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
-        if (test(*r)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool hasDomain(const Recipients& recipients, const std::string& domain) {
-    return anyRecipient(recipients, [&](const EmailAddr& r) {
-        return ::strcasecmp(domainOf(r).c_str(), domain.c_str()) == 0;
-    });
-}
+constexpr std::size_t kAddress = 3 * EmailAddr::kMaxText;
 
 Colour colourOf(const Message& message) noexcept {
     switch (message.state) {
@@ -44,74 +29,135 @@ Colour colourOf(const Message& message) noexcept {
     return Colour::Plain;
 }
 
-std::vector<Message> collect(const Context& context, const Filter& filter, bool& opened) {
-    std::vector<Message> messages;
-    opened = context.queue.visit([&](const Message& message, const Recipients& recipients) {
-        if (filter.accepts(message, recipients, context.now)) {
-            messages.push_back(message);
-        }
-    });
-    std::ranges::sort(messages, [](const Message& a, const Message& b) {
-        return a.firstTry != b.firstTry ? a.firstTry < b.firstTry : a.leaf < b.leaf;
-    });
-    return messages;
+// A message, with its recipients when they are shown.
+struct Row {
+    Message message;
+    std::vector<Recipient> recipients;
+};
+
+// Larger is first, but for times, where the earlier one is.
+std::int64_t rank(const Message& message, const std::string& sort) {
+    if (sort == "size") {
+        return -message.size;
+    }
+    if (sort == "tries") {
+        return -message.tries;
+    }
+    if (sort == "rcpts") {
+        return -static_cast<std::int64_t>(message.recipients);
+    }
+    return sort == "next" ? message.nextTry : message.firstTry;
 }
 
-void printTable(const Context& context, const std::vector<Message>& messages) {
-    std::size_t leaf = std::strlen("MESSAGE");
-    for (const Message& message : messages) {
-        leaf = std::max(leaf, message.leaf.size());
+std::vector<Row> collect(const Context& context, const Filter& filter, const ListView& view,
+                         bool& opened) {
+    std::vector<Row> rows;
+    const bool full = view.recipients || context.json;
+    opened = context.queue.visit([&](const Message& message, const Recipients& recipients) {
+        if (filter.accepts(message, recipients, context.now)) {
+            rows.push_back({message, full ? copyOf(recipients) : std::vector<Recipient>()});
+        }
+    });
+    std::ranges::sort(rows, [&](const Row& a, const Row& b) {
+        const std::int64_t first = rank(a.message, view.sort);
+        const std::int64_t second = rank(b.message, view.sort);
+        return first != second ? first < second : a.message.leaf < b.message.leaf;
+    });
+    rows.resize(std::min(rows.size(), view.limit));
+    return rows;
+}
+
+// What a terminal has room for: the words of a result, then size and tries, give way to what tells
+// the messages apart.
+enum class Room { All, NoWords, Little };
+
+Room roomOn(const Screen& screen) noexcept {
+    constexpr int kAll = 100;
+    constexpr int kNoWords = 72;
+    if (screen.width == 0 || screen.width >= kAll) {
+        return Room::All;
     }
-    Table table(context.screen, {{"MESSAGE", static_cast<int>(leaf)},
-                                 {"SIZE", 5, true},
-                                 {"AGE", 4, true},
-                                 {"TRIES", 5, true},
-                                 {"RCPTS", 5, true},
-                                 {"SENDER", 16, false, true},
-                                 {"NEXT", 14, false, true},
-                                 {"LAST RESULT", 16, false, true}});
+    return screen.width >= kNoWords ? Room::NoWords : Room::Little;
+}
+
+std::string codeText(std::int32_t code) {
+    return code == IDS_NO_REASON ? "new" : std::to_string(code);
+}
+
+std::vector<std::string> cellsOf(const Context& context, const Message& message) {
+    const Room room = roomOn(context.screen);
+    const bool readable = message.state != State::Unreadable;
+    std::vector<std::string> cells{
+        printable(message.leaf, kShown), durationText(message.age(context.now)),
+        readable ? std::to_string(message.recipients) : "-",
+        message.sender.empty() ? "<>" : printable(message.sender, kShown),
+        nextTryText(message, context.now)};
+    const std::string result =
+        room == Room::All ? codeAndText(message.code) : codeText(message.code);
+    cells.push_back(readable ? result : "-");
+    if (room != Room::Little) {
+        cells.insert(cells.begin() + 1, sizeText(message.size));
+        cells.insert(cells.begin() + 3, readable ? std::to_string(message.tries) : "-");
+    }
+    return cells;
+}
+
+std::vector<Table::Column> columnsOn(const Screen& screen) {
+    using Fit = Table::Fit;
+    const Room room = roomOn(screen);
+    std::vector<Table::Column> columns{{"MESSAGE", 7},
+                                       {"AGE", 4, true},
+                                       {"RCPTS", 5, true},
+                                       {"SENDER", 12, false, Fit::Wrap},
+                                       {"NEXT", 8, false, Fit::Wrap},
+                                       {"LAST RESULT", 20, false, Fit::Wrap}};
+    if (room != Room::All) {
+        columns.back() = {"LAST", 4};
+    }
+    if (room != Room::Little) {
+        columns.insert(columns.begin() + 1, {"SIZE", 5, true});
+        columns.insert(columns.begin() + 3, {"TRIES", 5, true});
+    }
+    return columns;
+}
+
+void printRecipients(const Context& context, const std::vector<Recipient>& recipients) {
+    for (const Recipient& recipient : recipients) {
+        context.screen.out << "    " << printable(recipient.address, kAddress) << "  "
+                           << codeAndText(recipient.code) << '\n';
+    }
+}
+
+void printTable(const Context& context, const std::vector<Row>& rows) {
+    Table table(context.screen, columnsOn(context.screen));
+    for (const Row& row : rows) {
+        table.measure(cellsOf(context, row.message));
+    }
     table.header();
-    for (const Message& message : messages) {
-        const bool readable = message.state != State::Unreadable;
-        const std::array cells{
-            printable(message.leaf, kShown),
-            sizeText(message.size),
-            durationText(message.age(context.now)),
-            readable ? std::to_string(message.tries) : "-",
-            readable ? std::to_string(message.recipients) : "-",
-            message.sender.empty() ? "<>" : printable(message.sender, kShown),
-            nextTryText(message, context.now),
-            readable ? codeAndText(message.code) : "-",
-        };
-        table.row(cells, colourOf(message));
+    for (const Row& row : rows) {
+        table.row(cellsOf(context, row.message), colourOf(row.message));
+        printRecipients(context, row.recipients);
     }
 }
 
 } // namespace
 
-bool Filter::accepts(const Message& message, const Recipients& recipients, std::time_t now) const {
-    const std::int64_t age = message.age(now);
-    return age >= olderThan && age <= youngerThan &&
-           (state.empty() || state == (message.held ? "held" : stateName(message.state))) &&
-           (sender.empty() || ::strcasestr(message.sender.c_str(), sender.c_str()) != nullptr) &&
-           (!code || anyRecipient(recipients, [&](const auto& r) { return r.reason == *code; })) &&
-           (domain.empty() || hasDomain(recipients, domain));
-}
-
-int list(const Context& context, const Filter& filter) {
+int list(const Context& context, const Filter& filter, const ListView& view) {
     bool opened = false;
-    const std::vector<Message> messages = collect(context, filter, opened);
+    const std::vector<Row> rows = collect(context, filter, view, opened);
     if (!opened) {
         return cannotOpenSpool(context);
     }
     if (context.json) {
-        for (const Message& message : messages) {
-            writeJson(context.screen.out, toJson(message, context.now));
+        for (const Row& row : rows) {
+            writeJson(context.screen.out, toJson(row.message, row.recipients, context.now));
         }
-    } else if (!messages.empty()) {
-        printTable(context, messages);
+    } else if (!rows.empty()) {
+        printTable(context, rows);
+    } else if (filter.empty()) {
+        context.screen.out << "Mail queue is empty\n";
     } else if (context.screen.width != 0) {
-        context.screen.out << "No such message in " << context.queue.directory() << '\n';
+        context.screen.out << "No such message\n";
     }
     return kDone;
 }

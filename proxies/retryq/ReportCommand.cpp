@@ -2,6 +2,7 @@
 #include "retryq/Commands.h"
 #include "retryq/History.h"
 #include "retryq/Json.h"
+#include "retryq/Table.h"
 #include "retryq/history/Chart.h"
 #include "retryq/history/LogSource.h"
 #include "retryq/history/Tally.h"
@@ -41,42 +42,42 @@ void printHours(const Context& context, const Tally& tally) {
 
 void printDomains(const Context& context, const Tally& tally, std::size_t top) {
     title(context, "BY DOMAIN, most trouble first");
-    Table table(context.screen, {{"DOMAIN", 30, false, true},
+    Table table(context.screen, {{"DOMAIN", 12, false, Table::Fit::Wrap},
                                  {"DELIVERED", 9, true},
                                  {"DEFERRED", 8, true},
                                  {"RETURNED", 8, true},
                                  {"DROPPED", 7, true}});
-    table.header();
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [domain, outcome] : tally.domains(top)) {
-        const std::array cells{printable(domain, kShown), count(outcome.delivered),
-                               count(outcome.deferred), count(outcome.returned),
-                               count(outcome.dropped)};
-        table.row(cells);
+        rows.push_back({printable(domain, kShown), count(outcome.delivered),
+                        count(outcome.deferred), count(outcome.returned), count(outcome.dropped)});
     }
+    table.print(rows);
 }
 
 void printReasons(const Context& context, const Tally& tally, std::size_t top) {
     title(context, "WHY NOT DELIVERED");
-    Table table(context.screen, {{"RCPTS", 7, true}, {"SERVER", 15}, {"WORDS", 30, false, true}});
-    table.header();
+    Table table(context.screen,
+                {{"RCPTS", 7, true}, {"SERVER", 15}, {"WORDS", 20, false, Table::Fit::Wrap}});
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [key, reason] : tally.reasons(top)) {
-        const std::array cells{count(reason.recipients),
-                               reason.server.empty() ? "-" : printable(reason.server, kShown),
-                               printable(reason.words, kShown)};
-        table.row(cells);
+        rows.push_back({count(reason.recipients),
+                        reason.server.empty() ? "-" : printable(reason.server, kShown),
+                        printable(reason.words, kShown)});
     }
+    table.print(rows);
 }
 
 void printServers(const Context& context, const Tally& tally, std::size_t top) {
     title(context, "SLOWEST SERVERS");
     Table table(context.screen,
                 {{"SERVER", 15}, {"TOTAL", 6, true}, {"LONGEST", 7, true}, {"LINES", 7, true}});
-    table.header();
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [server, time] : tally.servers(top)) {
-        const std::array cells{printable(server, kShown), durationText(time.seconds),
-                               durationText(time.longest), count(time.lines)};
-        table.row(cells);
+        rows.push_back({printable(server, kShown), durationText(time.seconds),
+                        durationText(time.longest), count(time.lines)});
     }
+    table.print(rows);
 }
 
 void printReturns(const Context& context, const Tally& tally, std::size_t top) {
@@ -84,13 +85,14 @@ void printReturns(const Context& context, const Tally& tally, std::size_t top) {
         return;
     }
     title(context, "LARGEST RETURNS");
-    Table table(context.screen, {{"RCPTS", 7, true}, {"MESSAGE", 16}, {"SENDER", 30, false, true}});
-    table.header();
+    Table table(context.screen,
+                {{"RCPTS", 7, true}, {"MESSAGE", 16}, {"SENDER", 12, false, Table::Fit::Wrap}});
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [message, returned] : tally.returns(top)) {
-        const std::array cells{count(returned.recipients), printable(message, kShown),
-                               printable(returned.sender, kShown)};
-        table.row(cells);
+        rows.push_back({count(returned.recipients), printable(message, kShown),
+                        printable(returned.sender, kShown)});
     }
+    table.print(rows);
 }
 
 void printAll(const Context& context, const Tally& tally, std::size_t top) {

@@ -3,6 +3,7 @@
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
+#include "retryq/Table.h"
 
 #include <cstring>
 #include <iostream>
@@ -53,12 +54,13 @@ void printSchedule(const Context& context, const Message& message) {
 }
 
 void printRecipients(const Context& context, const Recipients& recipients) {
-    Table table(context.screen, {{"RECIPIENT", 40, false, true}, {"LAST RESULT", 24, false, true}});
-    table.header();
+    Table table(context.screen, {{"RECIPIENT", 20, false, Table::Fit::Wrap},
+                                 {"LAST RESULT", 20, false, Table::Fit::Wrap}});
+    std::vector<std::vector<std::string>> rows;
     for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
-        const std::array cells{printable(r->text(), kAddress), codeAndText(r->reason)};
-        table.row(cells);
+        rows.push_back({printable(r->text(), kAddress), codeAndText(r->reason)});
     }
+    table.print(rows);
 }
 
 void printText(const Context& context, const std::string& leaf, bool body) {
@@ -90,14 +92,7 @@ void printAll(const Context& context, const Message& message, const Recipients& 
 
 void writeAllJson(const Context& context, const Message& message, const Recipients& recipients,
                   bool body) {
-    Json object = toJson(message, context.now);
-    Json list = Json::array();
-    for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
-        list.push_back({{"address", r->text()},
-                        {"code", static_cast<std::int32_t>(r->reason)},
-                        {"result", resultText(r->reason)}});
-    }
-    object["recipient_list"] = std::move(list);
+    Json object = toJson(message, copyOf(recipients), context.now);
     object["header"] = Json::array();
     readText(context.queue.textPath(message.leaf), body, [&](std::string_view line, bool inBody) {
         object[inBody ? "body" : "header"].push_back(line);

@@ -1,5 +1,7 @@
+#include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
+#include "retryq/Table.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,6 +11,8 @@
 namespace Retryq {
 
 namespace {
+
+constexpr std::size_t kShown = 256; // bytes of a name in the table
 
 struct Bucket {
     const char* title;
@@ -39,17 +43,28 @@ struct Row {
     }
 };
 
+std::string groupOf(const Message& message, const EmailAddr& recipient, const std::string& by) {
+    if (by == "code") {
+        return codeAndText(recipient.reason);
+    }
+    if (by == "sender") {
+        return message.sender.empty() ? "<>" : printable(message.sender, kShown);
+    }
+    return domainOf(recipient);
+}
+
 struct Totals {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
     Row all;
-    std::unordered_map<std::string, Row> domains;
+    std::unordered_map<std::string, Row> groups;
 
-    void add(const Message& message, const Recipients& recipients, std::time_t now) {
+    void add(const Message& message, const Recipients& recipients, const std::string& by,
+             std::time_t now) {
         ++messages;
         bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(message.size, 0));
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
-            domains[domainOf(*r)].add(message.age(now));
+            groups[groupOf(message, *r, by)].add(message.age(now));
             all.add(message.age(now));
         }
     }
@@ -57,38 +72,63 @@ struct Totals {
 
 using Entry = std::pair<std::string, Row>;
 
-std::vector<Entry> oldestFirst(const std::unordered_map<std::string, Row>& domains) {
-    std::vector<Entry> rows(domains.begin(), domains.end());
-    std::ranges::sort(rows, [](const Entry& a, const Entry& b) {
-        return a.second.oldest != b.second.oldest ? a.second.oldest > b.second.oldest
-                                                  : a.first < b.first;
+// The largest first; equal ones by name.
+std::vector<Entry> sorted(const Totals& totals, const SummaryView& view) {
+    std::vector<Entry> rows(totals.groups.begin(), totals.groups.end());
+    const auto weight = [&](const Row& row) {
+        return view.sort == "count" ? static_cast<std::int64_t>(row.total) : row.oldest;
+    };
+    std::ranges::sort(rows, [&](const Entry& a, const Entry& b) {
+        return weight(a.second) != weight(b.second) ? weight(a.second) > weight(b.second)
+                                                    : a.first < b.first;
     });
+    rows.resize(std::min(rows.size(), view.top));
     return rows;
 }
 
-void printRow(Table& table, const std::string& name, const Row& row, Colour colour) {
+// A narrow terminal has no room for the ages.
+bool showsAges(const Screen& screen) noexcept {
+    constexpr int kNarrow = 72;
+    return screen.width == 0 || screen.width >= kNarrow;
+}
+
+std::vector<std::string> cellsOf(const Context& context, const std::string& name, const Row& row) {
     std::vector<std::string> cells{name, durationText(row.oldest), std::to_string(row.total)};
+    if (!showsAges(context.screen)) {
+        return cells;
+    }
     std::ranges::transform(row.count, std::back_inserter(cells), [](std::uint64_t n) {
         return n == 0 ? std::string("-") : std::to_string(n);
     });
-    table.row(cells, colour);
+    return cells;
 }
 
-void printTable(const Context& context, const Totals& totals) {
+std::string titleOf(const std::string& by) {
+    return by == "code" ? "RESULT" : by == "sender" ? "SENDER" : "RECIPIENT DOMAIN";
+}
+
+void printTable(const Context& context, const Totals& totals, const SummaryView& view) {
     std::vector<Table::Column> columns{
-        {"RECIPIENT DOMAIN", 24, false, true}, {"OLDEST", 6, true}, {"RCPTS", 6, true}};
+        {titleOf(view.by), 8, false, Table::Fit::Wrap}, {"OLDEST", 6, true}, {"RCPTS", 5, true}};
     for (const Bucket& bucket : kBuckets) {
-        columns.push_back({bucket.title, 5, true});
+        if (!showsAges(context.screen)) {
+            break;
+        }
+        columns.push_back({bucket.title, 3, true});
     }
     Table table(context.screen, std::move(columns));
-    table.header();
-    for (const auto& [domain, row] : oldestFirst(totals.domains)) {
-        printRow(table, domain, row, Colour::Plain);
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [name, row] : sorted(totals, view)) {
+        rows.push_back(cellsOf(context, name, row));
     }
-    printRow(table, "TOTAL", totals.all, Colour::Bold);
+    const std::vector<std::string> last = cellsOf(context, "TOTAL", totals.all);
+    table.measure(last);
+    table.print(rows);
+    table.row(last, Colour::Bold);
     context.screen.out << totals.messages << " messages, "
                        << sizeText(static_cast<std::int64_t>(totals.bytes)) << " bytes, "
-                       << totals.domains.size() << " domains\n";
+                       << totals.groups.size() << ' ' << view.by
+                       << (totals.groups.size() == 1 ? "" : "s") << '\n';
 }
 
 Json rowJson(const Row& row) {
@@ -102,9 +142,9 @@ Json rowJson(const Row& row) {
     return {{"oldest", row.oldest}, {"recipients", row.total}, {"ages", std::move(ages)}};
 }
 
-void writeAllJson(const Context& context, const Totals& totals) {
-    for (const auto& [domain, row] : oldestFirst(totals.domains)) {
-        Json object{{"domain", domain}};
+void writeAllJson(const Context& context, const Totals& totals, const SummaryView& view) {
+    for (const auto& [name, row] : sorted(totals, view)) {
+        Json object{{view.by, name}};
         object.update(rowJson(row));
         writeJson(context.screen.out, object);
     }
@@ -115,17 +155,17 @@ void writeAllJson(const Context& context, const Totals& totals) {
 
 } // namespace
 
-int summary(const Context& context) {
+int summary(const Context& context, const SummaryView& view) {
     Totals totals;
     if (!context.queue.visit([&](const Message& message, const Recipients& recipients) {
-            totals.add(message, recipients, context.now);
+            totals.add(message, recipients, view.by, context.now);
         })) {
         return cannotOpenSpool(context);
     }
     if (context.json) {
-        writeAllJson(context, totals);
+        writeAllJson(context, totals, view);
     } else {
-        printTable(context, totals);
+        printTable(context, totals, view);
     }
     return kDone;
 }

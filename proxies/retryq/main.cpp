@@ -14,13 +14,13 @@ using namespace Retryq;
 int run(const CommandLine& line, const Context& context) {
     const std::string word = line.words.empty() ? "" : line.words.front();
     if (line.command == "list") {
-        return list(context, line.filter);
+        return list(context, line.filter, line.view);
     }
     if (line.command == "show") {
         return show(context, word, line.body);
     }
     if (line.command == "summary") {
-        return summary(context);
+        return summary(context, line.grouping);
     }
     if (line.command == "route") {
         return route(context, word);

@@ -1,6 +1,7 @@
 // How things are written, and the rewriting of a recipient file's text.
 #include "retryq/DueNow.h"
 #include "retryq/Format.h"
+#include "retryq/Table.h"
 
 #include <gtest/gtest.h>
 
@@ -27,19 +28,23 @@ TEST(Text, DurationsSizesAndResults) {
     }
 }
 
-TEST(Text, TableIsCutOnATerminalOnly) {
-    const std::string text(200, 'x');
-    // The terminal's width, 0 for none; the flexible column keeps a little of any.
-    const std::tuple<int, std::string, std::string> kCases[]{{0, text, text},
-                                                             {30, text, text.substr(0, 15) + ".."},
-                                                             {30, "short", "short"},
-                                                             {5, text, "xx.."}};
-    for (const auto& [width, cell, shown] : kCases) {
+TEST(Text, TableFitsATerminalAndIsWholeInAPipe) {
+    using Fit = Table::Fit;
+    const std::vector<std::vector<std::string>> rows{{"a", "7", "one two three", "0123456789"}};
+    // The terminal's width, 0 for none, and what is printed behind the header.
+    const std::pair<int, const char*> kCases[]{
+        {0, "a    7  one two three  0123456789\n"},
+        {200, "a    7  one two three  0123456789\n"},
+        {27, "a    7  one two   0123456..\n        three\n"},
+        {5, "a    7  one   01..\n        two\n        thre\n        e\n"}};
+    for (const auto& [width, shown] : kCases) {
         std::ostringstream out;
-        Table table({out, width, false}, {{"LEAF", 6}, {"N", 3, true}, {"TEXT", 8, false, true}});
-        const std::array<std::string, 3> cells{"a", "7", cell};
-        table.row(cells);
-        EXPECT_EQ(out.str(), "a         7  " + shown + "\n");
+        Table table({out, width, false}, {{"L", 1},
+                                          {"N", 3, true},
+                                          {"WORD", 4, false, Fit::Wrap},
+                                          {"TEXT", 4, false, Fit::Cut}});
+        table.print(rows);
+        EXPECT_EQ(out.str().substr(out.str().find('\n') + 1), shown) << width;
     }
 }
 
