@@ -10,6 +10,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -30,6 +31,13 @@ void openStandardDescriptors() {
     if (fd > 2) {
         ::close(fd);
     }
+}
+
+// A peer that is gone, or a file that may not grow further, is an error at the call that meets it
+// and must not end the run.
+void ignoreWriteSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void nameSubSystem(std::string_view name) {
@@ -71,6 +79,7 @@ void walk(std::unique_ptr<MailReSender> walker) {
 
 int main(int argc, char** argv) {
     openStandardDescriptors();
+    ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
     nameSubSystem("retryer");
     install_segv_handler();

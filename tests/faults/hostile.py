@@ -196,6 +196,9 @@ def answer_of(text, owner):
     return answer
 
 
+OVER_TCP = {"silent": (SILENT,), "reset": (RST,), "drip": (b"\x02", 1.0) * 30}
+
+
 class Zone(dict):
     """Answers for all cases at once, and for the hosts that they name."""
 
@@ -204,35 +207,29 @@ class Zone(dict):
         for leaf, (_, text, *_) in rows.items():
             for part in ["own a " + HOSTS["two"], *text.split("//")]:
                 word, _, rest = part.strip().partition(" ")
-                kind, owner = {"host": A, "own": A, "tcp": "tcp"}.get(word, MX), leaf + ".test"
-                if word == "host":
+                kind, owner = {"host": A, "own": A, "tcp": "tcp", "htcp": "tcp"}.get(word, MX), leaf + ".test"
+                if word in ("host", "htcp"):
                     host, _, rest = rest.partition(" ")
                     owner = host + ".test"
                 self[owner, kind] = answer_of(part if kind == MX else rest, owner)
+                if kind == "tcp":
+                    self[owner, kind] = OVER_TCP.get(rest.strip(), self[owner, kind])
 
     def get(self, asked, otherwise):
         return super().get((asked[0].lower(), asked[1]), otherwise)
 
-    def serve_tcp(self):
-        listener = socket.create_server((world.DNS_ADDRESS, 53))
-        threading.Thread(target=self._serve, args=(listener,), daemon=True).start()
-
-    def _serve(self, listener):
-        while True:
-            client, _ = listener.accept()
-            with client:
-                query = client.recv(65536)[2:]
-                domain = re.sub(rb"[\x00-\x1f]", b".", servers.question(query)[1:-5]).decode("latin-1")
-                if answer := super().get((domain, "tcp")):
-                    data = answer(query)
-                    client.sendall(struct.pack(">H", len(data)) + data)
+    def over_tcp(self, query):
+        answer = super().get((servers.asked(query)[0], "tcp"), ())
+        if callable(answer):
+            data = answer(query)
+            answer = (struct.pack(">H", len(data)) + data,)
+        return answer
 
 
 def dns_cases(scratch, *_):
     rows = {f"d{n:02}": row for n, row in enumerate(table("faults/data/dns.txt"))}
     play, zone = Play(scratch), Zone(rows)
-    zone.serve_tcp()
-    servers.DnsServer(zone)
+    servers.DnsServer(zone, tcp=zone.over_tcp)
     there = {name: Server(HOSTS[name]) for name in ("good", "two")}
     for leaf in rows:
         play.world.queue(leaf, f"<u@{leaf}.test>")

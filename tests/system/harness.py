@@ -46,8 +46,8 @@ class SystemTest(unittest.TestCase):
     def zone(self, entries):
         self.addCleanup(Dnsmasq(SCRATCH, entries).stop)
 
-    def dns(self, answers, address=world.DNS_ADDRESS):
-        server = DnsServer(answers, address)
+    def dns(self, answers, address=world.DNS_ADDRESS, tcp=None):
+        server = DnsServer(answers, address, tcp)
         self.addCleanup(server.stop)
         return server
 

@@ -60,6 +60,15 @@ class Command(SystemTest):
         self.world.queue("m", ["<u@x.test>", "<busy@x.test>", "<bad@x.test>"])
         self.assertEqual(self.run_ok().log, [])
 
+    def test_a_limit_of_file_size_ends_no_run(self):
+        self.world.table("domain-relay * 127.0.0.2")
+        there = self.smtp("127.0.0.2", {"rcpt": "450 later"})
+        for leaf in "mn":
+            self.world.queue(leaf, "<u@x.test>")
+        run = self.world.run("--fsize=50", self.world.binary, binary="prlimit")
+        self.assertEqual((run.status, len(there.sessions)), (0, 2), run.out)
+        self.assertEqual(len(run.lines("recipients-rewrite-failed")), 2)
+
 
 if __name__ == "__main__":
     harness.main()

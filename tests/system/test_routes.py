@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Which server a recipient's mail goes to, and what retryq tells of it beforehand: relays, exchangers,
 literals, direct sends."""
+import socket
 import subprocess
 
 import harness
@@ -57,8 +58,8 @@ class Routes(SystemTest):
         self.run_ok()
         self.assertEqual([mail.recipients for mail in server.mails], [["<v@elsewhere.test>", "<u@inside.test>"]])
 
-    def resolver(self, address):
-        etc_file("resolv.conf", f"nameserver {address}\noptions timeout:1 attempts:1\n")
+    def resolver(self, address, *lines):
+        etc_file("resolv.conf", "\n".join([f"nameserver {address}", "options timeout:1 attempts:1", *lines, ""]))
         self.addCleanup(etc_file, "resolv.conf", f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n")
 
     def test_each_domain_is_asked_for_once(self):
@@ -76,6 +77,44 @@ class Routes(SystemTest):
         self.world.queue("m", "<u@plain.test>")
         self.run_ok()
         self.assertEqual(self.world.rmd("m").recipients, [("<u@plain.test>", 1001)])
+
+    def test_only_a_name_without_dot_gets_the_default_domain(self):
+        """With a wildcard in the gateway's own zone every domain would lead there."""
+        self.world.table(BACK)
+        self.resolver("127.0.0.54", "search home.test other.test")
+        there, returns = self.smtp(ONE), self.smtp(SENDERS)
+        self.dns({("lone.home.test", MX): [mx("lone.home.test", 10, "one.home.test")], ("one.home.test", A): [a("one.home.test", ONE)],
+                  ("half.test", MX): [mx("half.test", 10, "mx.gone.test")],
+                  **{(f"{name}.test.home.test", kind): [mx(f"{name}.test.home.test", 10, "one.home.test") if kind == MX else a(f"{name}.test.home.test", ONE)]
+                     for name in ("gone", "mx.gone") for kind in (A, MX)}}, "127.0.0.54")
+        self.world.queue("m", ["<v@half.test>", "<w@lone>"])
+        self.world.queue("n", "<u@gone.test>")
+        self.run_ok()
+        self.assertEqual([mail.recipients for mail in there.mails], [["<w@lone>"]])
+        self.assertEqual(self.world.rmd("m").recipients, [("<v@half.test>", 1001)])
+        self.assertEqual(len(returns.mails), 1)
+
+    @cases({"silent": ((servers.SILENT,),), "drips": ((b"\2", 1.0) * 60,), "resets": ((servers.RST,),), "closes": ((),), "leaves": (servers.CLOSE,), "accepts nobody": (None,)})
+    def test_no_look_up_lasts_for_ever(self, tcp):
+        """Own name, relay, exchanger, address: a name server that sends everybody to its TCP side."""
+        self.resolver("127.0.0.54")
+        etc_file("hosts", "127.0.0.1 localhost\n")
+        self.addCleanup(etc_file, "hosts", f"127.0.0.1 localhost\n127.0.0.1 {HOST} gateway\n")
+        self.dns({
+            ("two.test", MX): [mx("two.test", 10, "mx.test")],
+            **{asked: lambda query: servers.reply(query, flags=0x8380)
+               for asked in ((HOST, A), ("relay.test", A), ("mx.test", A), ("one.test", MX))}}, "127.0.0.54", tcp if tcp in (None, servers.CLOSE) else lambda query: tcp)
+        if tcp is None:
+            full = socket.create_server(("127.0.0.54", 53), backlog=0)
+            self.addCleanup(full.close)
+            waiting = socket.create_connection(("127.0.0.54", 53))
+            self.addCleanup(waiting.close)
+        self.world.table(BACK, "domain-relay relayed.test relay.test")
+        self.world.queue("m", ["<u@one.test>", "<v@two.test>"])
+        late = ["-e", "inject=writev:delay_enter=50000"]  # the question over TCP meets a peer that is gone
+        helped, told, run = self.world.run("--help"), self.retryq("list"), self.run_ok(strace=late, env={"ASAN_OPTIONS": "detect_leaks=0"})
+        self.assertLess(max(helped.seconds, told.seconds, run.seconds / 4), 2.5)
+        self.assertEqual([code for _, code in self.world.rmd("m").recipients], [1001, 1001])
 
 
 if __name__ == "__main__":

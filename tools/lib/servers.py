@@ -219,19 +219,54 @@ def question(query):
     return query[12:12 + query[12:].index(b"\0") + 5]
 
 
+def asked(query):
+    """What a query is for: name and type."""
+    labels = question(query)
+    return re.sub(rb"[\x00-\x1f]", b".", labels[1:-5]).decode("latin-1"), labels[-3]
+
+
 class DnsServer:
     """Answers each (name, type) by its entry: a function of the query giving the reply bytes, a list
-    of records, or None for silence; names without entry do not exist. Keeps the questions."""
+    of records, or None for silence; names without entry do not exist. Keeps the questions. `tcp` gives
+    the steps that follow a query over TCP: bytes, seconds to wait, SILENT, RST; CLOSE in its place
+    leaves at once, unread, with FIN and RST; without it nobody listens there."""
 
-    def __init__(self, answers, address=DNS_ADDRESS):
-        self.answers, self.questions = answers, []
+    def __init__(self, answers, address=DNS_ADDRESS, tcp=None):
+        self.answers, self.questions, self._listener = answers, [], None
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._socket.bind((address, 53))
         self._thread = threading.Thread(target=self._serve, daemon=True)
         self._thread.start()
+        if tcp:
+            self._listener = socket.create_server((address, 53))
+            self._acceptor = threading.Thread(target=self._accept, args=(tcp,), daemon=True)
+            self._acceptor.start()
 
     def stop(self):
         end(self._socket, self._thread)
+        if self._listener:
+            end(self._listener, self._acceptor)
+
+    def _accept(self, tcp):
+        with contextlib.suppress(OSError):
+            while True:
+                client, _ = self._listener.accept()
+                threading.Thread(target=self._serve_tcp, args=(client, tcp), daemon=True).start()
+
+    def _serve_tcp(self, client, tcp):
+        with client, contextlib.suppress(OSError):
+            if tcp == CLOSE:
+                client.shutdown(socket.SHUT_WR)
+            for step in (RST,) if tcp == CLOSE else tcp(client.recv(65536)[2:]):
+                if isinstance(step, bytes):
+                    client.sendall(step)
+                elif step == SILENT:
+                    while client.recv(65536):
+                        pass
+                elif step == RST:
+                    client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                else:
+                    time.sleep(step)
 
     def _serve(self):
         while True:
@@ -241,10 +276,8 @@ class DnsServer:
                 return
             if not query:
                 return
-            labels = question(query)
-            asked = re.sub(rb"[\x00-\x1f]", b".", labels[1:-5]).decode("latin-1"), labels[-3]
-            self.questions.append(asked)
-            answer = self.answers.get(asked, lambda q: reply(q, rcode=3))
+            self.questions.append(asked(query))
+            answer = self.answers.get(asked(query), lambda q: reply(q, rcode=3))
             if isinstance(answer, list):
                 answer = reply(query, *answer)
             elif answer is not None:

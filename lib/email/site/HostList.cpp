@@ -1,6 +1,7 @@
 #include "email/site/HostList.h"
 
 #include "email/base/Assert.h"
+#include "email/site/LookUpLimit.h"
 #include "email/site/mailscanGlobals.h"
 
 #include <arpa/inet.h>
@@ -43,7 +44,7 @@ IPaddress literalAddress(const char* name) noexcept {
 // The system's answer, null when it is none that the gateway can use. What a name server may send
 // must end here, before the checks that end the run.
 const hostent* resolve(const char* name) noexcept {
-    const hostent* answer = ::gethostbyname(name);
+    const hostent* answer = Email::hostByName(name);
     const bool usable = answer != nullptr && answer->h_addrtype == AF_INET &&
                         answer->h_length == static_cast<int>(sizeof(in_addr)) &&
                         (answer->h_name == nullptr ||
@@ -60,7 +61,7 @@ BlackList HostList::BlackL;
 HostList::HostList() {
     if (privateHostName[0] == '\0') {
         ::gethostname(privateHostName.data(), privateHostName.size() - 2);
-        const hostent* self = ::gethostbyname(privateHostName.data());
+        const hostent* self = Email::hostByName(privateHostName.data());
         if (self != nullptr && self->h_name != nullptr) {
             std::snprintf(privateHostName.data(), privateHostName.size(), "%s", self->h_name);
         }

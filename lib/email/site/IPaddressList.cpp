@@ -18,10 +18,9 @@ bool IPaddressList::InList(IPaddress address) const noexcept {
 }
 
 int IPaddressList::Add(const IPaddressList& other, int max) noexcept {
-    const int others = other.count();
-    for (int i = 0; i < others && Naddr < max && IPaddressList::Add(other.addr(i)); ++i) {
-    }
-    return Naddr;
+    const int more = std::clamp(std::min(max, kCapacity) - Naddr, 0, other.count());
+    std::copy_n(other.addresses_.begin(), more, addresses_.begin() + Naddr);
+    return Naddr += more;
 }
 
 int IPaddressList::AddNot(const IPaddressList& other, int max, BlackList& bl) noexcept {

@@ -2,6 +2,7 @@
 
 #include "email/base/Assert.h"
 #include "email/site/HostList.h"
+#include "email/site/LookUpLimit.h"
 
 #include <arpa/nameser.h>
 #include <netdb.h>
@@ -100,6 +101,7 @@ int Resolver::judge(int length, int error) noexcept {
 }
 
 int Resolver::Query(const char* name, int queryClass, int type, unsigned char* answer, int& len) {
+    const Email::LookUpLimit limit;
     h_errno = 0;
     const int length = ::res_search(name, queryClass, type, answer, len);
     const int result = judge(length, h_errno);

@@ -24,9 +24,9 @@ public:
     Resolver() noexcept;
     virtual ~Resolver() = default;
 
-    // Asks through res_search(3), with the time-outs that the system's resolver is set to. `len` is
-    // the size of `answer` on entry and the length of the answer (never more than that size) on
-    // return. Returns a QueryResult, or another h_errno value.
+    // Asks through res_search(3), with the time-outs that the system's resolver is set to and those
+    // of LookUpLimit.h. `len` is the size of `answer` on entry and the length of the answer (never
+    // more than that size) on return. Returns a QueryResult, or another h_errno value.
     int Query(const char* name, int queryClass, int type, unsigned char* answer, int& len);
 
     // What a call of res_search() that returned `length` and left `error` in h_errno means.

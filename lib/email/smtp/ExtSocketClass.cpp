@@ -2,6 +2,7 @@
 
 #include "email/base/Alarm.h"
 #include "email/base/Assert.h"
+#include "email/site/LookUpLimit.h"
 #include "email/smtp/TlsChannel.h"
 
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +24,8 @@
 #include <string_view>
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* kUnit = "lib/email/ExtSocketClass";
 constexpr long kConnectWaitMs = 30'000;
@@ -152,7 +156,7 @@ void ExtSocketClass::Connect(const sockaddr* address, unsigned short len, int& e
 
 void ExtSocketClass::Connect(const char* host, unsigned short port, int& err, int) noexcept {
     errno = 0;
-    const hostent* answer = ::gethostbyname(host);
+    const hostent* answer = Email::hostByName(host);
     if (answer == nullptr || answer->h_addrtype != AF_INET || answer->h_addr_list[0] == nullptr) {
         err = errorCode(ENOENT);
         return;
@@ -221,14 +225,18 @@ bool ExtSocketClass::awaitMore(long limitMs, bool& urgent, int& err) noexcept {
     if (readBufferUsed == kReadBufferSize - 1) {
         // No room for the rest of this line: nothing is received until the caller's time is up.
         const long pause = std::clamp(limitMs, 0L, kFullBufferPauseMs);
-        return ::poll(nullptr, 0, static_cast<int>(pause)) == 0 || fail(err, ETIME) != 0;
+        if (::poll(nullptr, 0, static_cast<int>(pause)) != 0) {
+            fail(err, ETIME);
+        }
+        return err == 0;
     }
     if (channel_) {
         return awaitProtected(limitMs, err);
     }
     const short events = urgent ? POLLIN | POLLPRI : POLLIN;
     if (waitFor(theSocket, events, limitMs) <= 0) {
-        return fail(err, ETIME) != 0;
+        fail(err, ETIME);
+        return false;
     }
     return receive(urgent, err);
 }
@@ -253,7 +261,8 @@ int ExtSocketClass::ReadLine(char* buf, int bufsize, long timeoutMs, int& err) n
         return fail(err, EBADF);
     }
     checkDescriptor(289);
-    const std::time_t end = std::time(nullptr) + timeoutMs / 1000;
+    // Not the wall clock: one that is set back would hold the walker as much longer.
+    const auto end = Clock::now() + std::chrono::seconds(std::min<long>(timeoutMs / 1000, INT_MAX));
     bool urgent = true;
     int length = getLine(buf, bufsize);
     while (length < 0) {
@@ -261,7 +270,7 @@ int ExtSocketClass::ReadLine(char* buf, int bufsize, long timeoutMs, int& err) n
             return 0;
         }
         length = getLine(buf, bufsize);
-        if (length < 0 && end <= std::time(nullptr)) {
+        if (length < 0 && end <= Clock::now()) {
             return fail(err, ETIME);
         }
     }

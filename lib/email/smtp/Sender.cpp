@@ -154,6 +154,10 @@ bool Sender::ReadBanner() {
 
 void Sender::CloseTransport() noexcept {
     Close();
+    if (heldSince_ && Clock::now() - *heldSince_ > holdLimit) {
+        HostList::BlackL.Add(serverAddress);
+    }
+    heldSince_.reset();
     replyLost_ = false;
     silentReplies_ = 0;
 }
@@ -178,6 +182,7 @@ int Sender::openSocket(IPaddress address, int port) noexcept {
 
 bool Sender::tryAddress(IPaddress address, int port) {
     serverAddress = address;
+    const auto begun = Clock::now();
     if (const int err = openSocket(address, port); err != 0) {
         HostList::BlackL.Add(address);
         logEvent(EV_CONNECT_FAILED, nullptr, err);
@@ -185,6 +190,7 @@ bool Sender::tryAddress(IPaddress address, int port) {
         return false;
     }
     if (ReadBanner() && !CommandTimeOut()) {
+        heldSince_ = begun;
         logEvent(EV_CONNECTED, nullptr, 0);
         return true;
     }
@@ -432,5 +438,9 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
     if (!writeBlock(block)) {
         return giveUp(code, COMMS_FAILED);
     }
-    return success(readReply(mailscanGlobals::DATA_final_interval, code));
+    if (!success(readReply(mailscanGlobals::DATA_final_interval, code))) {
+        return false;
+    }
+    heldSince_.reset();
+    return true;
 }

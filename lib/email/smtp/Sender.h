@@ -17,6 +17,7 @@
 #include "email/smtp/ExtSocketClass.h"
 #include "email/spool/EmailAddr.h"
 
+#include <chrono>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
@@ -37,6 +38,11 @@ public:
     static constexpr long long kLeastReplyLimit = 60;
     // After so many read time-outs in a row nothing more is sent in a conversation.
     static constexpr int kMaxSilentReplies = 3;
+    // A server that took no mail in a conversation of more than this goes onto the blacklist: one
+    // that answers each time just before its limit would hold a walker with every message again.
+    // Not a setting; only tests change it.
+    static inline constinit std::chrono::steady_clock::duration holdLimit =
+        std::chrono::minutes(10);
     // A body goes out in blocks of this many bytes, whatever its size.
     static constexpr std::size_t kBlockSize = std::size_t{64} * 1024;
 
@@ -77,6 +83,7 @@ public:
     // its mail exchangers, else the fallback relays; a literal's address directly. A relay that
     // matched and failed ends the search.
     bool OpenTransport(SMTPcode& code, EmailAddr* rcpt);
+    // Ends the conversation; see holdLimit.
     void CloseTransport() noexcept;
 
     bool SendHELO(SMTPcode* code);
@@ -120,8 +127,9 @@ private:
     std::unique_ptr<char[]> bodyRoom_; // a Block's, kept for the next body
 
     // State of one conversation, cleared when the transport closes.
-    bool replyLost_ = false; // a reply did not come in time
-    int silentReplies_ = 0;  // read time-outs in a row
+    std::optional<std::chrono::steady_clock::time_point> heldSince_; // greeted, no mail taken yet
+    bool replyLost_ = false;                                         // a reply did not come in time
+    int silentReplies_ = 0;                                          // read time-outs in a row
 };
 
 // Size of a stream in bytes, its position kept; -1 when it cannot tell, at most INT32_MAX.

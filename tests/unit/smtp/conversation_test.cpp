@@ -186,6 +186,29 @@ TEST_F(Conversation, TheFirstServerThatGreetsIsTaken) {
     }
 }
 
+TEST_F(Conversation, WhoHeldTheWalkerLongAndTookNothingIsLeftAlone) {
+    Sender::holdLimit = 0s;
+    for (const auto& [host, reply, left] :
+         {std::tuple{"127.0.0.8", "250 ok\r\n", false}, {"127.0.0.9", "450 no\r\n", true}}) {
+        int port = 0;
+        const UniqueFd listener = listenOn(host, port);
+        std::jthread server([&listener, end = reply] {
+            const UniqueFd fd(::accept(listener.get(), nullptr, nullptr));
+            put(fd.get(), "220 hi\r\n354 go\r\n");
+            getUntil(fd.get(), "\r\n.\r\n");
+            put(fd.get(), end);
+        });
+        IPaddressList list;
+        list.Add(address(host));
+        std::istringstream text("x\n");
+        EXPECT_TRUE(client.tryOpen(list, port));
+        EXPECT_EQ(client.SendDATA(text, "name", &code), !left);
+        client.CloseTransport();
+        EXPECT_EQ(HostList::BlackL.InList(address(host), false), left);
+    }
+    Sender::holdLimit = 10min;
+}
+
 TEST_F(Conversation, ThisHostIsItsNameWhateverFollowsOrLacks) {
     ThisHost::rename("gw.site.test");
     mailscanGlobals::dnsEnable = false;
