@@ -86,7 +86,9 @@ int limitDatagrams() noexcept {
 LookUpLimit::LookUpLimit() noexcept {
     // The library would itself look whether the file has changed, and forget the settings made
     // here.
-    ::res_nclose(&_res);
+    if ((_res.options & RES_INIT) != 0) { // else it would close what it has not: descriptor 0
+        ::res_nclose(&_res);
+    }
     ::res_ninit(&_res);
     _res.options = (_res.options & ~static_cast<unsigned long>(RES_DNSRCH)) | RES_NORELOAD;
     resolver = &_res;
