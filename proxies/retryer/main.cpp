@@ -8,6 +8,7 @@
 #include "retryer/arguments.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -19,6 +20,7 @@
 namespace {
 
 constexpr int kUsageStatus = 1;
+constexpr int kStoppedStatus = 1; // this host could not go on; a log line tells why
 constexpr int kNoRuleTableStatus = -1;
 
 // A scheduler may start the program with closed standard descriptors. A spool file must not take
@@ -38,6 +40,11 @@ void openStandardDescriptors() {
 void ignoreWriteSignals() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+}
+
+// What a careless parent left open would fill the table of descriptors: none of it is wanted here.
+void closeInheritedDescriptors() {
+    static_cast<void>(::close_range(3, ~0U, 0)); // an old kernel cannot; then they stay
 }
 
 void nameSubSystem(std::string_view name) {
@@ -65,10 +72,12 @@ void configure(const Arguments& arguments) {
     DomainRelay::initialise(table);
 }
 
-// An exception ends the process, but not before the walker has let go of its message.
-void walk(std::unique_ptr<MailReSender> walker) {
+// An exception ends the process, but not before the walker has let go of its message. True when
+// every entry was offered.
+bool walk(std::unique_ptr<MailReSender> walker) {
     try {
         walker->RetryAll(0);
+        return walker->stopped() == 0;
     } catch (...) {
         walker.reset();
         throw;
@@ -79,6 +88,7 @@ void walk(std::unique_ptr<MailReSender> walker) {
 
 int main(int argc, char** argv) {
     openStandardDescriptors();
+    closeInheritedDescriptors();
     ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
     nameSubSystem("retryer");
@@ -89,6 +99,5 @@ int main(int argc, char** argv) {
     }
     auto walker = std::make_unique<MailReSender>();
     configure(arguments);
-    walk(std::move(walker));
-    return EXIT_SUCCESS;
+    return walk(std::move(walker)) ? EXIT_SUCCESS : kStoppedStatus;
 }

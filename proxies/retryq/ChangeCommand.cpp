@@ -1,9 +1,8 @@
 #include "email/engine/RetrySchedule.h"
 #include "email/file/FdStream.h"
-#include "email/file/FileReplacement.h"
 #include "email/site/mailscanGlobals.h"
-#include "email/spool/DeliveryJournal.h"
 #include "email/spool/MessageLock.h"
+#include "email/spool/QueuedMessage.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/DueNow.h"
@@ -24,7 +23,6 @@ namespace {
 using Email::MessageLock;
 
 constexpr std::size_t kShown = 256;
-constexpr mode_t kFileMode = 0664; // of a new file only; an existing one keeps its mode
 
 // The person behind the command, also behind sudo.
 std::string operatorName() {
@@ -79,21 +77,15 @@ public:
             message.leaf = leaf;
             return remove(message, recipients);
         }
-        return whole ? retry(message, recipients) : fail(leaf, "has no message text");
+        return whole ? retry(message) : fail(leaf, "has no message text");
     }
 
 private:
-    // The text goes first: what a crash leaves behind then is a recipient file that no walker
-    // offers, and not a text whose recipients nobody knows. Such a left-over can be removed too.
+    // What a crash left of a message, a recipient file without text, can be removed too.
     bool remove(const Message& message, const Recipients& recipients) {
-        const FileName text(context_.queue.textPath(message.leaf).c_str());
-        const FileName file(context_.queue.recipientPath(message.leaf).c_str());
-        const bool textGone = text.Delete() || errno == ENOENT;
-        if (!textGone || !file.Delete()) {
-            return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(errno));
+        if (const Email::Trouble trouble = context_.queue.message(message.leaf).remove(nullptr)) {
+            return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(*trouble));
         }
-        FileName(file, "~").Delete();
-        FileName(file, "+").Delete();
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
             logChange("removed", message, "to=" + printable(r->text(), kShown));
         }
@@ -103,7 +95,7 @@ private:
         return done(message.leaf, "removed");
     }
 
-    bool retry(const Message& message, Recipients& recipients) {
+    bool retry(const Message& message) {
         switch (message.state) {
         case State::Unreadable:
             return fail(message.leaf, "has an unreadable recipient file; see retryq check");
@@ -114,17 +106,11 @@ private:
         case State::Waiting:
             break;
         }
-        return makeDue(message, recipients);
+        return makeDue(message);
     }
 
-    bool makeDue(const Message& message, Recipients& recipients) {
+    bool makeDue(const Message& message) {
         const std::string path = context_.queue.recipientPath(message.leaf);
-        // A new recipient file would part the journal from its message, and whoever stands in it
-        // would be served again.
-        if (Email::DeliveryJournal(path).takeDone(recipients)) {
-            return fail(message.leaf, "was broken off in the middle of an attempt: the next run, "
-                                      "or retryer -now, goes on with it");
-        }
         Email::FdStream in(path.c_str());
         const std::string old{std::istreambuf_iterator<char>(in), {}};
         const DateTime due = DateTime(-1) + -std::int64_t{mailscanGlobals::retry_min_interval};
@@ -132,9 +118,10 @@ private:
         if (in.bad() || rewritten.empty()) {
             return fail(message.leaf, "has a recipient file that cannot be rewritten as it stands");
         }
-        Email::FileReplacement replacement(path, kFileMode);
-        if (!replacement.open() || !replacement.commit(rewritten)) {
-            return fail(message.leaf, std::string("cannot be rewritten: ") + std::strerror(errno));
+        if (const Email::Trouble trouble =
+                context_.queue.message(message.leaf).replaceList(rewritten)) {
+            return fail(message.leaf,
+                        std::string("cannot be rewritten: ") + std::strerror(*trouble));
         }
         logChange("made-due", message, "latest-try=" + isoTimeText(message.latestTry));
         return done(message.leaf, "is due now");

@@ -218,9 +218,11 @@ int check(const Context& context) {
         reportSettings(context);
         reportRelays(context, judge);
         reportSpool(context, judge, "Deferred spool",
-                    checkSpool(mailscanGlobals::deferred_mail_path(), ".rmd"));
-        reportSpool(context, judge, "Outgoing spool",
-                    checkSpool(mailscanGlobals::outgoing_mail(), ".rcp"));
+                    checkSpool(mailscanGlobals::deferred_mail_path(),
+                               Email::QueuedMessage::Queue::Deferred));
+        reportSpool(
+            context, judge, "Outgoing spool",
+            checkSpool(mailscanGlobals::outgoing_mail(), Email::QueuedMessage::Queue::Outgoing));
     }
     reportVerdict(context, judge.status());
     return judge.status();

@@ -22,7 +22,12 @@ namespace Retryq {
 
 namespace {
 
-constexpr std::string_view kRecipientSuffix = ".rmd";
+using Email::QueuedMessage;
+constexpr QueuedMessage::Queue kDeferred = QueuedMessage::Queue::Deferred;
+
+std::string listOf(const std::string& leaf) {
+    return std::string(leaf).append(QueuedMessage::listEnding(kDeferred));
+}
 
 struct CloseDirectory {
     void operator()(DIR* directory) const noexcept { ::closedir(directory); }
@@ -86,13 +91,13 @@ public:
         recipients.Reset();
         message.state = State::Unreadable;
         message.firstTry = text.st_mtime;
-        return ::faccessat(directory_, (leaf + ".rmd").c_str(), F_OK, 0) == 0;
+        return ::faccessat(directory_, listOf(leaf).c_str(), F_OK, 0) == 0;
     }
 
 private:
     bool held(const std::string& leaf) const {
         struct stat file {};
-        return !locks_.none() && ::fstatat(directory_, (leaf + ".rmd").c_str(), &file, 0) == 0 &&
+        return !locks_.none() && ::fstatat(directory_, listOf(leaf).c_str(), &file, 0) == 0 &&
                locks_.holds(file.st_ino);
     }
 
@@ -124,7 +129,11 @@ const char* stateName(State state) noexcept {
 }
 
 std::string Queue::recipientPath(const std::string& leaf) const {
-    return (directory_ + leaf).append(kRecipientSuffix);
+    return directory_ + listOf(leaf);
+}
+
+QueuedMessage Queue::message(const std::string& leaf) const {
+    return {kDeferred, FileName(directory_.c_str()), FileName(leaf.c_str())};
 }
 
 bool Queue::visit(const Visitor& visitor) const {
@@ -136,11 +145,7 @@ bool Queue::visit(const Visitor& visitor) const {
     Message message;
     Recipients recipients;
     while (const dirent* entry = ::readdir(directory.get())) {
-        std::string_view leaf = entry->d_name;
-        if (!leaf.ends_with(kRecipientSuffix)) {
-            continue;
-        }
-        leaf.remove_suffix(kRecipientSuffix.size());
+        const std::string_view leaf = QueuedMessage::messageOf(kDeferred, entry->d_name);
         if (!leaf.empty() && look.read(std::string(leaf), message, recipients)) {
             visitor(message, recipients);
         }

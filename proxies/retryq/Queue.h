@@ -2,6 +2,7 @@
 // that a walker finishes meanwhile are simply not there any more.
 #pragma once
 
+#include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
 
 #include <cstdint>
@@ -56,6 +57,7 @@ public:
 
     [[nodiscard]] std::string textPath(const std::string& leaf) const { return directory_ + leaf; }
     [[nodiscard]] std::string recipientPath(const std::string& leaf) const;
+    [[nodiscard]] Email::QueuedMessage message(const std::string& leaf) const;
     [[nodiscard]] const std::string& directory() const noexcept { return directory_; }
 
 private:

@@ -27,6 +27,7 @@ namespace Retryq {
 
 namespace {
 
+using Email::QueuedMessage;
 using Weight = Finding::Weight;
 
 constexpr std::size_t kPathLimit = 200; // a message whose path is as long is never tried
@@ -76,7 +77,8 @@ private:
 
 class SpoolCheck {
 public:
-    SpoolCheck(const std::string& directory, const std::string& suffix) : suffix_(suffix) {
+    SpoolCheck(const std::string& directory, QueuedMessage::Queue queue)
+        : queue_(queue), suffix_(QueuedMessage::listEnding(queue)) {
         report_.directory = directory + (directory.ends_with('/') ? "" : "/");
     }
 
@@ -139,9 +141,7 @@ private:
         for (const std::string& name : names) {
             if (std::ranges::binary_search(names, name + suffix_)) {
                 checkMessage(name, longPaths, unusable);
-            } else if (isJournalInUse(names, name)) {
-                continue;
-            } else if (name.ends_with("~") || name.ends_with(suffix_ + '+')) {
+            } else if (name.ends_with(Email::kTemporaryEnding)) {
                 if (untouched(name)) {
                     noFile.add(name, "left over by a crash, of no meaning: rm");
                 }
@@ -153,18 +153,10 @@ private:
         }
     }
 
-    // What a run was done with before it was cut off: the next run needs it.
-    [[nodiscard]] bool isJournalInUse(const std::vector<std::string>& names,
-                                      const std::string& name) const {
-        return name.ends_with(suffix_ + '+') &&
-               std::ranges::binary_search(names, name.substr(0, name.size() - 1));
-    }
-
     [[nodiscard]] bool isWithoutText(const std::vector<std::string>& names,
                                      const std::string& name) const {
-        return name.ends_with(suffix_) &&
-               !std::ranges::binary_search(names, name.substr(0, name.size() - suffix_.size())) &&
-               stillThere(name);
+        const std::string message(QueuedMessage::messageOf(queue_, name));
+        return !message.empty() && !std::ranges::binary_search(names, message) && stillThere(name);
     }
 
     // Nobody is just writing it.
@@ -183,8 +175,8 @@ private:
         if (report_.directory.size() + name.size() >= kPathLimit) {
             longPaths.add(name, "its path has 200 characters or more: never delivered");
         }
-        const std::string fault =
-            recipientFileFault(report_.directory + name + suffix_, suffix_ == ".rmd");
+        const std::string fault = recipientFileFault(report_.directory + name + suffix_,
+                                                     queue_ == QueuedMessage::Queue::Deferred);
         if (!fault.empty() && stillThere(name + suffix_)) {
             unusable.add(name + suffix_, fault);
         }
@@ -207,6 +199,7 @@ private:
         return names;
     }
 
+    QueuedMessage::Queue queue_;
     std::string suffix_;
     SpoolReport report_;
 };
@@ -246,8 +239,8 @@ bool endsInLineFeed(Email::FdStream& text) {
 
 } // namespace
 
-SpoolReport checkSpool(const std::string& directory, const std::string& suffix) {
-    return SpoolCheck(directory, suffix).run();
+SpoolReport checkSpool(const std::string& directory, QueuedMessage::Queue queue) {
+    return SpoolCheck(directory, queue).run();
 }
 
 std::string recipientFileFault(const std::string& path, bool full) {

@@ -2,6 +2,7 @@
 // deal with.
 #pragma once
 
+#include "email/spool/QueuedMessage.h"
 #include "retryq/Settings.h"
 
 #include <cstdint>
@@ -20,9 +21,10 @@ struct SpoolReport {
     std::vector<Finding> findings;
 };
 
-// `suffix` is that of the recipient files in this spool: ".rmd" in the full form, ".rcp" in the
-// short one. Makes and removes two small files of its own; a walker passes them over.
-[[nodiscard]] SpoolReport checkSpool(const std::string& directory, const std::string& suffix);
+// `queue` tells the form of the recipient files in this spool. Makes and removes two small files of
+// its own; a walker passes them over.
+[[nodiscard]] SpoolReport checkSpool(const std::string& directory,
+                                     Email::QueuedMessage::Queue queue);
 
 // Why a recipient file cannot be used, or a warning about one that can; empty for a sound file.
 [[nodiscard]] std::string recipientFileFault(const std::string& path, bool full);

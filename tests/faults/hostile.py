@@ -311,7 +311,7 @@ class SpoolCase:
 
     def files(self):
         return {name: open(self.path + name, "rb").read() if os.path.isfile(self.path + name) else "there"
-                for name in ("", ".rmd", ".rmd~", ".rmd+") if os.path.lexists(self.path + name)}
+                for name in ("", ".rmd", ".rmd~") if os.path.lexists(self.path + name)}
 
     def check(self, accepted):
         word, code = self.ends

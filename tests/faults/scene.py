@@ -242,7 +242,7 @@ class Ledger:
             if name in self.spool and self.spool[name] != data:
                 self.fault(f"{name} was touched")
         for name in self.left_over():
-            if not (name.endswith((".rmd", ".rmd~", ".rmd+")) or name.startswith("rjctfile") or
+            if not (name.endswith((".rmd", ".rmd~")) or name.startswith("rjctfile") or
                     self.logged(" delete-failed ", f"msg={name} ")):
                 self.fault(f"{name} was left behind")
         return self

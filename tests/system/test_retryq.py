@@ -60,15 +60,6 @@ class Queue(SystemTest):
         self.run_ok()
         self.assertEqual(len(server.mails), 1)
 
-    def test_a_broken_off_attempt_is_not_made_due(self):
-        self.world.queue("m", ["<u@x.test>", "<v@x.test>"], last=-60)
-        status = os.stat(self.world.spool_dir + "m.rmd")
-        seconds, nanoseconds = divmod(status.st_mtime_ns, 10**9)
-        self.world.put("m.rmd+", f"{status.st_ino} {seconds}.{nanoseconds} {status.st_size}\n<u@x.test>\tdone\n".encode())
-        before = self.world.spool()
-        self.retryq("retry", "--yes", "m", status=1)
-        self.assertEqual(self.world.spool(), before)
-
     def test_remove(self):
         for leaf in ("m", "n", "stays"):
             self.world.queue(leaf, ["<u@x.test>", "<v@x.test>"])

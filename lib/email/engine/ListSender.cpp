@@ -2,9 +2,7 @@
 
 #include "email/base/Alarm.h"
 #include "email/base/Assert.h"
-#include "email/engine/DeferredCopy.h"
 #include "email/file/FdStream.h"
-#include "email/file/FileReplacement.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/telling/DeliveryLog.h"
 #include "email/telling/deliveryEvents.h"
@@ -13,13 +11,27 @@
 #include <cerrno>
 
 using Email::LogLine;
+using Email::Trouble;
+using Queue = Email::QueuedMessage::Queue;
 
 namespace {
 
-// True when the file is gone; else errno tells why it is not.
-bool removed(const FileName& file) {
-    return file.Delete() || errno == ENOENT;
-}
+// So many texts in a row that may not be opened are no fault of theirs.
+constexpr int kMostDenied = 10;
+
+// A message is the engine's only while it is being attempted, however that ends.
+class Attempted {
+public:
+    Attempted(Email::QueuedMessage*& place, Email::QueuedMessage* message) : place_(place) {
+        place_ = message;
+    }
+    ~Attempted() { place_ = nullptr; }
+    Attempted(const Attempted&) = delete;
+    Attempted& operator=(const Attempted&) = delete;
+
+private:
+    Email::QueuedMessage*& place_;
+};
 
 } // namespace
 
@@ -42,75 +54,65 @@ void ListSender::clear() noexcept {
 bool ListSender::Send(const FileName& entry, bool deferred, int traceLevel) {
     trace = traceLevel;
     messageName = entry();
-    const FileName& directory =
-        deferred ? mailscanGlobals::deferred_mail_path : mailscanGlobals::outgoing_mail;
-    const FileName textFile(directory, entry, nullptr);
-    const FileName rcptFile(directory, entry, deferred ? ".rmd" : ".rcp");
-    journal_.reset();
-    if (deferred) {
-        journal_.emplace(rcptFile());
-    }
-    const SendResult result = sendQueued(entry, textFile, rcptFile, deferred);
+    Email::QueuedMessage message(deferred ? Queue::Deferred : Queue::Outgoing, entry);
+    const SendResult result = sendQueued(message, entry, deferred);
     if (result == SEND_DEFERRED) {
         return true;
     }
     clear();
-    deleteFiles(textFile, rcptFile);
+    // Whoever is left in a list that could not be read stays unknown.
+    const Recipients* const head = result == SEND_FINISHED && deferred ? &recipients_ : nullptr;
+    if (const Trouble trouble = message.remove(head)) {
+        Email::writeLine(LogLine::DeleteFailed, {.message = message.text()(), .error = *trouble});
+    }
     return result == SEND_FINISHED;
 }
 
-SendResult ListSender::sendQueued(const FileName& entry, const FileName& textFile,
-                                  const FileName& rcptFile, bool deferred) {
-    Email::FdStream text(textFile());
+SendResult ListSender::sendQueued(Email::QueuedMessage& message, const FileName& entry,
+                                  bool deferred) {
+    Email::FdStream text(message.text()());
     if (!text.is_open()) {
-        errno = text.error();
-        logEvent(EV_TEXT_OPEN_FAILED, nullptr, 0);
-        return SEND_ERROR;
+        return unusable(EV_TEXT_OPEN_FAILED, message.text(), text.error());
     }
-    errno = 0;
-    if (!recipients_.Read(rcptFile, deferred)) {
-        logEvent(EV_RCPT_READ_FAILED, nullptr, 0);
-        return SEND_ERROR;
+    deniedTexts_ = 0;
+    if (const Trouble trouble = message.read(recipients_)) {
+        return unusable(EV_RCPT_READ_FAILED, message.text(), *trouble);
     }
-    return Send(text, deferred, entry(), true);
+    return attempt(text, deferred, entry(), &message);
 }
 
-// A left-over of a rewrite that was cut off goes first: nothing else would ever remove it. The text
-// goes before its recipient file, since a text without one would stay for ever. A recipient file
-// that cannot be deleted must not give anybody a second copy.
-void ListSender::deleteFiles(const FileName& textFile, const FileName& rcptFile) {
-    FileName(rcptFile, "~").Delete();
-    const int textError = removed(textFile) ? 0 : errno;
-    const int rcptError = removed(rcptFile) ? 0 : errno;
-    if (rcptError != 0) {
-        writeJournal();
-    } else {
-        removeJournal();
+SendResult ListSender::unusable(eventId event, const FileName& text, int error) {
+    if (!mayBeMeant(error)) {
+        stop(text(), error);
+        return SEND_DEFERRED;
     }
-    if (const int error = textError != 0 ? textError : rcptError; error != 0) {
-        Email::writeLine(LogLine::DeleteFailed, {.message = textFile(), .error = error});
-    }
+    tellTrouble(event, error);
+    return SEND_ERROR;
 }
 
-bool ListSender::allDoneBefore() {
-    return journal_ && journal_->takeDone(recipients_) && recipients_.IsEmpty();
+// Whether an error can be this message's own. A shortage has been waited out by now.
+bool ListSender::mayBeMeant(int error) noexcept {
+    const bool denied = error == EACCES || error == EPERM;
+    return !Email::isShortage(error) && (!denied || ++deniedTexts_ < kMostDenied);
 }
 
-void ListSender::noteDone(const MailList& done) {
-    if (journal_) {
-        journal_->note(done);
+void ListSender::stop(const char* message, int error) {
+    stopped_ = error;
+    spare_.reset();
+    Email::writeLine(LogLine::RunStopped, {.message = message, .error = error});
+}
+
+bool ListSender::secured(const MailList& failed) {
+    const Trouble trouble = queued_ != nullptr ? queued_->secure(recipients_, failed) : Trouble();
+    if (trouble) {
+        tellTrouble(EV_RMD_REWRITE_FAILED, *trouble);
     }
+    return !trouble;
 }
 
-void ListSender::writeJournal() {
-    if (journal_) {
-        journal_->flush();
-    }
-}
-
-void ListSender::removeJournal() noexcept {
-    if (journal_) {
-        journal_->remove();
+void ListSender::noteServed() noexcept {
+    if (queued_ != nullptr) {
+        queued_->noteServed();
     }
 }
 
@@ -125,13 +127,20 @@ bool ListSender::Send(const char* sender, const char* recipient, std::istream& t
 }
 
 SendResult ListSender::sendNew(const char* sender, const char* recipient, std::istream& text) {
-    const std::string name = Email::newReturnName();
+    const std::string name = Email::QueuedMessage::newReturnName();
     recipients_.setSender(sender);
     recipients_.Add(recipient, IDS_NO_REASON);
     return Send(text, false, name.c_str(), false);
 }
 
 SendResult ListSender::Send(std::istream& text, bool deferred, const char* name, bool onDisc) {
+    Email::QueuedMessage message(deferred ? Queue::Deferred : Queue::Outgoing, FileName(name));
+    return attempt(text, deferred, name, onDisc ? &message : nullptr);
+}
+
+SendResult ListSender::attempt(std::istream& text, bool deferred, const char* name,
+                               Email::QueuedMessage* message) {
+    const Attempted scope(queued_, deferred ? message : nullptr);
     MailList failed;
     refusedBy_.clear();
     traceLine(LogLine::TraceSending, name);
@@ -140,12 +149,11 @@ SendResult ListSender::Send(std::istream& text, bool deferred, const char* name,
     if (deferred && !expired && tooSoon()) {
         return SEND_DEFERRED;
     }
-    if (allDoneBefore()) {
-        return SEND_FINISHED;
-    }
-    if (expired) {
+    if (expired && !recipients_.IsEmpty()) {
         logEvent(EV_OVERDUE, nullptr, 0);
         Bounce(recipients_, text);
+    }
+    if (expired) {
         return SEND_FINISHED;
     }
     if (!mayGoOut(deferred)) {
@@ -156,7 +164,7 @@ SendResult ListSender::Send(std::istream& text, bool deferred, const char* name,
             return SEND_FINISHED;
         }
     }
-    return settle(failed, text, deferred, name, onDisc);
+    return settle(failed, text, deferred, message);
 }
 
 // The size limit is a switch only: with any value but 0, fresh mail goes out at once only to a
@@ -166,11 +174,17 @@ bool ListSender::mayGoOut(bool deferred) const noexcept {
            (mailscanGlobals::directSendRecipientLimit != 0 && recipients_.one());
 }
 
-SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferred, const char* name,
-                              bool onDisc) {
+SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferred,
+                              Email::QueuedMessage* message) {
+    if (queued_ != nullptr && queued_->stuck()) {
+        return SEND_DEFERRED;
+    }
     traceLine(LogLine::TraceDeferring, nullptr);
     recipients_.ExtractDeferred(failed);
     if (!failed.IsEmpty()) {
+        if (!secured(failed)) {
+            return SEND_DEFERRED;
+        }
         // A text that could not be read has done its harm (the recipients' codes say so); the
         // return mail quotes what can be read of it.
         text.clear();
@@ -182,14 +196,13 @@ SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferre
     if (mailscanGlobals::mailLogEnable) {
         reportDeferred();
     }
-    const FileName leaf(name);
     if (!deferred) {
-        return onDisc ? moveOutgoing(leaf) : storeNew(text, leaf);
+        return message != nullptr ? moveOutgoing(*message) : storeNew(text);
     }
-    if (!onDisc) {
+    if (message == nullptr) {
         assert_failure("onDisc", "lib/email/ListSender", __LINE__);
     }
-    return rewriteDeferred(leaf);
+    return rewriteDeferred(*message);
 }
 
 void ListSender::reportDeferred() {
@@ -200,60 +213,52 @@ void ListSender::reportDeferred() {
     current_ = nullptr;
 }
 
-// A list that could not be rewritten keeps its old content: nobody is lost, and those served
-// meanwhile get a second copy only if they cannot be written down elsewhere either.
-SendResult ListSender::rewriteDeferred(const FileName& leaf) {
-    errno = 0;
-    if (!recipients_.OverWrite(FileName(mailscanGlobals::deferred_mail_path, leaf, ".rmd"))) {
-        logEvent(EV_RMD_REWRITE_FAILED, nullptr, 0);
-        writeJournal();
-    } else {
-        removeJournal();
+// A list that could not be rewritten keeps its old content: nobody is lost.
+SendResult ListSender::rewriteDeferred(Email::QueuedMessage& message) {
+    if (const Trouble trouble = message.rewrite(recipients_)) {
+        tellTrouble(EV_RMD_REWRITE_FAILED, *trouble);
     }
     return SEND_DEFERRED;
 }
 
-SendResult ListSender::moveOutgoing(const FileName& leaf) {
-    const FileName copy(mailscanGlobals::deferred_mail_path, leaf, nullptr);
-    errno = 0;
-    if (!FileName(mailscanGlobals::outgoing_mail, leaf, nullptr).MoveTo(copy)) {
-        logEvent(EV_MOVE_FAILED, nullptr, 0);
+SendResult ListSender::moveOutgoing(const Email::QueuedMessage& outgoing) {
+    Email::QueuedMessage copy(Queue::Deferred, outgoing.text());
+    if (const Trouble trouble = copy.adopt(outgoing)) {
+        tellTrouble(EV_MOVE_FAILED, *trouble);
         return SEND_ERROR;
     }
-    FileName(mailscanGlobals::outgoing_mail, leaf, ".rcp").Delete();
-    return writeNewRecipients(copy);
+    return writeFirstList(copy);
 }
 
 // The text comes first: without a recipient file no walker sees it.
-SendResult ListSender::storeNew(std::istream& text, const FileName& leaf) {
-    FileName copy(mailscanGlobals::deferred_mail_path, leaf, nullptr);
-    bool stored = Email::storeText(text, copy);
-    for (int draw = 0; !stored && errno == EEXIST && draw < Email::kNameDraws; ++draw) {
-        messageName = Email::newReturnName();
-        copy = FileName(mailscanGlobals::deferred_mail_path(), messageName->c_str());
-        stored = Email::storeText(text, copy);
+SendResult ListSender::storeNew(std::istream& text) {
+    for (int draw = 0;; ++draw) {
+        Email::QueuedMessage copy(Queue::Deferred, FileName(messageName->c_str()));
+        const Trouble trouble = copy.store(text);
+        if (!trouble) {
+            const SendResult result = writeFirstList(copy);
+            if (result == SEND_ERROR) {
+                copy.text().Delete();
+            }
+            return result;
+        }
+        if (*trouble != EEXIST || draw == Email::QueuedMessage::kNameDraws) {
+            tellTrouble(EV_COPY_FAILED, *trouble);
+            return SEND_ERROR;
+        }
+        messageName = Email::QueuedMessage::newReturnName();
     }
-    if (!stored) {
-        logEvent(EV_COPY_FAILED, nullptr, 0);
-        return SEND_ERROR;
-    }
-    const SendResult result = writeNewRecipients(copy);
-    if (result == SEND_ERROR) {
-        copy.Delete();
-    }
-    return result;
 }
 
-SendResult ListSender::writeNewRecipients(const FileName& copy) {
-    errno = 0;
-    if (!recipients_.OverWrite(FileName(copy, ".rmd"))) {
-        logEvent(EV_COPY_FAILED, nullptr, 0);
+SendResult ListSender::writeFirstList(Email::QueuedMessage& copy) {
+    if (const Trouble trouble = copy.writeFirstList(recipients_)) {
+        tellTrouble(EV_COPY_FAILED, *trouble);
         return SEND_ERROR;
     }
     // Both names must outlive a power cut before the message that they replace is deleted. When
     // that cannot be had, they are there all the same.
-    if (!Email::syncDirectory(copy())) {
-        Email::writeLine(LogLine::SyncFailed, {.message = copy(), .error = errno});
+    if (const Trouble trouble = copy.sync()) {
+        Email::writeLine(LogLine::SyncFailed, {.message = copy.text()(), .error = *trouble});
     }
     return SEND_DEFERRED;
 }

@@ -7,9 +7,10 @@
 #pragma once
 
 #include "email/smtp/Sender.h"
-#include "email/spool/DeliveryJournal.h"
 #include "email/spool/MailList.h"
+#include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
+#include "fwall/UniqueFd.h"
 
 #include <iosfwd>
 #include <memory>
@@ -36,7 +37,7 @@ public:
     ~ListSender() override;
 
     // Writes the event's line, if its gate is open, and reports its record, if its kind is wanted.
-    // The reason of a file trouble is taken from errno; `text` may be null. EV_NONE does nothing.
+    // `text` may be null. EV_NONE does nothing.
     void logEvent(eventId event, const char* text, int value) override;
 
     // Forgets the message: size, server, name and trace. The recipients stay.
@@ -44,7 +45,8 @@ public:
 
     // Delivers a message of a queue directory (the deferred one, or the outgoing one) and deletes
     // its files unless it is kept. A message whose text cannot be opened, or whose recipient file
-    // cannot be read, is deleted too. True when it was finished or kept.
+    // cannot be read, is deleted too, unless it is this host that is short of descriptors or
+    // memory: then the message is kept and stopped() tells why. True when it was finished or kept.
     bool Send(const FileName& entry, bool deferred, int traceLevel);
 
     // The engine's core: one attempt on a text whose recipients are in this engine. `onDisc` tells
@@ -81,22 +83,31 @@ public:
 
     Recipients& recipients() noexcept { return recipients_; }
 
+    // The errno number of a trouble that would meet the next message as well; 0 while there is
+    // none. Nothing more should be tried then.
+    [[nodiscard]] int stopped() const noexcept { return stopped_; }
+
 protected:
+    // Ends the run because of this message, with a line.
+    void stop(const char* message, int error);
+
     int trace = 0;
     bool returnMessage = false; // this engine sends a return mail
     Recipients recipients_;
+    UniqueFd spare_; // given back when a shortage of descriptors has to be told of
 
 private:
-    // The message of a queue directory, up to what becomes of its files.
-    SendResult sendQueued(const FileName& entry, const FileName& textFile, const FileName& rcptFile,
-                          bool deferred);
-    void deleteFiles(const FileName& textFile, const FileName& rcptFile);
+    // One message of a queue directory, up to what becomes of its files.
+    SendResult sendQueued(Email::QueuedMessage& message, const FileName& entry, bool deferred);
+    SendResult unusable(eventId event, const FileName& text, int error);
+    [[nodiscard]] bool mayBeMeant(int error) noexcept;
     SendResult sendNew(const char* sender, const char* recipient, std::istream& text);
-    // Leaves out whom an earlier run was done with; true when nobody else is left.
-    bool allDoneBefore();
-    void noteDone(const MailList& done);
-    void writeJournal();
-    void removeJournal() noexcept;
+    SendResult attempt(std::istream& text, bool deferred, const char* name,
+                       Email::QueuedMessage* message);
+    // False, with a line, when what comes next could not be written down: nothing more may be done
+    // for this message in this run.
+    bool secured(const MailList& failed);
+    void noteServed() noexcept;
     [[nodiscard]] bool mayGoOut(bool deferred) const noexcept;
 
     // One conversation of a pass.
@@ -109,24 +120,28 @@ private:
     void reportDelivered(const MailList& accepted, SMTPcode code);
 
     // Returns what failed for good and puts the rest into the deferred queue.
-    SendResult settle(MailList& failed, std::istream& text, bool deferred, const char* name,
-                      bool onDisc);
-    SendResult rewriteDeferred(const FileName& leaf);
-    SendResult moveOutgoing(const FileName& leaf);
-    SendResult storeNew(std::istream& text, const FileName& leaf);
-    SendResult writeNewRecipients(const FileName& copy);
+    SendResult settle(MailList& failed, std::istream& text, bool deferred,
+                      Email::QueuedMessage* message);
+    SendResult rewriteDeferred(Email::QueuedMessage& message);
+    SendResult moveOutgoing(const Email::QueuedMessage& outgoing);
+    SendResult storeNew(std::istream& text);
+    SendResult writeFirstList(Email::QueuedMessage& copy);
     void reportDeferred();
     void dropFailed(MailList& failed);
 
     // Log lines.
+    void tellTrouble(eventId event, int error);
     void traceLine(Email::LogLine line, const char* text) const;
     void logStep(eventId event, const char* text, int value, int error) const;
+    void reportStep(eventId event, const char* text, int value);
     void logRecipient(Email::LogLine line, const EmailAddr& rcpt, int code, IPaddress relay) const;
     void logEach(Email::LogLine line, const MailList& list) const;
     [[nodiscard]] IPaddress refuserOf(const EmailAddr* rcpt) const;
 
-    std::optional<Email::DeliveryJournal> journal_; // of a message of the deferred queue
-    const EmailAddr* current_ = nullptr;            // the recipient that a step is about
+    Email::QueuedMessage* queued_ = nullptr; // the deferred queue's message that is being attempted
+    int deniedTexts_ = 0;                    // in a row
+    int stopped_ = 0;
+    const EmailAddr* current_ = nullptr; // the recipient that a step is about
     // The server that gave a failed recipient its code in this attempt; without one, none had been
     // reached. A log line must never show the server of another conversation.
     std::unordered_map<const EmailAddr*, IPaddress> refusedBy_;

@@ -24,13 +24,22 @@ std::optional<std::string_view> given(const char* text) {
 } // namespace
 
 void ListSender::logEvent(eventId event, const char* text, int value) {
-    const int error = errno;
+    const int error = errno; // of a text that cannot be read or a name that cannot be looked up
     if (event == EV_NONE) {
         return;
     }
     if (!hasItsLines(event)) {
         logStep(event, text, value, error);
     }
+    reportStep(event, text, value);
+}
+
+void ListSender::tellTrouble(eventId event, int error) {
+    logStep(event, nullptr, 0, error);
+    reportStep(event, nullptr, 0);
+}
+
+void ListSender::reportStep(eventId event, const char* text, int value) {
     const SEvent& row = lookupSEvent(event);
     if (!Email::kindWanted(row.kind)) {
         return;

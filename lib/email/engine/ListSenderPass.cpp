@@ -12,7 +12,8 @@ using Email::LogLine;
 bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
     // Once per pass: a step that fails without a code of its own leaves the one before it.
     SMTPcode code = COMMS_FAILED;
-    while (!recipients_.IsEmpty() && (deferred || failed.IsEmpty()) && !Semaphore::shuttingDown()) {
+    while (!recipients_.IsEmpty() && (deferred || failed.IsEmpty()) && !Semaphore::shuttingDown() &&
+           secured(failed)) {
         converse(failed, text, code);
     }
     failed.Add(recipients_, true, IDS_NO_REASON);
@@ -21,7 +22,6 @@ bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
 }
 
 void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) {
-    writeJournal();
     std::unique_ptr<EmailAddr> first = recipients_.Remove();
     const char* name = first->text();
     traceLine(LogLine::TraceSendingTo, name);
@@ -56,7 +56,7 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
         refuseAll(accepted, failed, code);
         return;
     }
-    noteDone(accepted);
+    noteServed();
     if (mailscanGlobals::mailLogEnable) {
         reportDelivered(accepted, code);
     }

@@ -34,7 +34,6 @@ void ListSender::Bounce(MailList& failed, std::istream& text) {
         dropFailed(failed);
         return;
     }
-    writeJournal();
     logEach(Email::LogLine::Returned, failed);
     checkNotBad(text.bad());
     std::istringstream mail(Email::returnMail(recipients_.GetSender(), failed, text));
@@ -43,14 +42,12 @@ void ListSender::Bounce(MailList& failed, std::istream& text) {
     if (returnEngine.sendNew("<>", recipients_.GetSender(), mail) == SEND_ERROR) {
         logEach(Email::LogLine::ReturnLost, failed);
     }
-    noteDone(failed);
     failed.Destroy();
 }
 
 // One event speaks for all that are dropped; every recipient gets its line.
 void ListSender::dropFailed(MailList& failed) {
     logEach(Email::LogLine::Dropped, failed);
-    noteDone(failed);
     if (const auto first = failed.Remove()) {
         logEvent(EV_NULL_SENDER_DROP, first->text(), first->reason);
     }

@@ -1,11 +1,17 @@
 #include "email/engine/MailReSender.h"
 
+#include "email/file/FdStream.h"
 #include "email/file/FileIterator.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/spool/MessageLock.h"
 #include "email/telling/DeliveryLog.h"
 
+#include <fcntl.h>
+
 #include <array>
+#include <new>
+
+using Email::QueuedMessage;
 
 namespace {
 
@@ -15,11 +21,17 @@ constexpr unsigned kPathLimit = 200; // characters of a message's path, with the
 
 void MailReSender::RetryAll(int traceLevel) {
     walkTrace_ = traceLevel;
+    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     FileIterator spool(mailscanGlobals::deferred_mail_path());
     FileInfo info;
-    while (const auto entry = spool.Next(info)) {
+    while (stopped() == 0) {
+        const auto entry = spool.Next(info);
+        if (!entry) {
+            break;
+        }
         tryFile(entry.get());
     }
+    spare_.reset();
 }
 
 void MailReSender::tryFile(FileName* entry) {
@@ -30,7 +42,21 @@ void MailReSender::tryFile(FileName* entry) {
         }
         return;
     }
-    deliverLocked(*entry, std::string(path.data()) + ".rmd");
+    std::string lockFile = path.data();
+    lockFile += QueuedMessage::listEnding(QueuedMessage::Queue::Deferred);
+    try {
+        deliverLocked(*entry, lockFile);
+    } catch (const std::bad_alloc&) {
+        passOver(*entry);
+    }
+}
+
+// Its files are as they were, or say whom it was done with; a later run may have more memory.
+void MailReSender::passOver(const FileName& entry) {
+    CloseTransport();
+    recipients_.Reset();
+    Email::writeLine(Email::LogLine::OutOfMemory, {.message = entry()});
+    clear();
 }
 
 void MailReSender::deliverLocked(const FileName& entry, const std::string& lockFile) {
@@ -39,6 +65,9 @@ void MailReSender::deliverLocked(const FileName& entry, const std::string& lockF
     if (lock.state() == Email::MessageLock::State::NotOpened && walkTrace_ != 0) {
         Email::writeLine(Email::LogLine::TraceUnableToOpen,
                          {.args = {lockFile, std::to_string(lock.error())}});
+    }
+    if (Email::isShortage(lock.error())) {
+        stop(entry(), lock.error());
     }
     if (lock.state() != Email::MessageLock::State::Held) {
         return;

@@ -11,12 +11,14 @@ class MailReSender : public ListSender {
 public:
     MailReSender() = default;
 
-    // Walks the deferred spool once, in the order in which the system lists it. Entries that appear
-    // meanwhile may be seen or not. Non-zero switches the per-file trace lines on.
+    // Walks the deferred spool once, in the order in which the system lists it, or until stopped().
+    // Entries that appear meanwhile may be seen or not. Non-zero switches the per-file trace lines
+    // on.
     void RetryAll(int traceLevel);
 
     // Locks and delivers one entry. Left alone without a word: an entry without recipient file, one
-    // that another process holds, and one whose path has 200 characters or more.
+    // that another process holds, and one whose path has 200 characters or more. One that takes
+    // more memory than there is is passed over with a line.
     void tryFile(FileName* entry);
 
     // Delivers one locked entry; true when it was finished or kept.
@@ -25,6 +27,8 @@ public:
 private:
     void traceFile(Email::LogLine line, const std::string& file) const;
     void deliverLocked(const FileName& entry, const std::string& lockFile);
+
+    void passOver(const FileName& entry);
 
     int walkTrace_ = 0; // the engine forgets its own switch with every message
 };

@@ -15,25 +15,25 @@ namespace {
 constexpr int kRetries = 3;
 constexpr std::chrono::milliseconds kRetryPause{100};
 
-bool transient(int error) noexcept {
-    return error == EINTR || error == EMFILE || error == ENFILE || error == ENOMEM;
+} // namespace
+
+bool isShortage(int error) noexcept {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
-// Not blocking, so that a FIFO planted in the spool cannot stop the run.
-int openPatiently(const char* path) noexcept {
+int openPatiently(const char* path, int flags) noexcept {
     for (int retry = 0;; ++retry) {
-        const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        if (fd >= 0 || retry == kRetries || !transient(errno)) {
+        const int fd = ::open(path, flags);
+        if (fd >= 0 || retry == kRetries || (errno != EINTR && !isShortage(errno))) {
             return fd;
         }
         std::this_thread::sleep_for(kRetryPause);
     }
 }
 
-} // namespace
-
 OpenedText openText(const char* path) noexcept {
-    UniqueFd fd(openPatiently(path));
+    // Not blocking, so that a FIFO planted in the spool cannot stop the run.
+    UniqueFd fd(openPatiently(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
         return {UniqueFd(), -1, errno};

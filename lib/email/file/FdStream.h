@@ -19,9 +19,14 @@ struct OpenedText {
     int error = 0;   // errno; 0 when it is open
 };
 
+// True for the errors that say nothing about the file: this host is out of descriptors or memory.
+[[nodiscard]] bool isShortage(int error) noexcept;
+
+// open(2), tried three times more, 100 ms apart, after EINTR and a shortage. -1 with errno.
+[[nodiscard]] int openPatiently(const char* path, int flags) noexcept;
+
 // Opens a regular file or a directory (whose reading then fails with EISDIR). A FIFO, socket or
-// device is refused with ENXIO and never waited for. EINTR, EMFILE, ENFILE and ENOMEM are tried
-// three times more, 100 ms apart.
+// device is refused with ENXIO and never waited for. Opened patiently.
 OpenedText openText(const char* path) noexcept;
 
 // Reads at offsets of its own: the descriptor must be seekable, and seeking makes no system call.

@@ -86,13 +86,23 @@ bool copyBytes(int from, int to) noexcept {
     }
 }
 
+// A link that somebody planted is replaced, as a rename would: what it leads to is nobody's mail.
+int openTarget(const char* target) noexcept {
+    constexpr int kFlags = O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    const int fd = ::open(target, kFlags, kCopyMode);
+    if (fd >= 0 || errno != ELOOP || ::unlink(target) != 0) {
+        return fd;
+    }
+    return ::open(target, kFlags | O_EXCL, kCopyMode);
+}
+
 // The bytes are on disc before this returns true: the caller deletes the source.
 bool copyFile(const char* source, const char* target) noexcept {
     const UniqueFd from(::open(source, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!from.valid()) {
         return false;
     }
-    UniqueFd to(::open(target, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, kCopyMode));
+    UniqueFd to(openTarget(target));
     if (!to.valid()) {
         return false;
     }
@@ -232,6 +242,8 @@ bool FileName::MoveTo(const FileName& target) const {
     }
     // The source goes also when the copy failed; the walk must not meet the message again.
     const bool copied = copyFile(pathname.c_str(), target.pathname.c_str());
+    const int error = errno; // of the copy
     static_cast<void>(Delete());
+    errno = error;
     return copied;
 }

@@ -57,7 +57,8 @@ public:
     bool Delete() const noexcept;
 
     // Renames to the target; copies and deletes the source where that cannot be done. The source
-    // is deleted even when the copy failed. True when the target holds the file.
+    // is deleted even when the copy failed. True when the target holds the file, else errno tells
+    // why it does not.
     bool MoveTo(const FileName& target) const;
 
 protected:

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <utility>
 
@@ -17,10 +18,10 @@ bool writable(const char* path) noexcept {
     return UniqueFd(::open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK)).valid();
 }
 
-// A left-over of a run that was killed is in the way of a new temporary file.
-int createFresh(const char* path, mode_t mode) noexcept {
+int createFresh(const char* path, mode_t mode, FileReplacement::LeftOver leftOver) noexcept {
     const int fd = ::open(path, kNew, mode);
-    if (fd >= 0 || errno != EEXIST || ::unlink(path) != 0) {
+    if (fd >= 0 || errno != EEXIST || leftOver == FileReplacement::LeftOver::Keep ||
+        ::unlink(path) != 0) {
         return fd;
     }
     return ::open(path, kNew, mode);
@@ -49,8 +50,8 @@ bool takesNoNewNames(int error) noexcept {
 }
 
 // A device has nothing that could be synced or cut, which is no failure.
-bool truncateToNothing(int fd) noexcept {
-    return ::ftruncate(fd, 0) == 0 || errno == EINVAL;
+bool cut(int fd, std::size_t size) noexcept {
+    return ::ftruncate(fd, static_cast<off_t>(size)) == 0 || errno == EINVAL;
 }
 
 bool sync(int fd) noexcept {
@@ -59,22 +60,26 @@ bool sync(int fd) noexcept {
 
 } // namespace
 
-FileReplacement::FileReplacement(std::string path, mode_t mode) : target_(std::move(path)) {
+FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOver)
+    : target_(std::move(path)) {
     struct stat old {};
-    const bool exists = ::lstat(target_.c_str(), &old) == 0;
+    const bool exists = ::stat(target_.c_str(), &old) == 0;
     if (!exists && errno != ENOENT) {
         return;
     }
     if (exists && !S_ISREG(old.st_mode)) {
+        inPlace_ = EEXIST;
         fd_.reset(openInPlace(target_.c_str(), mode));
         return;
     }
     if (exists && !writable(target_.c_str())) {
         return;
     }
-    temporary_ = target_ + '~';
-    fd_.reset(createFresh(temporary_.c_str(), exists ? old.st_mode & kPermissions : mode));
+    temporary_ = target_ + kTemporaryEnding;
+    fd_.reset(
+        createFresh(temporary_.c_str(), exists ? old.st_mode & kPermissions : mode, leftOver));
     if (!fd_.valid() && takesNoNewNames(errno)) {
+        inPlace_ = errno;
         temporary_.clear();
         fd_.reset(openInPlace(target_.c_str(), mode));
     } else if (fd_.valid() && exists) {
@@ -97,15 +102,43 @@ void FileReplacement::discard() noexcept {
     errno = error;
 }
 
-bool FileReplacement::commit(std::string_view bytes) noexcept {
-    const bool inPlace = temporary_.empty();
-    const bool written = (!inPlace || truncateToNothing(fd_.get())) && writeAll(fd_.get(), bytes) &&
-                         sync(fd_.get()) && fd_.close();
-    if (!written || (!inPlace && ::rename(temporary_.c_str(), target_.c_str()) != 0)) {
+bool FileReplacement::reserve(std::size_t size) noexcept {
+    int error = EINTR;
+    while (error == EINTR) {
+        error = ::posix_fallocate(fd_.get(), 0, static_cast<off_t>(size));
+    }
+    errno = error;
+    reserved_ = error == 0;
+    return reserved_;
+}
+
+// Cut behind the new bytes and not before them: on a full disc the room must not be let go of.
+bool FileReplacement::write(std::string_view bytes) noexcept {
+    const bool longer = reserved_ || inPlace_ != 0;
+    return writeAll(fd_.get(), bytes) && (!longer || cut(fd_.get(), bytes.size())) &&
+           sync(fd_.get());
+}
+
+bool FileReplacement::release(UniqueFd* lock) noexcept {
+    return lock == nullptr ? fd_.close() : ::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
+}
+
+bool FileReplacement::commit(std::string_view bytes, UniqueFd* lock) noexcept {
+    const bool written = write(bytes) && release(lock);
+    if (!written || (inPlace_ == 0 && ::rename(temporary_.c_str(), target_.c_str()) != 0)) {
         discard();
         return false;
     }
+    if (lock != nullptr) {
+        *lock = std::move(fd_);
+    }
     return true;
+}
+
+bool overwrite(const char* path, std::string_view bytes) noexcept {
+    UniqueFd fd(::open(path, O_WRONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    return fd.valid() && writeAll(fd.get(), bytes) && cut(fd.get(), bytes.size()) &&
+           sync(fd.get()) && fd.close();
 }
 
 bool writeAll(int fd, std::string_view bytes) noexcept {

@@ -1,5 +1,7 @@
 #include "email/spool/MessageLock.h"
 
+#include "email/file/FdStream.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,7 +24,8 @@ bool sameFile(const struct stat& a, const struct stat& b) noexcept {
 } // namespace
 
 MessageLock::MessageLock(const std::string& recipientFile) noexcept
-    : fd_(::open(recipientFile.c_str(), kOpenFlags)), state_(acquire(recipientFile.c_str())) {}
+    : fd_(openPatiently(recipientFile.c_str(), kOpenFlags)),
+      state_(acquire(recipientFile.c_str())) {}
 
 MessageLock::~MessageLock() {
     // Descriptor 0 never belongs to a message: it stands for a failure, and is left open.

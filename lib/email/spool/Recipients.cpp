@@ -79,12 +79,22 @@ void appendTime(std::string& out, const DateTime& time) {
     out.append(time.Get(text.data())) += '\n';
 }
 
+void appendRecord(std::string& out, const EmailAddr& record) {
+    out.append(record.text()) += '\t';
+    appendNumber(out, record.reason);
+    out += '\n';
+}
+
 } // namespace
 
 Recipients::Recipients() : firstTry(-1), previousTry(firstTry) {}
 
 bool Recipients::Read(const FileName& file, bool full) {
     Email::FdStream text(file());
+    return Read(text, full);
+}
+
+bool Recipients::Read(std::istream& text, bool full) {
     if (text.peek() == std::istream::traits_type::eof()) {
         return false;
     }
@@ -121,35 +131,51 @@ bool Recipients::OverWrite(const FileName& file) {
         return false;
     }
     Email::FileReplacement replacement(file(), kFileMode);
-    return replacement.open() && replacement.commit(takeText());
+    if (!replacement.open()) {
+        return false;
+    }
+    std::string text;
+    takeTo(text);
+    return replacement.commit(text);
 }
 
-std::string Recipients::takeText() {
-    std::string text;
-    text.reserve(textSize());
+void Recipients::appendHead(std::string& out, const DateTime& latest) const {
+    appendTime(out, firstTry);
+    appendTime(out, latest);
+    appendNumber(out, numberOfTries);
+    out.append(1, '\n').append(sender.data()) += '\n';
+}
+
+void Recipients::appendTo(std::string& out, const MailList& failed) const {
+    out.reserve(out.size() + textSize(failed));
+    appendHead(out, previousTry);
+    for (const MailList* list : {static_cast<const MailList*>(this), &failed}) {
+        for (const EmailAddr* record = list->first(); record; record = record->next.get()) {
+            appendRecord(out, *record);
+        }
+    }
+}
+
+void Recipients::takeTo(std::string& out) {
+    out.reserve(out.size() + textSize(MailList()));
     // A first attempt that ended without an answer from any server is written as if it had not
     // been made. The gateway's other programs look for this stamp.
     const bool unattempted =
         numberOfTries == 0 && (ReasonPresent(TIMEOUTEXPIRED) || ReasonPresent(IDS_NO_REASON));
-    appendTime(text, firstTry);
-    appendTime(text, unattempted ? DateTime(0) : DateTime(-1));
     numberOfTries += numberOfTries == std::numeric_limits<std::int32_t>::max() ? 0 : 1;
-    appendNumber(text, numberOfTries);
-    text.append(1, '\n').append(sender.data()) += '\n';
+    appendHead(out, unattempted ? DateTime(0) : DateTime(-1));
     while (const auto record = Remove()) {
-        text.append(record->text()) += '\t';
-        appendNumber(text, record->reason);
-        text += '\n';
+        appendRecord(out, *record);
     }
-    return text;
 }
 
-// At least the length of the full form, so that a long list is not copied while it is written.
-std::size_t Recipients::textSize() const noexcept {
+std::size_t Recipients::textSize(const MailList& failed) const noexcept {
     constexpr std::size_t kTabCodeLineFeed = 13;
-    std::size_t size = 2 * DateTime::kTextSize + sender.size();
-    for (const EmailAddr* record = first(); record; record = record->next.get()) {
-        size += record->size() + kTabCodeLineFeed;
+    std::size_t size = 2 * DateTime::kTextSize + kTabCodeLineFeed + std::strlen(sender.data());
+    for (const MailList* list : {static_cast<const MailList*>(this), &failed}) {
+        for (const EmailAddr* record = list->first(); record; record = record->next.get()) {
+            size += record->size() + kTabCodeLineFeed;
+        }
     }
     return size;
 }

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 
 namespace Email {
@@ -23,10 +24,21 @@ public:
     // then), or when its first lines are missing or unusable (the content must not be used then).
     bool Read(const FileName& file, bool full);
 
+    // The same from an open file.
+    bool Read(std::istream& text, bool full);
+
     // Writes the full form durably, counts one try more and empties the list. False, with errno
     // where there is one, when the list is empty or the file cannot be opened (nothing changed
     // then), or when it cannot be written: an existing file keeps its old content.
     bool OverWrite(const FileName& file);
+
+    // Appends the full form as it stands, with those who failed behind those still to be tried:
+    // what a list that is written in the middle of an attempt says. No try is counted.
+    void appendTo(std::string& out, const MailList& failed) const;
+    // Appends the full form at the end of an attempt: counts one try more and empties the list.
+    void takeTo(std::string& out);
+    // At least what either appends.
+    [[nodiscard]] std::size_t textSize(const MailList& failed) const noexcept;
 
     void setSender(const char* text);
     [[nodiscard]] const char* GetSender() const noexcept { return sender.data(); }
@@ -38,8 +50,7 @@ public:
 
 private:
     void readRecipients(Email::BoundedLineReader& in, bool full);
-    std::string takeText();
-    [[nodiscard]] std::size_t textSize() const noexcept;
+    void appendHead(std::string& out, const DateTime& latest) const;
 
     std::array<char, EmailAddr::kTextSize> sender{};
     DateTime firstTry;

@@ -48,6 +48,9 @@ constexpr std::array kTable{
            "spool-sync-failed msg=%m error=%e"},
     LogRow{LogLine::DeleteFailed, EV_NONE, LOG_ERR, LogGate::Always,
            "delete-failed msg=%m error=%e"},
+    LogRow{LogLine::OutOfMemory, EV_NONE, LOG_ERR, LogGate::Always, "out-of-memory msg=%m"},
+    LogRow{LogLine::RunStopped, EV_NONE, LOG_ERR, LogGate::Always,
+           "run-stopped msg=%m error=%e"},
 
     LogRow{LogLine::SelfSend, EV_SELF_SEND, LOG_WARNING, LogGate::Always,
            "self-send msg=%m from=%f to=%t"},

@@ -36,6 +36,8 @@ enum class LogLine {
     CopyFailed,
     SyncFailed,
     DeleteFailed,
+    OutOfMemory,
+    RunStopped,
     // Conversations
     SelfSend,
     BadDomain,

@@ -100,10 +100,10 @@ TEST_F(QueueTest, FindsFilesThatNoRunDealsWith) {
     const std::string longest(200 - deferred("").size(), 'n');
     queue("good", "<s@x>", "<a@b>\t1\n", 10);
     queue(longest, "<s@x>", "<a@b>\t1\n", 10);
-    for (const char* leaf : {"text-only", "list-only.rmd", "good.rmd+", "good.rmd~"}) {
-        write(leaf, "x"); // the last two may be just being written
+    for (const char* leaf : {"text-only", "list-only.rmd", "good.rmd~"}) {
+        write(leaf, "x"); // the last may be just being written
     }
-    const SpoolReport report = checkSpool(deferred(""), ".rmd");
+    const SpoolReport report = checkSpool(deferred(""), Email::QueuedMessage::Queue::Deferred);
     std::string found;
     for (const Finding& finding : report.findings) {
         found += finding.text + '\n';
@@ -114,7 +114,9 @@ TEST_F(QueueTest, FindsFilesThatNoRunDealsWith) {
         EXPECT_NE(found.find(text), std::string::npos) << found;
     }
     EXPECT_EQ(found.find("good"), std::string::npos);
-    EXPECT_TRUE(checkSpool("/nonexistent", ".rmd").findings.at(0).text.starts_with("cannot be"));
+    EXPECT_TRUE(checkSpool("/nonexistent", Email::QueuedMessage::Queue::Deferred)
+                    .findings.at(0)
+                    .text.starts_with("cannot be"));
 }
 
 } // namespace
