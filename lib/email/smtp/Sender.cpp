@@ -130,7 +130,8 @@ int Sender::readNumber(long timeoutSecs) {
             return COMMS_FAILED;
         }
         if (!reply->continues) {
-            return reply->number;
+            // Below 0 stands for "not tried yet", and no server's word may say that of a recipient.
+            return reply->number < 0 ? COMMS_FAILED : reply->number;
         }
     }
     replyLost_ = true;
