@@ -98,6 +98,14 @@ class Limits(SystemTest):
         self.assertEqual((set(self.copies().values()), len(self.copies())), ({1}, 35))
         self.assertEqual(sorted(self.world.spool()), ["filler", "more", "more.rmd"])
 
+    def test_names_that_look_like_our_own_cost_nobody_anything(self):
+        for leaf in ("m.rmd~", "m.rmd+", "m"):  # the last one is listed first
+            self.world.queue(leaf, [f"<{leaf}{n}@{n}.test>" for n in range(2)] + ["<busy@there.test>"] * (leaf == "m"))
+        for _ in range(2):
+            self.run_ok("-now")
+        self.assertEqual((set(self.copies().values()), len(self.copies())), ({1}, 6))
+        self.assertEqual(sorted(self.world.spool()), ["m", "m.rmd"])
+
     @cases(DENIED)
     def test_a_directory_that_takes_no_names_gives_no_second_copies(self, rcpts, copies, word):
         os.chmod(self.world.root, 0o755)

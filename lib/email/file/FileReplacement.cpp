@@ -1,5 +1,7 @@
 #include "email/file/FileReplacement.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -102,14 +104,20 @@ void FileReplacement::discard() noexcept {
     errno = error;
 }
 
+// Blank bytes and no posix_fallocate(3): where blocks are assigned late, as usual, written ones are
+// promised at once and cost nothing on disc when they are not needed, which is almost always.
 bool FileReplacement::reserve(std::size_t size) noexcept {
-    int error = EINTR;
-    while (error == EINTR) {
-        error = ::posix_fallocate(fd_.get(), 0, static_cast<off_t>(size));
+    static constexpr std::array<char, 16384> kBlank{};
+    for (std::size_t done = 0; done < size;) {
+        const std::size_t length = std::min(size - done, kBlank.size());
+        const ssize_t n = ::pwrite(fd_.get(), kBlank.data(), length, static_cast<off_t>(done));
+        if (n < 0 && errno != EINTR) {
+            return false;
+        }
+        done += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
     }
-    errno = error;
-    reserved_ = error == 0;
-    return reserved_;
+    reserved_ = true;
+    return true;
 }
 
 // Cut behind the new bytes and not before them: on a full disc the room must not be let go of.
