@@ -92,8 +92,8 @@ SendResult ListSender::unusable(eventId event, const FileName& text, int error) 
 
 // Whether an error can be this message's own. A shortage has been waited out by now.
 bool ListSender::mayBeMeant(int error) noexcept {
-    const bool denied = error == EACCES || error == EPERM;
-    return !Email::isShortage(error) && (!denied || ++deniedTexts_ < kMostDenied);
+    deniedTexts_ = error == EACCES || error == EPERM ? deniedTexts_ + 1 : 0;
+    return !Email::isShortage(error) && deniedTexts_ < kMostDenied;
 }
 
 void ListSender::stop(const char* message, int error) {

@@ -34,9 +34,10 @@ void ListSender::Bounce(MailList& failed, std::istream& text) {
         dropFailed(failed);
         return;
     }
-    logEach(Email::LogLine::Returned, failed);
     checkNotBad(text.bad());
+    // Before the lines: a mail that there is no memory for tells nobody anything.
     std::istringstream mail(Email::returnMail(recipients_.GetSender(), failed, text));
+    logEach(Email::LogLine::Returned, failed);
     returnEngine.returnMessage = true;
     // The list is kept until here for the lines of a return mail that is neither sent nor queued.
     if (returnEngine.sendNew("<>", recipients_.GetSender(), mail) == SEND_ERROR) {
