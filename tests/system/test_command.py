@@ -69,6 +69,13 @@ class Command(SystemTest):
         self.assertEqual((run.status, len(there.sessions)), (0, 2), run.out)
         self.assertEqual(len(run.lines("recipients-rewrite-failed")), 2)
 
+    def test_closed_standard_descriptors_take_no_file_of_the_spool(self):
+        self.world.table("domain-relay * 127.0.0.2")
+        self.smtp("127.0.0.2")
+        self.world.queue("m", "<u@x.test>")
+        self.assertEqual(self.world.run("-c", f"exec {self.world.binary} <&- >&- 2>&-", binary="/bin/sh").status, 0)
+        self.assertEqual(self.world.spool(), {})
+
 
 if __name__ == "__main__":
     harness.main()

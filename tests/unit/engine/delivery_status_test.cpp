@@ -65,20 +65,21 @@ std::string mailWith(int maxLines, std::string_view author, const char* text = k
     return mail;
 }
 
-constexpr const char* kHead = "To: <s@from.test>\nSubject: Returned Mail - Error During Delivery\n"
-                              "Auto-Submitted: auto-replied\nMIME-Version: 1.0\n"
-                              "Content-Type: multipart/report; report-type=delivery-status;\n"
-                              "\tboundary=\"B\"\n\n--B\nContent-Type: text/plain\n\n"
-                              "------ Failed Recipients ------\n\n"
-                              "<a@x.test>: Requested action not taken: mailbox unavailable. [SMTP Error Code 550]\n"
-                              "    550 5.1.1 no??Fake: ?\n<b@y.test>: Host not found.\n\n"
-                              "--B\nContent-Type: message/delivery-status\n\n"
-                              "Reporting-MTA: dns; gw.test\n\n"
-                              "Final-Recipient: rfc822; a@x.test\nAction: failed\nStatus: 5.1.1\n"
-                              "Remote-MTA: dns; [192.0.2.1]\n"
-                              "Diagnostic-Code: smtp; 550 5.1.1 no??Fake: ?\n\n"
-                              "Final-Recipient: rfc822; b@y.test\nAction: failed\nStatus: 5.1.2\n"
-                              "Diagnostic-Code: x-gateway; Host not found.\n";
+constexpr const char* kHead =
+    "To: <s@from.test>\nSubject: Returned Mail - Error During Delivery\n"
+    "Auto-Submitted: auto-replied\nMIME-Version: 1.0\n"
+    "Content-Type: multipart/report; report-type=delivery-status;\n"
+    "\tboundary=\"B\"\n\n--B\nContent-Type: text/plain\n\n"
+    "------ Failed Recipients ------\n\n"
+    "<a@x.test>: Requested action not taken: mailbox unavailable. [SMTP Error Code 550]\n"
+    "    550 5.1.1 no??Fake: ?\n<b@y.test>: Host not found.\n\n"
+    "--B\nContent-Type: message/delivery-status\n\n"
+    "Reporting-MTA: dns; gw.test\n\n"
+    "Final-Recipient: rfc822; a@x.test\nAction: failed\nStatus: 5.1.1\n"
+    "Remote-MTA: dns; [192.0.2.1]\n"
+    "Diagnostic-Code: smtp; 550 5.1.1 no??Fake: ?\n\n"
+    "Final-Recipient: rfc822; b@y.test\nAction: failed\nStatus: 5.1.2\n"
+    "Diagnostic-Code: x-gateway; Host not found.\n";
 
 TEST(DeliveryStatus, MailTellsPeopleAndProgramsAndReturnsWhatFits) {
     const std::string own = "From: Z880_SMTP_Mail_Service <postmaster@gw.test>\n";
