@@ -73,11 +73,20 @@ def failing(scratch, fault, early, file, usual, usual_log):
     for leaf in moved:
         if not (untouched(leaf, before, ledger) or explained(leaf, scene.log, usual_log)):
             faults.append(f"the log says nothing about {leaf}: {scene.log}")
+    if re.search(r"inject=open.*error=(EMFILE|ENFILE|ENOMEM|EINTR):", fault[-1]) and "given up" in ledger.places().values():
+        faults.append("mail was given up for want that passes")
     faults += scene.run_again()
     ledger = Ledger(scene).check_accounted().check_finished()
     if file:  # a list that could not be written costs those of one conversation a second copy, no more
         ledger.check_copies({rcpt for rcpt, leaf in RECIPIENTS.items() if ledger.logged(f" recipients-rewrite-failed msg={leaf} ")})
+    if re.search(r"inject=p?write(64)?:error=EINTR:", fault[-1]) and set(map(shape, scene.log)) - set(map(shape, usual_log)):
+        faults.append(f"an interrupted write is no failure: {scene.log}")
     return faults + ledger.faults
+
+
+def shape(line):
+    """What stays of a line from run to run."""
+    return re.sub(r"^\d+ |rjctfile\w+|waited=\d+", "", line)
 
 
 def untouched(leaf, before, ledger):
@@ -88,8 +97,6 @@ def untouched(leaf, before, ledger):
 
 def explained(leaf, log, usual_log):
     """A line about the message that an undisturbed run does not write, with an error or a result."""
-    def shape(line):
-        return re.sub(r"^\d+ |rjctfile\w+|waited=\d+", "", line)
     usual = {shape(line) for line in usual_log}
     told = f"msg={leaf} ", f"to={sender_of(leaf)} "
     return any(shape(line) not in usual and any(word in line for word in told) and re.search(r" (error|code)=", line) for line in log)

@@ -1,8 +1,10 @@
 #!/usr/bin/python3
 """The keeper's program beside the real retryer: what it tells must be what a run then does."""
+import calendar
 import fcntl
 import gzip
 import os
+import time
 
 import harness
 from harness import RELAYS, SENDERS, SystemTest, cases
@@ -24,7 +26,10 @@ class Queue(SystemTest):
         self.world.put("unreadable", b"text\n")
         self.world.put("unreadable.rmd", b"")
         before = self.world.spool()
-        listed = {entry["message"]: entry["state"] for entry in self.objects("list")}
+        entries = {entry["message"]: entry for entry in self.objects("list")}
+        listed = {leaf: entry["state"] for leaf, entry in entries.items()}
+        tried, due = (calendar.timegm(time.strptime(entries["waiting"][key], "%Y-%m-%dT%H:%M:%SZ")) for key in ("latest_try", "next_try"))
+        self.assertEqual(due - tried, 2000)
         self.assertEqual(listed, {leaf: leaf for leaf in ("due", "waiting", "overdue", "unreadable")})
         self.assertEqual(self.world.spool(), before)
         self.run_ok()

@@ -9,7 +9,15 @@
 #include <cerrno>
 #include <set>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+static int syncs = 0;
+
+extern "C" int fsync(int fd) {
+    ++syncs;
+    return static_cast<int>(::syscall(SYS_fsync, fd));
+}
 
 namespace {
 
@@ -97,7 +105,9 @@ TEST(FileName, MovesAlsoAcrossFileSystems) {
     const std::string text(40000, 'x');
     for (const Scratch* to : {&dir, &away}) {
         dir.write("m", text);
+        syncs = 0;
         EXPECT_TRUE(dir.name("m").MoveTo(to->name("n")));
+        EXPECT_EQ(syncs, to == &away ? 1 : 0); // on disc before the source is deleted
         EXPECT_EQ(to->read("n"), text);
     }
     // A target that cannot be written: the source is gone all the same.

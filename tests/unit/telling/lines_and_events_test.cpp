@@ -46,6 +46,18 @@ TEST_F(Spool, LinesAreOnTheirPageAndOnlyOutcomesAreSilencedAndOnlyProgressNeedsD
     }
 }
 
+TEST(Events, HaveTheirPublishedReasonAndKind) {
+    std::string table;
+    for (int number = 101; number <= 128; ++number) {
+        const SEvent& row = lookupSEvent(static_cast<eventId>(number));
+        table += std::to_string(row.event) + ' ' + std::to_string(row.reason) + ' ' +
+                 std::to_string(row.kind) + '\n';
+    }
+    const std::string page = contents(SOURCE_TREE "/tests/unit/telling/golden/events.txt");
+    EXPECT_EQ(table, page.substr(page.find('\n') + 1));
+    EXPECT_EQ(lookupSEvent(static_cast<eventId>(129)).event, EV_NONE);
+}
+
 TEST_F(Spool, EventKindsFollowTheirModesAndMarks) {
     // Kind, its mode (null: always wanted), category, severity.
     // clang-format off
