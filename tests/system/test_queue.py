@@ -48,14 +48,6 @@ class Walk(SystemTest):
         self.run_ok()
         self.assertEqual(sorted(rcpt for rcpt, _ in self.server.received()), ["<a@there.test>", "<b@there.test>"])
 
-    def test_a_message_that_was_all_done_when_a_run_was_killed_is_only_removed(self):
-        self.world.queue("m", "<u@there.test>", first=-500000)
-        status = os.stat(self.world.spool_dir + "m.rmd")
-        seconds, nanoseconds = divmod(status.st_mtime_ns, 10**9)
-        self.world.put("m.rmd+", f"{status.st_ino} {seconds}.{nanoseconds} {status.st_size}\n<u@there.test>\tdone\n".encode())
-        self.run_ok()
-        self.assertEqual((self.world.spool(), self.server.mails, self.returns.mails), ({}, [], []))
-
     def test_a_crash_is_told_and_frees_the_message(self):
         self.server.stop()
         self.smtp("127.0.0.4", [{"rcpt": (SILENT,)}, {}])
