@@ -67,32 +67,21 @@ void title(const Context& context, const std::string& text) {
     }
 }
 
-std::string sourceText(std::int32_t line) {
-    return line == 0 ? "default" : "line " + std::to_string(line);
-}
-
-void reportSettings(const Context& context) {
+void reportSettingsInForce(const Context& context) {
     title(context, "Settings in force");
-    Table table(context.screen,
-                {{"KEY", 27}, {"FROM", 8}, {"UNIT", 9}, {"VALUE", 10, false, Table::Fit::Wrap}});
+    if (!context.json) {
+        reportSettings(context);
+        return;
+    }
     for (const Setting& setting : settings()) {
-        if (setting.kind == Setting::Kind::Relays) {
-            continue;
-        }
-        const std::string value = context.table.value(setting);
-        const std::int32_t line = context.table.line(setting);
-        if (context.json) {
+        if (!setting.repeats()) {
+            const std::int32_t line = context.table.line(setting);
             writeJson(context.screen.out, {{"check", "setting"},
                                            {"key", setting.key},
-                                           {"value", value},
+                                           {"value", context.table.value(setting)},
                                            {"unit", setting.unit},
                                            {"default", line == 0},
                                            {"line", line}});
-        } else {
-            const std::array cells{std::string(setting.key), sourceText(line),
-                                   std::string(setting.unit),
-                                   value.empty() ? "-" : printable(value, kShown)};
-            table.row(cells);
         }
     }
 }
@@ -215,7 +204,7 @@ int check(const Context& context) {
     judge.addAll("rule-table", tableFindings(table));
     if (!table.stops()) {
         reportOtherKeys(context);
-        reportSettings(context);
+        reportSettingsInForce(context);
         reportRelays(context, judge);
         reportSpool(context, judge, "Deferred spool",
                     checkSpool(mailscanGlobals::deferred_mail_path(),

@@ -1,14 +1,20 @@
 #include "retryq/CommandLine.h"
 
+#include "fwall/hexesc.h"
+#include "retryq/Nearest.h"
+
 #include <CLI/CLI.hpp>
 
 #include <strings.h>
 
+#include <iostream>
 #include <map>
 
 namespace Retryq {
 
 namespace {
+
+constexpr std::size_t kShown = 128; // bytes of a word that is no command
 
 const std::map<std::string, std::int64_t> kTimeUnits{
     {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
@@ -44,59 +50,135 @@ void addFilter(CLI::App& command, Filter& filter) {
         ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "held"}));
 }
 
+// Makes it one of the commands; the action is what main() calls when it was given.
+CLI::App* add(CLI::App& app, CommandLine& line, const char* name, const char* help,
+              CommandLine::Action action) {
+    CLI::App* const command = app.add_subcommand(name, help);
+    command->callback([&line, action] { line.action = action; });
+    return command;
+}
+
+CLI::App* addForAnyTable(CLI::App& app, CommandLine& line, const char* name, const char* help,
+                         CommandLine::Action action) {
+    CLI::App* const command = app.add_subcommand(name, help);
+    command->callback([&line, action] {
+        line.action = action;
+        line.anyTable = true;
+    });
+    return command;
+}
+
+template<Change What>
+void addChange(CLI::App& app, CommandLine& line, const char* name, const char* help) {
+    CLI::App* const command =
+        add(app, line, name, help, [](const CommandLine& given, const Context& context) {
+            return change(context, What, given.words, given.yes);
+        });
+    command->add_option("MESSAGE", line.words, "leaf names")->required();
+    command->add_flag("-y,--yes", line.yes, "do not ask");
+}
+
+std::string firstWord(const CommandLine& line) {
+    return line.words.empty() ? "" : line.words.front();
+}
+
 void addHistory(CLI::App& app, CommandLine& line) {
-    CLI::App* const report =
-        app.add_subcommand("report", "what became of mail: by hour, domain, reason and server");
-    report->add_option("FILE", line.history.files, "log files; the journal without");
-    report->add_option("--top", line.history.top, "rows of each table")->capture_default_str();
-    report->add_option("--svg", line.history.svg, "a picture of the hours into this file");
-    CLI::App* const story =
-        app.add_subcommand("story", "everything that happened to a message or an address");
-    story->add_option("MESSAGE|ADDRESS", line.words, "leaf name, or an address")
+    CLI::App* const reporting =
+        add(app, line, "report", "what became of mail: by hour, domain, reason and server",
+            [](const CommandLine& given, const Context& context) {
+                return report(context, given.history);
+            });
+    reporting->add_option("FILE", line.history.files, "log files; the journal without");
+    reporting->add_option("--top", line.history.top, "rows of each table")->capture_default_str();
+    reporting->add_option("--svg", line.history.svg, "a picture of the hours into this file");
+    CLI::App* const telling =
+        add(app, line, "story", "everything that happened to a message or an address",
+            [](const CommandLine& given, const Context& context) {
+                return story(context, given.history, firstWord(given));
+            });
+    telling->add_option("MESSAGE|ADDRESS", line.words, "leaf name, or an address")
         ->required()
         ->expected(1);
-    story->add_option("--log", line.history.files, "log files; the journal without");
-    for (CLI::App* const command : {report, story}) {
+    telling->add_option("--log", line.history.files, "log files; the journal without");
+    for (CLI::App* const command : {reporting, telling}) {
         command->add_option("--since", line.history.since,
                             "since then: 90, 15m, 2h, 3d, or \"2026-11-21 14:05\"");
     }
 }
 
-CLI::App* addChange(CLI::App& app, const char* name, const char* help, CommandLine& line) {
-    CLI::App* const command = app.add_subcommand(name, help);
-    command->add_option("MESSAGE", line.words, "leaf names")->required();
-    command->add_flag("-y,--yes", line.yes, "do not ask");
-    return command;
+void addLooking(CLI::App& app, CommandLine& line) {
+    using Line = const CommandLine&;
+    using In = const Context&;
+    CLI::App* const listing =
+        add(app, line, "list", "a line a message, the oldest first",
+            [](Line given, In context) { return list(context, given.filter, given.view); });
+    addFilter(*listing, line.filter);
+    listing->add_option("--sort", line.view.sort, "age, size, tries, next or rcpts")
+        ->check(CLI::IsMember({"age", "size", "tries", "next", "rcpts"}));
+    listing->add_option("--limit", line.view.limit, "at most so many messages");
+    listing->add_flag("--recipients", line.view.recipients, "each recipient with its last result");
+    CLI::App* const showing =
+        add(app, line, "show", "all about one message",
+            [](Line given, In context) { return show(context, firstWord(given), given.body); });
+    showing->add_option("MESSAGE", line.words, "leaf name")->required()->expected(1);
+    showing->add_flag("--body", line.body, "its whole text");
+    CLI::App* const summing =
+        add(app, line, "summary", "recipients by domain and age: where mail is stuck",
+            [](Line given, In context) { return summary(context, given.grouping); });
+    summing->add_option("--by", line.grouping.by, "domain, code or sender")
+        ->check(CLI::IsMember({"domain", "code", "sender"}));
+    summing->add_option("--sort", line.grouping.sort, "age (of the oldest) or count")
+        ->check(CLI::IsMember({"age", "count"}));
+    summing->add_option("--top", line.grouping.top, "only the first so many rows");
 }
 
-void addCommands(CLI::App& app, CommandLine& line) {
-    CLI::App* const list = app.add_subcommand("list", "a line a message, the oldest first");
-    addFilter(*list, line.filter);
-    list->add_option("--sort", line.view.sort, "age, size, tries, next or rcpts")
-        ->check(CLI::IsMember({"age", "size", "tries", "next", "rcpts"}));
-    list->add_option("--limit", line.view.limit, "at most so many messages");
-    list->add_flag("--recipients", line.view.recipients, "each recipient with its last result");
-    CLI::App* const show = app.add_subcommand("show", "all about one message");
-    show->add_option("MESSAGE", line.words, "leaf name")->required()->expected(1);
-    show->add_flag("--body", line.body, "its whole text");
-    CLI::App* const summary =
-        app.add_subcommand("summary", "recipients by domain and age: where mail is stuck");
-    summary->add_option("--by", line.grouping.by, "domain, code or sender")
-        ->check(CLI::IsMember({"domain", "code", "sender"}));
-    summary->add_option("--sort", line.grouping.sort, "age (of the oldest) or count")
-        ->check(CLI::IsMember({"age", "count"}));
-    summary->add_option("--top", line.grouping.top, "only the first so many rows");
-    app.add_subcommand("route", "where mail for an address would go now, and why")
+void addJudging(CLI::App& app, CommandLine& line) {
+    using Line = const CommandLine&;
+    using In = const Context&;
+    add(app, line, "route", "where mail for an address would go now, and why",
+        [](Line given, In context) { return route(context, firstWord(given)); })
         ->add_option("ADDRESS", line.words, "a recipient")
         ->required()
         ->expected(1);
-    app.add_subcommand("check", "judge rule table and spool; 0 well, 1 warnings, 2 would stop");
-    addChange(app, "remove", "delete messages", line);
-    addChange(app, "retry", "make messages due now", line);
-    addHistory(app, line);
-    app.add_subcommand("metrics", "figures for Prometheus")
+    addForAnyTable(app, line, "check",
+                   "judge rule table and spool; 0 well, 1 warnings, 2 would stop",
+                   [](Line, In context) { return check(context); });
+    addForAnyTable(app, line, "settings", "every key of the rule table that retryer reads",
+                   [](Line, In context) { return showSettings(context); });
+    add(app, line, "metrics", "figures for Prometheus",
+        [](Line given, In context) { return metrics(context, firstWord(given)); })
         ->add_option("FILE", line.words, "written by rename; standard output without")
         ->expected(0, 1);
+}
+
+void addCommands(CLI::App& app, CommandLine& line) {
+    addLooking(app, line);
+    addJudging(app, line);
+    addHistory(app, line);
+    addChange<Change::Remove>(app, line, "remove", "delete messages");
+    addChange<Change::Retry>(app, line, "retry", "make messages due now");
+}
+
+// For a first word that is no command: which one may have been meant. False when that is not what
+// is wrong.
+bool tellUnknownCommand(const CLI::App& app) {
+    const std::vector<std::string> words = app.remaining();
+    if (!app.get_subcommands().empty() || words.empty() || words.front().starts_with('-')) {
+        return false;
+    }
+    std::vector<std::string> names;
+    for (const CLI::App* const command :
+         app.get_subcommands([](const CLI::App*) { return true; })) {
+        names.push_back(command->get_name());
+    }
+    const std::vector<std::string_view> candidates(names.begin(), names.end());
+    const std::string_view meant = nearest(words.front(), candidates);
+    std::cerr << "retryq: unknown command " << printable(words.front(), kShown);
+    if (!meant.empty()) {
+        std::cerr << ": did you mean " << meant << '?';
+    }
+    std::cerr << "\nRun with --help for more information.\n";
+    return true;
 }
 
 } // namespace
@@ -116,10 +198,9 @@ CommandLine readCommandLine(int argc, char** argv) {
         app.parse(withUsualOptions(argc, argv));
     } catch (const CLI::ParseError& error) {
         constexpr int kWrong = 1;
-        line.status = app.exit(error) == 0 ? 0 : kWrong;
+        line.status = tellUnknownCommand(app) || app.exit(error) != 0 ? kWrong : 0;
         return line;
     }
-    line.command = app.get_subcommands().front()->get_name();
     return line;
 }
 

@@ -10,7 +10,10 @@
 namespace Retryq {
 
 struct CommandLine {
-    std::string command; // the subcommand's name; empty: nothing to do, `status` says how to end
+    using Action = int (*)(const CommandLine&, const Context&);
+
+    Action action = nullptr; // what to do; null: nothing, `status` says how to end
+    bool anyTable = false;   // it can be done with a rule table that would stop retryer
     int status = 0;
     std::string service = "vorn";
     bool json = false;

@@ -57,6 +57,13 @@ int route(const Context& context, const std::string& address);
 // Judges rule table and spool directories; the status is that of the worst finding.
 int check(const Context& context);
 
+// Every key that retryer reads, its value in force, where that comes from and what it is for. Works
+// with any rule table.
+int showSettings(const Context& context);
+
+// The settings in force, a line each.
+void reportSettings(const Context& context);
+
 enum class Change {
     Remove, // delete the message
     Retry,  // make it due now

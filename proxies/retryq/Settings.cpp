@@ -1,5 +1,7 @@
 #include "retryq/Settings.h"
 
+#include "retryq/Nearest.h"
+
 #include "email/base/Decimal.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
@@ -10,6 +12,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <numeric>
 #include <string_view>
 
@@ -21,37 +24,6 @@ using Kind = Setting::Kind;
 using Weight = Finding::Weight;
 
 constexpr std::size_t kShown = 128; // bytes of a word in a finding
-
-constexpr std::array kSettings{
-    Setting{"smtp-data-timeout", Kind::Number, "seconds", "60"},
-    Setting{"smtp-send-timeout", Kind::Number, "seconds", "30"},
-    Setting{"smtp-final-timeout", Kind::Number, "seconds", "200"},
-    Setting{"smtp-rcpt-timeout", Kind::Number, "seconds", "60"},
-    Setting{"smtp-mail-timeout", Kind::Number, "seconds", "60"},
-    Setting{"smtp-connect-timeout", Kind::Number, "seconds", "60"},
-    Setting{"smtp-max-deferral", Kind::Number, "seconds", "400000"},
-    Setting{"smtp-min-deferral", Kind::Number, "seconds", "2000"},
-    Setting{"max-addr-per-host", Kind::Number, "addresses", "2"},
-    Setting{"max-addr-to-try", Kind::Number, "addresses", "10"},
-    Setting{"max-returned-line-count", Kind::Number, "lines", "12000"},
-    Setting{"smtp-direct-size-limit", Kind::Number, "0: off", "0"},
-    Setting{"smtp-direct-recipient-limit", Kind::Number, "0: none", "1"},
-    Setting{"mail-log", Kind::YesNo, "", "yes"},
-    Setting{"use-dns", Kind::YesNo, "", "yes"},
-    Setting{"transport-log", Kind::YesNo, "", "no"},
-    Setting{"send-port", Kind::Number, "port", "25"},
-    Setting{"bind-port", Kind::Number, "port", "25"},
-    Setting{"badadmin", Kind::Text, "", ""},
-    Setting{"deferred-directory", Kind::Directory, "", "/var/spool/deferred/"},
-    Setting{"directory", Kind::Directory, "", "/var/spool/vorn/"},
-    Setting{"default-domain", Kind::Text, "", ""},
-    Setting{"direct-send-domains", Kind::Words, "", ""},
-    Setting{"allow-nonrfc-domain", Kind::Text, "", "no"},
-    Setting{"smtp-blacklist-timeout", Kind::Number, "seconds", "180"},
-    Setting{"reporting-mode", Kind::YesNo, "", "no"},
-    Setting{"domain-relay", Kind::Relays, "", ""},
-    Setting{"fallback-relay", Kind::Relays, "", ""},
-};
 
 // Collects what the reader would log.
 class FaultCollector : public CfgFaults {
@@ -99,6 +71,14 @@ bool isYesNo(const char* word) noexcept {
     return std::ranges::any_of(kWords, [word](auto w) { return ::strcasecmp(w, word) == 0; });
 }
 
+bool isSensible(const Setting& setting, long number) noexcept {
+    return number >= setting.least && number <= setting.most;
+}
+
+std::string intervalText(std::int32_t seconds) {
+    return seconds == 0 ? "off" : std::to_string(seconds);
+}
+
 // The word count that ends a run through a failed check, in words; null when the count will do.
 const char* wrongWordCount(Kind kind, int words) noexcept {
     switch (kind) {
@@ -106,7 +86,7 @@ const char* wrongWordCount(Kind kind, int words) noexcept {
         return words > 1 ? "exactly one value" : nullptr;
     case Kind::Words:
         return words < 1 ? "at least one value" : nullptr;
-    case Kind::Relays:
+    case Kind::Lines:
         return words < 2 ? "a pattern and at least one server" : nullptr;
     default:
         return words != 1 ? "exactly one value" : nullptr;
@@ -114,42 +94,23 @@ const char* wrongWordCount(Kind kind, int words) noexcept {
 }
 
 const Setting* known(std::string_view key) noexcept {
-    const auto at = std::ranges::find(kSettings, key, &Setting::key);
-    return at == kSettings.end() ? nullptr : &*at;
-}
-
-// Letters to add, drop, change or swap with their neighbour to make one word the other.
-std::size_t editDistance(std::string_view a, std::string_view b) {
-    std::vector<std::size_t> before(b.size() + 1);
-    std::vector<std::size_t> last(b.size() + 1);
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(last.begin(), last.end(), 0U);
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t change = last[j - 1] + (a[i - 1] == b[j - 1] ? 0U : 1U);
-            row[j] = std::min({last[j] + 1, row[j - 1] + 1, change});
-            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
-                row[j] = std::min(row[j], before[j - 2] + 1);
-            }
-        }
-        before.swap(last);
-        last.swap(row);
-    }
-    return last[b.size()];
+    const auto all = settings();
+    const auto at = std::ranges::find_if(all, [key](const Setting& s) { return s.key == key; });
+    return at == all.end() ? nullptr : &*at;
 }
 
 } // namespace
 
-std::span<const Setting> settings() noexcept {
-    return kSettings;
+std::string rangeText(const Setting& setting) {
+    const std::string from = setting.kind == Kind::Interval ? "off" : std::to_string(setting.least);
+    return setting.most == Setting::kNoLimit ? from + " or more"
+                                             : from + " to " + std::to_string(setting.most);
 }
 
 const Setting* nearestSetting(std::string_view word) {
-    const auto distance = [word](const Setting& s) { return editDistance(word, s.key); };
-    const auto nearest = std::ranges::min_element(kSettings, {}, distance);
-    const std::size_t tolerated = std::max<std::size_t>(2, std::strlen(nearest->key) / 4);
-    return distance(*nearest) <= tolerated ? &*nearest : nullptr;
+    std::vector<std::string_view> keys;
+    std::ranges::transform(settings(), std::back_inserter(keys), &Setting::key);
+    return known(nearest(word, keys));
 }
 
 RuleTable::RuleTable(std::string service) : service_(std::move(service)) {
@@ -163,7 +124,7 @@ RuleTable::RuleTable(std::string service) : service_(std::move(service)) {
                                "no line for the service \"" + printable(service_, kShown) + "\""});
         }
     }
-    checkWordCounts();
+    checkWords();
 }
 
 std::string RuleTable::placeReason() const {
@@ -174,8 +135,8 @@ std::string RuleTable::placeReason() const {
                               : "no install location";
 }
 
-void RuleTable::checkWordCounts() {
-    for (const Setting& setting : kSettings) {
+void RuleTable::checkWords() {
+    for (const Setting& setting : settings()) {
         for (cfgrec* record = find(setting.key); record != nullptr;
              record = cfg_next(setting.key, record)) {
             const char* const needed = wrongWordCount(setting.kind, record->argc);
@@ -183,8 +144,13 @@ void RuleTable::checkWordCounts() {
                 faults_.push_back({Weight::Stop, record->ln,
                                    std::string(setting.key) + " takes " + needed + ", here are " +
                                        std::to_string(record->argc)});
+            } else if (setting.kind == Kind::Choice &&
+                       Email::choiceOf(setting.choices, record->argv[0]) < 0) {
+                faults_.push_back({Weight::Stop, record->ln,
+                                   std::string(setting.key) + " takes one of " + setting.choices +
+                                       ", here is \"" + printable(record->argv[0], kShown) + '"'});
             }
-            if (setting.kind != Kind::Relays) {
+            if (!setting.repeats()) {
                 break; // only the first line counts
             }
         }
@@ -221,6 +187,8 @@ std::string RuleTable::value(const Setting& setting) const {
         return std::to_string(intParam(setting.key, list_.get(), 0));
     case Kind::YesNo:
         return boolParam(setting.key, list_.get(), false) ? "yes" : "no";
+    case Kind::Interval:
+        return intervalText(Email::decimalOf(record->argv[0]));
     default:
         return joined(*record);
     }
@@ -251,7 +219,7 @@ void RuleTable::adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) 
     if (record.flags != 0) {
         warn(key + ": its deny-, permit- or absorb- is not looked at");
     }
-    if (setting->kind != Kind::Relays && line(*setting) != record.ln) {
+    if (!setting->repeats() && line(*setting) != record.ln) {
         warn(key + " does not count: it stands on line " + std::to_string(line(*setting)) +
              " already");
         return;
@@ -260,6 +228,10 @@ void RuleTable::adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) 
     const std::string shown = "\"" + printable(word, kShown) + "\"";
     if (setting->kind == Kind::Number && !isNumber(word)) {
         warn(key + ": " + shown + " is no whole number and reads as " + value(*setting));
+    } else if (setting->kind == Kind::Interval && !isNumber(word) &&
+               ::strcasecmp(word, "off") != 0) {
+        warn(key + ": " + shown + " is neither \"off\" nor a number of seconds and reads as " +
+             value(*setting));
     } else if (setting->kind == Kind::YesNo && !isYesNo(word)) {
         warn(key + ": " + shown + " reads as no");
     } else if (setting->kind == Kind::Directory && !std::string_view(word).ends_with('/')) {
@@ -272,13 +244,11 @@ void RuleTable::adviseOnCombinations(std::vector<Finding>& out) const {
     const auto say = [&](Weight weight, const char* key, const std::string& text) {
         out.push_back({weight, line(*known(key)), text});
     };
-    for (const Setting& setting : kSettings) {
-        if (std::string_view(setting.unit) == "seconds" && number(setting.key) < 0) {
-            say(Weight::Warning, setting.key, std::string(setting.key) + " is below 0");
-        } else if (std::string_view(setting.key).ends_with("-timeout") &&
-                   number(setting.key) == 0) {
+    for (const Setting& setting : settings()) {
+        if (setting.most != 0 && !isSensible(setting, number(setting.key))) {
             say(Weight::Warning, setting.key,
-                std::string(setting.key) + " of 0: nothing is waited for");
+                std::string(setting.key) + " of " + value(setting) + ": sensible is " +
+                    rangeText(setting));
         }
     }
     if (number("max-addr-to-try") < 0) {

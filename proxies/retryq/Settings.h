@@ -2,27 +2,19 @@
 // what would end a run before it begins.
 #pragma once
 
+#include "email/site/Setting.h"
 #include "fwall/config.h"
 
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Retryq {
 
-// One key that retryer reads.
-struct Setting {
-    enum class Kind { Number, YesNo, Text, Directory, Words, Relays };
-    const char* key;
-    Kind kind;
-    const char* unit; // what the number counts, empty without one
-    const char* builtIn;
-};
-
-// Every key, in the order in which they are read; the relay tables last.
-[[nodiscard]] std::span<const Setting> settings() noexcept;
+using Email::Setting;
+using Email::settings;
 
 // Something to tell the keeper.
 struct Finding {
@@ -70,7 +62,7 @@ private:
         void operator()(cfgrec* list) const noexcept { cfg_free(list); }
     };
 
-    void checkWordCounts();
+    void checkWords();
     [[nodiscard]] cfgrec* find(const char* key) const;
     void adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) const;
     void adviseOnCombinations(std::vector<Finding>& out) const;
@@ -80,6 +72,9 @@ private:
     std::vector<Finding> faults_;
     std::unique_ptr<cfgrec, Free> list_;
 };
+
+// The sensible values of a number, for the keeper: "1 to 100", "0 or more".
+[[nodiscard]] std::string rangeText(const Setting& setting);
 
 // The known key that is most like the word, or null when none comes near.
 [[nodiscard]] const Setting* nearestSetting(std::string_view word);

@@ -40,4 +40,9 @@ constexpr std::optional<std::int32_t> takeDecimal(std::string_view& text) noexce
                                                              : value);
 }
 
+// The number at the front of a text, 0 without a digit.
+constexpr std::int32_t decimalOf(std::string_view text) noexcept {
+    return takeDecimal(text).value_or(0);
+}
+
 } // namespace Email

@@ -2,42 +2,30 @@
 
 #include "email/base/Assert.h"
 #include "email/base/Decimal.h"
-#include "email/site/HostList.h"
+#include "email/site/Setting.h"
 #include "fwall/config.h"
-#include "libevrep/Reporter.h"
 
 #include <algorithm>
 #include <array>
 #include <memory>
-#include <string_view>
 #include <strings.h>
 #include <vector>
 
-std::int32_t mailscanGlobals::directSendSizeLimit = 0;
-std::int32_t mailscanGlobals::directSendRecipientLimit = 1;
-std::int32_t mailscanGlobals::DATA_initiation_interval = 60;
-std::int32_t mailscanGlobals::DATA_send_interval = 30;
-std::int32_t mailscanGlobals::DATA_final_interval = 200;
-std::int32_t mailscanGlobals::RCPT_command_interval = 60;
-std::int32_t mailscanGlobals::MAIL_command_interval = 60;
-std::int32_t mailscanGlobals::initial_220_interval = 60;
-std::int32_t mailscanGlobals::retry_max_interval = 400000;
-std::int32_t mailscanGlobals::retry_min_interval = 2000;
-std::int32_t mailscanGlobals::max_addr_per_host = 2;
-std::int32_t mailscanGlobals::max_addr_to_try = 10;
-std::int32_t mailscanGlobals::max_returned_line_count = 12000;
-bool mailscanGlobals::mailLogEnable = true;
-bool mailscanGlobals::dnsEnable = true;
-bool mailscanGlobals::TransportLogging = false;
-std::int32_t mailscanGlobals::mailSendPort = 25;
-std::int32_t mailscanGlobals::mailReadPort = 25;
-const char** mailscanGlobals::direct_send_internal_domain = nullptr;
-const char* mailscanGlobals::tolvaneAdmin = "";
-FileName mailscanGlobals::deferred_mail_path("/var/spool/deferred/");
-FileName mailscanGlobals::outgoing_mail("/var/spool/vorn/");
-const char* mailscanGlobals::defaultDomain = "";
+// Each member with its built-in value, from its row.
+#define SETTING_NUMBER(key, member, builtIn, unit, least, most, meaning)                           \
+    std::int32_t mailscanGlobals::member = builtIn;
+#define SETTING_INTERVAL(key, member, builtIn, most, meaning)                                      \
+    std::int32_t mailscanGlobals::member = Email::decimalOf(builtIn);
+#define SETTING_SWITCH(key, member, builtIn, meaning) bool mailscanGlobals::member = builtIn;
+#define SETTING_CHOICE(key, member, builtIn, choices, meaning)                                     \
+    std::int32_t mailscanGlobals::member = Email::choiceOf(choices, builtIn);
+#define SETTING_TEXT(key, member, builtIn, meaning) const char* mailscanGlobals::member = builtIn;
+#define SETTING_DIRECTORY(key, member, builtIn, meaning) FileName mailscanGlobals::member(builtIn);
+#define SETTING_PATH(key, member, builtIn, meaning) const char* mailscanGlobals::member = builtIn;
+#define SETTING_WORDS(key, member, meaning) const char** mailscanGlobals::member = nullptr;
+#include "email/site/Settings.inc"
+
 const char* mailscanGlobals::CONFIGURATION_mailscan_version = "prototype";
-const char* mailscanGlobals::allow_nonrfc_domain = "no";
 
 namespace {
 
@@ -74,10 +62,6 @@ std::vector<TextArray>& textArrays() {
     return arrays;
 }
 
-std::int32_t number(const char* key, cfgrec* cfg, long dflt) {
-    return static_cast<std::int32_t>(intParam(key, cfg, dflt));
-}
-
 } // namespace
 
 long intParam(const char* key, cfgrec* cfg, long dflt) {
@@ -85,8 +69,7 @@ long intParam(const char* key, cfgrec* cfg, long dflt) {
     if (cf == nullptr) {
         return dflt;
     }
-    std::string_view text = onlyWord(*cf);
-    return Email::takeDecimal(text).value_or(0);
+    return Email::decimalOf(onlyWord(*cf));
 }
 
 bool boolParam(const char* key, cfgrec* cfg, bool dflt) {
@@ -123,30 +106,7 @@ FileName fileParam(const char* key, cfgrec* cfg, const char* dflt) {
 }
 
 void mailscanGlobals::initialise(cfgrec* cfg) {
-    DATA_initiation_interval = number("smtp-data-timeout", cfg, 60);
-    DATA_send_interval = number("smtp-send-timeout", cfg, 30);
-    DATA_final_interval = number("smtp-final-timeout", cfg, 200);
-    RCPT_command_interval = number("smtp-rcpt-timeout", cfg, 60);
-    MAIL_command_interval = number("smtp-mail-timeout", cfg, 60);
-    initial_220_interval = number("smtp-connect-timeout", cfg, 60);
-    retry_max_interval = number("smtp-max-deferral", cfg, 400000);
-    retry_min_interval = number("smtp-min-deferral", cfg, 2000);
-    max_addr_per_host = number("max-addr-per-host", cfg, 2);
-    max_addr_to_try = number("max-addr-to-try", cfg, 10);
-    max_returned_line_count = number("max-returned-line-count", cfg, 12000);
-    directSendSizeLimit = number("smtp-direct-size-limit", cfg, 0);
-    directSendRecipientLimit = number("smtp-direct-recipient-limit", cfg, 1);
-    mailLogEnable = boolParam("mail-log", cfg, true);
-    dnsEnable = boolParam("use-dns", cfg, true);
-    TransportLogging = boolParam("transport-log", cfg, false);
-    mailSendPort = number("send-port", cfg, 25);
-    mailReadPort = number("bind-port", cfg, 25);
-    charParam(tolvaneAdmin, "badadmin", cfg, "");
-    deferred_mail_path = fileParam("deferred-directory", cfg, "/var/spool/deferred/");
-    outgoing_mail = fileParam("directory", cfg, "/var/spool/vorn/");
-    charParam(defaultDomain, "default-domain", cfg, "");
-    charsParam(direct_send_internal_domain, "direct-send-domains", cfg);
-    charParam(allow_nonrfc_domain, "allow-nonrfc-domain", cfg, "no");
-    HostList::BlackL.SetTimeout(number("smtp-blacklist-timeout", cfg, DEFAULT_BLACKLIST_TIMEOUT));
-    ReportingMode = boolParam("reporting-mode", cfg, false) ? 1 : 0;
+    for (const Email::Setting& setting : Email::settings()) {
+        setting.load(cfg);
+    }
 }

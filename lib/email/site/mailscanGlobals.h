@@ -9,36 +9,25 @@ struct cfgrec;
 
 class mailscanGlobals {
 public:
-    // Reads every key in a fixed order; an absent key leaves the built-in value. A key with a wrong
-    // number of words ends the run through assert_failure(). Text settings point into the records
-    // of `cfg`, which must outlive the run; null stands for a table without lines.
+    // Reads every key in the order of email/site/Settings.inc; an absent key leaves the built-in
+    // value. A key with a wrong number of words ends the run through assert_failure(). Text
+    // settings point into the records of `cfg`, which must outlive the run; null stands for a table
+    // without lines.
     static void initialise(cfgrec* cfg);
 
-    static std::int32_t directSendSizeLimit;      // 0: fresh mail is sent at once
-    static std::int32_t directSendRecipientLimit; // recipients
-    static std::int32_t DATA_initiation_interval; // seconds, reply to DATA
-    static std::int32_t DATA_send_interval;       // seconds, each write of the body
-    static std::int32_t DATA_final_interval;      // seconds, reply after the final dot
-    static std::int32_t RCPT_command_interval;    // seconds, reply to RCPT
-    static std::int32_t MAIL_command_interval;    // seconds, reply to HELO, MAIL, RSET and QUIT
-    static std::int32_t initial_220_interval;     // seconds, greeting after connecting
-    static std::int32_t retry_max_interval;       // seconds from the first try until given up
-    static std::int32_t retry_min_interval;       // seconds between two tries
-    static std::int32_t max_addr_per_host;        // addresses taken of one host name
-    static std::int32_t max_addr_to_try;          // addresses tried for one destination
-    static std::int32_t max_returned_line_count;  // lines quoted in a return mail
-    static bool mailLogEnable;                    // log delivered, deferred and returned mail
-    static bool dnsEnable;                        // look for servers in DNS
-    static bool TransportLogging;                 // read, consulted nowhere
-    static std::int32_t mailSendPort;             // TCP port of direct sends; 25 switches them off
-    static std::int32_t mailReadPort;             // TCP port that the local proxy listens on
-    static const char** direct_send_internal_domain; // null-ended list, or null
-    static const char* tolvaneAdmin;                 // "From:" of return mail, may be empty
-    static FileName deferred_mail_path;              // directory name, ends in "/"
-    static FileName outgoing_mail;                   // directory name, ends in "/"
-    static const char* defaultDomain;                // appended to addresses without a dot
-    static const char* CONFIGURATION_mailscan_version;
-    static const char* allow_nonrfc_domain; // "yes..." accepts any domain grammar
+    // The settings, each named and explained by its row; times are seconds. A word list is
+    // null-ended, or null; a directory name ends in "/".
+#define SETTING_NUMBER(key, member, builtIn, unit, least, most, meaning) static std::int32_t member;
+#define SETTING_INTERVAL(key, member, builtIn, most, meaning) static std::int32_t member;
+#define SETTING_SWITCH(key, member, builtIn, meaning) static bool member;
+#define SETTING_CHOICE(key, member, builtIn, choices, meaning) static std::int32_t member;
+#define SETTING_TEXT(key, member, builtIn, meaning) static const char* member;
+#define SETTING_DIRECTORY(key, member, builtIn, meaning) static FileName member;
+#define SETTING_PATH(key, member, builtIn, meaning) static const char* member;
+#define SETTING_WORDS(key, member, meaning) static const char** member;
+#include "email/site/Settings.inc"
+
+    static const char* CONFIGURATION_mailscan_version; // never read from the rule table
 };
 
 // The readers behind initialise(). A null list means that the key is absent.

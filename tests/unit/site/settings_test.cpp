@@ -1,8 +1,11 @@
+#include "email/site/Setting.h"
 #include "support/mail.h"
 
 namespace {
 
 using G = mailscanGlobals;
+using Email::Setting;
+using Kind = Setting::Kind;
 
 TEST(Settings, SwitchWordsAndNumbers) {
     for (const char* word : {"on", "On", "y", "YES", "t", "True", "1", "*"}) {
@@ -22,52 +25,74 @@ TEST(Settings, SwitchWordsAndNumbers) {
     }
 }
 
-// clang-format off
-const std::pair<const char*, std::int32_t*> kNumbers[] = {
-    {"smtp-data-timeout", &G::DATA_initiation_interval},
-    {"smtp-send-timeout", &G::DATA_send_interval}, {"smtp-final-timeout", &G::DATA_final_interval},
-    {"smtp-rcpt-timeout", &G::RCPT_command_interval}, {"bind-port", &G::mailReadPort},
-    {"smtp-mail-timeout", &G::MAIL_command_interval}, {"send-port", &G::mailSendPort},
-    {"smtp-connect-timeout", &G::initial_220_interval}, {"max-addr-to-try", &G::max_addr_to_try},
-    {"smtp-max-deferral", &G::retry_max_interval}, {"smtp-min-deferral", &G::retry_min_interval},
-    {"max-addr-per-host", &G::max_addr_per_host},
-    {"max-returned-line-count", &G::max_returned_line_count},
-    {"smtp-direct-size-limit", &G::directSendSizeLimit},
-    {"smtp-direct-recipient-limit", &G::directSendRecipientLimit}};
-// clang-format on
+template<class... Case>
+struct Overloaded : Case... {
+    using Case::operator()...;
+};
+template<class... Case>
+Overloaded(Case...) -> Overloaded<Case...>;
 
-// All settings in one text.
-std::string settings() {
-    std::ostringstream text;
-    for (const auto& [key, member] : kNumbers) {
-        text << *member << ' ';
-    }
-    text << G::mailLogEnable << G::dnsEnable << G::TransportLogging << ReportingMode << ' '
-         << G::tolvaneAdmin << ' ' << G::deferred_mail_path() << ' ' << G::outgoing_mail() << ' '
-         << G::defaultDomain << ' ' << G::CONFIGURATION_mailscan_version << ' '
-         << G::allow_nonrfc_domain;
-    const char* const* domain = G::direct_send_internal_domain;
-    for (; domain != nullptr && *domain != nullptr; ++domain) {
-        text << ' ' << *domain;
-    }
-    return text.str();
+// What a setting holds, in words that the rule table could have; a "-" for what is kept elsewhere.
+std::string held(const Setting& setting) {
+    const auto yesNo = [](bool on) { return std::string(on ? "yes" : "no"); };
+    return std::visit(
+        Overloaded{[&](std::int32_t* to) {
+                       return setting.kind == Kind::YesNo ? yesNo(*to == 1) : std::to_string(*to);
+                   },
+                   [&](bool* to) { return yesNo(*to); },
+                   [](const char** to) { return std::string(*to); },
+                   [](FileName* to) { return std::string((*to)()); },
+                   [](const char*** to) {
+                       return *to == nullptr ? std::string() : std::string(**to) + " " + (*to)[1];
+                   },
+                   [](auto) { return std::string("-"); }},
+        setting.target);
 }
 
 TEST(Settings, EveryKeyReachesItsMemberAndEveryBuiltInValueComesBack) {
-    const std::string builtIn = settings();
-    std::string lines = "mail-log  \nuse-dns no\ntransport-log on\nreporting-mode y\n"
-                        "badadmin adm@x\ndirectory /o\ndeferred-directory /d\n"
-                        "default-domain dd\nallow-nonrfc-domain yes\ndirect-send-domains a b\n";
-    std::string numbers;
-    for (int i = 7000; const auto& [key, member] : kNumbers) {
-        lines += std::string(key) + ' ' + std::to_string(i) + '\n';
-        numbers += std::to_string(i++) + ' ';
+    std::string lines;
+    int next = 7000;
+    std::vector<std::string> values;
+    for (const Setting& s : Email::settings()) {
+        values.push_back(s.kind == Kind::Number  ? std::to_string(next++)
+                         : s.kind == Kind::YesNo ? (*s.builtIn == 'y' ? "no" : "yes")
+                                                 : "a b");
+        lines +=
+            std::string(s.key) + (s.kind == Kind::Words ? " a b\n" : " '" + values.back() + "'\n");
     }
     G::initialise(table(lines));
-    EXPECT_EQ(settings(), numbers + "0011 adm@x /d /o dd prototype yes a b");
+    for (std::size_t i = 0; const Setting& s : Email::settings()) {
+        EXPECT_EQ(held(s), held(s) == "-" ? "-" : values.at(i)) << s.key;
+        ++i;
+    }
     G::initialise(nullptr);
-    EXPECT_EQ(settings(), builtIn);
+    for (const Setting& s : Email::settings()) {
+        EXPECT_EQ(held(s), held(s) == "-" ? "-" : s.builtIn) << s.key;
+    }
     EXPECT_EQ(G::direct_send_internal_domain, nullptr);
+}
+
+// The kinds that no key above has.
+TEST(SettingsDeath, IntervalsChoicesAndPaths) {
+    std::int32_t number = 99;
+    const char* path = nullptr;
+    const Setting interval{"k", Kind::Interval, "off", &number, "seconds", 0, 9, "", ""};
+    const Setting choice{"k", Kind::Choice, "may", &number, "", 0, 0, "none|may|verify", ""};
+    const Setting file{"k", Kind::File, "/built/in", &path, "", 0, 0, "", ""};
+    // clang-format off
+    const std::tuple<const Setting*, const char*, std::int32_t> cases[] = {
+        {&interval, "k off", 0}, {&interval, "k 30", 30}, {&interval, "other x", 0},
+        {&choice, "k none", 0}, {&choice, "k VERIFY", 2}, {&choice, "other x", 1}};
+    // clang-format on
+    for (const auto& [setting, line, value] : cases) {
+        setting->load(table(line));
+        EXPECT_EQ(number, value) << line;
+    }
+    file.load(table("k /p"));
+    EXPECT_STREQ(path, "/p");
+    for (const char* line : {"k mayb", "k ''", "k ma"}) {
+        EXPECT_FAILED_CHECK(choice.load(table(line)), "1=lib/email/mailscanGlobals 8=choiceOf");
+    }
 }
 
 TEST(SettingsDeath, WrongWordCountsAndFailedChecksEndTheRunWithOneEvent) {
