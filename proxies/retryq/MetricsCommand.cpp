@@ -115,7 +115,8 @@ int metrics(const Context& context, const std::string& file) {
         context.screen.out << text;
         return kDone;
     }
-    Email::FileReplacement replacement(file, kFileMode);
+    Email::FileReplacement replacement(file, kFileMode, Email::FileReplacement::LeftOver::Remove,
+                                       Email::FileReplacement::InPlace::Never);
     if (replacement.open() && replacement.commit(text)) {
         return kDone;
     }

@@ -146,7 +146,8 @@ void writeAllJson(const Context& context, const Tally& tally, std::size_t top) {
 }
 
 bool writePicture(const std::string& file, const Tally& tally) {
-    Email::FileReplacement replacement(file, kFileMode);
+    Email::FileReplacement replacement(file, kFileMode, Email::FileReplacement::LeftOver::Remove,
+                                       Email::FileReplacement::InPlace::Never);
     if (replacement.open() && replacement.commit(svgChart(hourBars(tally.hours())))) {
         return true;
     }

@@ -131,6 +131,10 @@ PROMISES = {"no lock": ("flock:error=ENOLCK:when=1", "no message is ever tried (
             "no sync of names": ("fsync:error=EINVAL:when=2", "may take return mail")}
 
 
+# A first word that is no command, and what is said of it.
+COMMANDS = {"letter missing": ("lst", ": did you mean list?"), "plural": ("routes", ": did you mean route?"), "far": ("qqqqqqqq", "")}
+
+
 class Check(SystemTest):
     @cases(PROMISES)
     def test_promise(self, fault, told):
@@ -147,6 +151,25 @@ class Check(SystemTest):
         self.assertEqual(self.objects("check", status=status)[-1], {"check": "verdict", "status": status})
         self.assertEqual(self.world.run().status, 1 if status == 2 else 0)
         self.assertEqual(os.listdir(self.world.spool_dir), [])
+
+    def test_a_planted_link_is_not_written_through(self):
+        victim, link = os.path.join(self.world.root, "victim"), os.path.join(self.world.root, "retryer.prom")
+        with open(victim, "w", encoding="ascii") as file:
+            file.write("root's\n")
+        for path in [link, *(f"{self.world.spool_dir}.retryq-check.{os.getpid() + n}" for n in range(3000))]:
+            os.symlink(victim, path)
+        self.retryq("check", status=1)
+        self.retryq("metrics", link)
+        self.assertFalse(os.path.islink(link))
+        os.symlink("/dev/null", link + "2")
+        self.retryq("metrics", link + "2", status=1)
+        with open(victim, encoding="ascii") as file:
+            self.assertEqual(file.read(), "root's\n")
+
+    @cases(COMMANDS)
+    def test_unknown_command(self, word, said):
+        run = self.retryq(word, status=1)
+        self.assertIn(f"unknown command {word}{said}\n", run.out)
 
     def test_no_rule_table(self):
         self.retryq("check", "-as", "other", status=2)

@@ -62,11 +62,15 @@ bool sync(int fd) noexcept {
 
 } // namespace
 
-FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOver)
+FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOver, InPlace inPlace)
     : target_(std::move(path)) {
     struct stat old {};
     const bool exists = ::stat(target_.c_str(), &old) == 0;
     if (!exists && errno != ENOENT) {
+        return;
+    }
+    if (exists && !S_ISREG(old.st_mode) && inPlace == InPlace::Never) {
+        errno = EINVAL;
         return;
     }
     if (exists && !S_ISREG(old.st_mode)) {
@@ -80,7 +84,7 @@ FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOve
     temporary_ = target_ + kTemporaryEnding;
     fd_.reset(
         createFresh(temporary_.c_str(), exists ? old.st_mode & kPermissions : mode, leftOver));
-    if (!fd_.valid() && takesNoNewNames(errno)) {
+    if (!fd_.valid() && takesNoNewNames(errno) && inPlace == InPlace::Allowed) {
         inPlace_ = errno;
         temporary_.clear();
         fd_.reset(openInPlace(target_.c_str(), mode));

@@ -17,12 +17,17 @@ public:
     // What stands under the temporary name already: usually the left-over of a run that was killed.
     enum class LeftOver { Remove, Keep };
 
+    // Whether a target that is no regular file, or whose directory takes no new names, is written
+    // in place. Never is for a program with more rights than the directory's owner, who could lead
+    // it to a device by a link.
+    enum class InPlace { Allowed, Never };
+
     // Opens "<path>~" beside the target, with `mode` before the umask for a new target and with the
     // mode and (where allowed) the owner of an existing one; a symbolic link is replaced by a file
-    // of its own. A target that is no regular file, or whose directory takes no new names, is
-    // written in place instead. open() is false and errno tells why when that fails (EEXIST: a
-    // left-over to be kept); the target is untouched then.
-    FileReplacement(std::string path, mode_t mode, LeftOver leftOver = LeftOver::Remove);
+    // of its own. open() is false and errno tells why when that fails (EEXIST: a left-over to be
+    // kept; EINVAL: a target that would be written in place); the target is untouched then.
+    FileReplacement(std::string path, mode_t mode, LeftOver leftOver = LeftOver::Remove,
+                    InPlace inPlace = InPlace::Allowed);
 
     // Gives up what was written and removes the temporary file, unless commit() succeeded.
     ~FileReplacement();
