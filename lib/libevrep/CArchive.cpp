@@ -8,16 +8,6 @@
 
 namespace {
 
-// A value of its own until the read has succeeded, so that a failed one leaves `value` alone.
-template<class Wire, class Value>
-CArchive& readNumber(CArchive& archive, Value& value) {
-    Wire wire{};
-    archive.Read(&wire, sizeof wire);
-    if (!archive.Failed())
-        value = wire;
-    return archive;
-}
-
 template<class Wire>
 CArchive& writeNumber(CArchive& archive, Wire value) {
     archive.Write(&value, sizeof value);
@@ -91,36 +81,52 @@ void CArchive::writeText(const void* text, std::size_t bytes) {
         Write(text, bytes);
 }
 
+// What the archive gave short of is as good as nothing.
+void CArchive::take(void* bytes, std::size_t count) {
+    if (Read(bytes, count) != count)
+        Fail("the bytes end inside a value");
+}
+
+// A value of its own until the read has succeeded, so that a failed one leaves `value` alone.
+template<class Wire, class Value>
+CArchive& CArchive::readNumber(Value& value) {
+    Wire wire{};
+    take(&wire, sizeof wire);
+    if (!Failed())
+        value = wire;
+    return *this;
+}
+
 CArchive& CArchive::operator>>(int& value) {
-    return readNumber<std::int32_t>(*this, value);
+    return readNumber<std::int32_t>(value);
 }
 
 CArchive& CArchive::operator>>(unsigned int& value) {
-    return readNumber<std::uint32_t>(*this, value);
+    return readNumber<std::uint32_t>(value);
 }
 
 CArchive& CArchive::operator>>(short& value) {
-    return readNumber<short>(*this, value);
+    return readNumber<short>(value);
 }
 
 CArchive& CArchive::operator>>(unsigned short& value) {
-    return readNumber<unsigned short>(*this, value);
+    return readNumber<unsigned short>(value);
 }
 
 CArchive& CArchive::operator>>(long& value) {
-    return readNumber<std::int32_t>(*this, value);
+    return readNumber<std::int32_t>(value);
 }
 
 CArchive& CArchive::operator>>(unsigned long& value) {
-    return readNumber<std::uint32_t>(*this, value);
+    return readNumber<std::uint32_t>(value);
 }
 
 CArchive& CArchive::operator>>(char& value) {
-    return readNumber<char>(*this, value);
+    return readNumber<char>(value);
 }
 
 CArchive& CArchive::operator>>(unsigned char& value) {
-    return readNumber<unsigned char>(*this, value);
+    return readNumber<unsigned char>(value);
 }
 
 CArchive& CArchive::operator>>(std::unique_ptr<char[]>& text) {
@@ -187,7 +193,7 @@ template<class Unit>
 CArchive& CArchive::readAllocated(std::unique_ptr<Unit[]>& text) {
     if (const std::size_t length = readLength(sizeof(Unit)); length > 0) {
         auto fresh = std::make_unique<Unit[]>(length + 1);
-        Read(fresh.get(), length * sizeof(Unit));
+        take(fresh.get(), length * sizeof(Unit));
         text = std::move(fresh);
     }
     return *this;
@@ -200,7 +206,7 @@ CArchive& CArchive::readBuffer(std::span<Unit> buffer) {
         Fail("text does not fit the buffer given for it");
     if (Failed())
         return *this;
-    Read(buffer.data(), length * sizeof(Unit));
+    take(buffer.data(), length * sizeof(Unit));
     buffer[length] = Unit{};
     return *this;
 }
@@ -210,7 +216,7 @@ CArchive& CArchive::readObject(Text& text) {
     constexpr std::size_t unit = sizeof(typename Text::value_type);
     if (const std::size_t length = readLength(unit); length > 0) {
         text.resize(length);
-        Read(text.data(), length * unit);
+        take(text.data(), length * unit);
     }
     return *this;
 }

@@ -17,8 +17,9 @@
 
 class CArchive {
 public:
-    // Raw transfer, which everything else uses. Gives the number of bytes asked for, also when
-    // the transfer failed: ask Failed().
+    // Raw transfer, which everything else uses and which is all that an archive must supply. Gives
+    // the number of bytes asked for, also when the transfer failed: ask Failed(). A Read that gives
+    // another number puts the archive into the failed state.
     virtual std::size_t Write(const void* bytes, std::size_t count) = 0;
     virtual std::size_t Read(void* bytes, std::size_t count) = 0;
 
@@ -56,11 +57,18 @@ public:
     virtual CArchive& operator>>(std::unique_ptr<wchar_t[]>& text);
     virtual CArchive& operator>>(std::span<wchar_t> buffer);
 
-    // How many bytes can still be read; no text or list can be longer.
-    [[nodiscard]] virtual std::size_t BytesLeft() const noexcept = 0;
-    [[nodiscard]] virtual bool Failed() const noexcept = 0;
+    // How many bytes can still be read; no text or list can be longer. An archive that does not
+    // know, as by default, says how much a text or list of it may take at most.
+    [[nodiscard]] virtual std::size_t BytesLeft() const noexcept { return unknownRest; }
+    static constexpr std::size_t unknownRest = std::size_t{16} * 1024 * 1024;
+    [[nodiscard]] bool Failed() const noexcept { return m_bFailed; }
     // Puts the archive into the failed state. `why` is a literal; the first one is kept.
-    virtual void Fail(const char* why) noexcept = 0;
+    void Fail(const char* why) noexcept {
+        m_szFault = m_bFailed ? m_szFault : why;
+        m_bFailed = true;
+    }
+    // Why the archive failed; empty while it has not.
+    [[nodiscard]] const char* Fault() const noexcept { return m_szFault; }
 
     // Wide texts that may hold zero characters.
     CArchive& operator<<(std::wstring_view text);
@@ -77,6 +85,9 @@ protected:
     ~CArchive() = default;
 
 private:
+    template<class Wire, class Value>
+    CArchive& readNumber(Value& value);
+    void take(void* bytes, std::size_t count);
     void writeText(const void* text, std::size_t bytes);
     [[nodiscard]] std::size_t readLength(std::size_t unit);
     template<class Unit>
@@ -85,4 +96,7 @@ private:
     CArchive& readBuffer(std::span<Unit> buffer);
     template<class Text>
     CArchive& readObject(Text& text);
+
+    bool m_bFailed = false;
+    const char* m_szFault = "";
 };

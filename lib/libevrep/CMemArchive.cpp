@@ -13,7 +13,7 @@ std::size_t CMemArchive::Write(const void* bytes, std::size_t count) {
 std::size_t CMemArchive::Read(void* bytes, std::size_t count) {
     if ((m_State & std::ios::eofbit) != 0)
         debugOut("EOF bit set\r\n");
-    if ((m_State & std::ios::failbit) != 0)
+    if (Failed())
         debugOut("fail bit set\r\n");
     if ((m_State & std::ios::badbit) != 0)
         debugOut("bad bit set\r\n");
@@ -29,10 +29,4 @@ std::size_t CMemArchive::Read(void* bytes, std::size_t count) {
     m_nPosition += count;
     // The other programs take the answer for the bytes asked for, whatever was read.
     return count;
-}
-
-void CMemArchive::Fail(const char* why) noexcept {
-    if (!Failed())
-        m_szFault = why;
-    m_State |= std::ios::failbit;
 }

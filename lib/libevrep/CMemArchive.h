@@ -20,21 +20,15 @@ public:
     [[nodiscard]] std::size_t BytesLeft() const noexcept override {
         return m_Bytes.size() - m_nPosition;
     }
-    [[nodiscard]] bool Failed() const noexcept override {
-        return (m_State & std::ios::failbit) != 0;
-    }
-    void Fail(const char* why) noexcept override;
-
     // Everything written so far or given at the start. Valid until the next Write.
     [[nodiscard]] std::span<const std::byte> Bytes() const noexcept { return m_Bytes; }
     // How many bytes have been read: after a failure, the place at or just before the fault.
     [[nodiscard]] std::size_t Position() const noexcept { return m_nPosition; }
-    // Why the archive failed; empty while it has not.
-    [[nodiscard]] const char* Fault() const noexcept { return m_szFault; }
+    // Starts over: what was read can be read again.
+    void Rewind() noexcept { m_nPosition = 0; }
 
 private:
     std::vector<std::byte> m_Bytes;
     std::size_t m_nPosition = 0;
     std::ios::iostate m_State = std::ios::goodbit;
-    const char* m_szFault = "";
 };

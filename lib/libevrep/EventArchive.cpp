@@ -193,6 +193,30 @@ CArchive& operator>>(CArchive& archive, GW_STATS_CONTEXT& context) {
     return extract(archive, context);
 }
 
+CArchive& operator<<(CArchive& archive, const GW_MAIL& counts) {
+    return insert(archive, counts);
+}
+
+CArchive& operator>>(CArchive& archive, GW_MAIL& counts) {
+    return extract(archive, counts);
+}
+
+CArchive& operator<<(CArchive& archive, const GW_HTTP& counts) {
+    return insert(archive, counts);
+}
+
+CArchive& operator>>(CArchive& archive, GW_HTTP& counts) {
+    return extract(archive, counts);
+}
+
+CArchive& operator<<(CArchive& archive, const GW_FTP& counts) {
+    return insert(archive, counts);
+}
+
+CArchive& operator>>(CArchive& archive, GW_FTP& counts) {
+    return extract(archive, counts);
+}
+
 CArchive& operator<<(CArchive& archive, const GW_FILTER& filter) {
     return insert(archive, filter);
 }

@@ -20,6 +20,15 @@ CArchive& operator>>(CArchive& archive, GW_SCAN_CONTEXT& context);
 CArchive& operator<<(CArchive& archive, const GW_STATS_CONTEXT& context);
 CArchive& operator>>(CArchive& archive, GW_STATS_CONTEXT& context);
 
+CArchive& operator<<(CArchive& archive, const GW_MAIL& counts);
+CArchive& operator>>(CArchive& archive, GW_MAIL& counts);
+
+CArchive& operator<<(CArchive& archive, const GW_HTTP& counts);
+CArchive& operator>>(CArchive& archive, GW_HTTP& counts);
+
+CArchive& operator<<(CArchive& archive, const GW_FTP& counts);
+CArchive& operator>>(CArchive& archive, GW_FTP& counts);
+
 CArchive& operator<<(CArchive& archive, const StringValuePairList& list);
 CArchive& operator>>(CArchive& archive, StringValuePairList& list);
 

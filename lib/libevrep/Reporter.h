@@ -48,6 +48,7 @@ public:
 
     // Does nothing: the mutex is ready before main.
     static void InitLock() noexcept {}
+    static constexpr bool lockInit = true; // whether it is
 
     enum State : std::int32_t { notStarted = 0, startedOnDemand = 1, started = 2, shutDown = 3 };
 

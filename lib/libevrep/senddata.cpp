@@ -126,7 +126,15 @@ std::int32_t CTransfer::Send(const CSendHeader& header) {
     return 0;
 }
 
-const CMemArchive* CTransfer::GetWriteData() {
+void CTransfer::ResetState() noexcept {
+    for (CMemArchive* const piece : {m_pHdrData.get(), m_pEventData.get(), m_pFooterData.get()}) {
+        if (piece != nullptr)
+            piece->Rewind();
+    }
+    m_nState = HEADER;
+}
+
+CMemArchive* CTransfer::GetWriteData() {
     if (m_nState == DATA && !m_pEventData)
         Transition();
     switch (m_nState) {

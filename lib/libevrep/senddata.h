@@ -135,8 +135,9 @@ public:
     std::int32_t Send(const CSendHeader& header);
 
     // The piece to be written in this state. In DATA without a data piece it moves on to FOOTER;
-    // null before a Send and when all is handed out. Owned by this object until the next Send.
-    [[nodiscard]] const CMemArchive* GetWriteData();
+    // null before a Send and when all is handed out. Owned by this object until the next Send; its
+    // bytes are taken with Read or looked at with Bytes().
+    [[nodiscard]] CMemArchive* GetWriteData();
 
     // The room for the piece to be received in this state, which the caller fills whole: 40 bytes
     // in HEADER, 18 in FOOTER, and in DATA as many as the header received before says. Empty in the
@@ -150,7 +151,7 @@ public:
     // Moves to the next state, which it returns; FINISHED stays, UNKNOWN gives 0.
     TransferState Transition();
     // Begins at the header: the pieces are handed out again, or a message is received.
-    void ResetState() noexcept { m_nState = HEADER; }
+    void ResetState() noexcept;
     [[nodiscard]] TransferState GetState() const noexcept { return m_nState; }
 
     // The pieces as built; header and footer are only there when IsValid().

@@ -54,13 +54,13 @@ bool CAbstractStorageType::operator==(const CAbstractStorageType& other) const {
 
 template<StorageType Tag>
 NumberStore<Tag>::NumberStore(PropEnum key, std::int32_t value) noexcept
-    : CAbstractStorageType(key), m_nValue(value) {
-    xtoa(m_nValue, m_szValue);
+    : CAbstractStorageType(key), NumberField<Tag>{value} {
+    xtoa(value, m_szValue);
 }
 
 template<StorageType Tag>
 std::size_t NumberStore<Tag>::GetStorageSize() const {
-    return tagAndKey + sizeof m_nValue;
+    return tagAndKey + GetSize();
 }
 
 template<StorageType Tag>
@@ -71,19 +71,19 @@ std::unique_ptr<CAbstractStorageType> NumberStore<Tag>::GetCopy() const {
 template<StorageType Tag>
 void NumberStore<Tag>::Write(CArchive& archive) const {
     writeTagAndKey(archive, *this);
-    archive << m_nValue;
+    archive << this->number();
 }
 
 template<StorageType Tag>
 void NumberStore<Tag>::Read(CArchive& archive) {
     m_nIndex = readKey(archive);
-    archive >> m_nValue;
-    xtoa(m_nValue, m_szValue);
+    archive >> this->number();
+    xtoa(this->number(), m_szValue);
 }
 
 template<StorageType Tag>
 NumberStore<Tag>::operator std::uint32_t() const {
-    return static_cast<std::uint32_t>(m_nValue);
+    return static_cast<std::uint32_t>(this->number());
 }
 
 template<StorageType Tag>

@@ -47,27 +47,42 @@ protected:
     CAbstractStorageType& operator=(const CAbstractStorageType&) = default;
 };
 
-// A 32-bit number and its text. The two kinds differ only in the tag they carry, which readers
-// of the archive tell apart.
+// The number of a store, under the name by which the gateway's other programs read it.
 template<StorageType Tag>
-class NumberStore final : public CAbstractStorageType {
+struct NumberField {
+    std::int32_t m_nValue = 0;
+
+    [[nodiscard]] std::int32_t& number() noexcept { return m_nValue; }
+    [[nodiscard]] std::int32_t number() const noexcept { return m_nValue; }
+};
+template<>
+struct NumberField<ST_LONG> {
+    std::int32_t m_lValue = 0;
+
+    [[nodiscard]] std::int32_t& number() noexcept { return m_lValue; }
+    [[nodiscard]] std::int32_t number() const noexcept { return m_lValue; }
+};
+
+// A 32-bit number and its text, which is made with the store and by Read: who writes the number
+// itself leaves the text as it was. The two kinds differ in the tag they carry, which readers of
+// the archive tell apart, and in the number's name.
+template<StorageType Tag>
+class NumberStore final : public CAbstractStorageType, public NumberField<Tag> {
 public:
     explicit NumberStore(PropEnum key = EPROP_NOPROPERTY, std::int32_t value = 0) noexcept;
 
     [[nodiscard]] std::size_t GetStorageSize() const override;
     [[nodiscard]] StorageType GetType() const noexcept override { return Tag; }
     [[nodiscard]] std::unique_ptr<CAbstractStorageType> GetCopy() const override;
-    [[nodiscard]] std::size_t GetSize() const noexcept override { return sizeof m_nValue; }
+    [[nodiscard]] std::size_t GetSize() const noexcept override { return sizeof(std::int32_t); }
     void Write(CArchive& archive) const override;
     void Read(CArchive& archive) override;
-    explicit operator std::int32_t() const override { return m_nValue; }
+    explicit operator std::int32_t() const override { return this->number(); }
     explicit operator std::uint32_t() const override;
-    explicit operator long() const override { return m_nValue; }
+    explicit operator long() const override { return this->number(); }
     explicit operator std::string() const override { return m_szValue; }
     explicit operator std::wstring() const override;
 
-private:
-    std::int32_t m_nValue;
     char m_szValue[xtoaSize]{};
 };
 
@@ -93,7 +108,6 @@ public:
     explicit operator std::string() const override;
     explicit operator std::wstring() const override;
 
-private:
     Text m_szValue;
 };
 

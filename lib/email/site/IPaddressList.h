@@ -30,8 +30,9 @@ public:
     [[nodiscard]] IPaddress addr(int i) const noexcept;
     [[nodiscard]] int count() const noexcept { return Naddr; }
 
-    std::int32_t Naddr = 0; // entries held; read by the gateway's other programs
-
 protected:
     std::array<IPaddress, kCapacity> addresses_{};
+
+public:
+    std::int32_t Naddr = 0; // entries held; read by the gateway's other programs
 };
