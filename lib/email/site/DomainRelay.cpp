@@ -18,7 +18,7 @@ std::string copyOfPattern(const char* pattern) {
     try {
         return pattern;
     } catch (const std::bad_alloc&) {
-        assert_failure("name", kUnit, 77);
+        assert_failure("name", kUnit, contractLine(77));
     }
 }
 
@@ -109,7 +109,7 @@ void DomainRelay::relaysParamR(DomainRelay& relays, const char* key, cfgrec* lin
     }
     for (auto cf = lines.rbegin(); cf != lines.rend(); ++cf) {
         if ((*cf)->argc <= 1) {
-            assert_failure("cf->argc > 1", kUnit, 213);
+            assert_failure("cf->argc > 1", kUnit, contractLine(213));
         }
         relays.AddDomain((*cf)->argv[0], (*cf)->argv + 1, (*cf)->argc - 1);
     }

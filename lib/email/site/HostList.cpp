@@ -122,10 +122,10 @@ int HostList::hostLookup(const char* name, IPaddressList& out, int max, bool ski
         return -1;
     }
     if (answer->h_name == nullptr) {
-        assert_failure("hostEnt->h_name", kUnit, 396);
+        assert_failure("hostEnt->h_name", kUnit, contractLine(396));
     }
     if (std::strlen(answer->h_name) >= 256) {
-        assert_failure("strlen(hostEnt->h_name) < 256", kUnit, 397);
+        assert_failure("strlen(hostEnt->h_name) < 256", kUnit, contractLine(397));
     }
     takeAddresses(*answer, out, std::min(max - out.count(), mailscanGlobals::max_addr_per_host),
                   skipLocal);

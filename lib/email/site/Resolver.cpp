@@ -185,7 +185,8 @@ void Resolver::SortMXAnswers(char** names, int* prefs, int n) noexcept {
 void Resolver::RemoveSameServerMXAnswers(char** names, int* prefs, int& n) noexcept {
     for (int i = 0; i < n; ++i) {
         if (i > 0 && prefs[i] < prefs[i - 1]) {
-            assert_failure("preferences[i] >= preferences[i-1]", "lib/email/MXlookup", 79);
+            assert_failure("preferences[i] >= preferences[i-1]", "lib/email/MXlookup",
+                           contractLine(79));
         }
         if (isThisHost(names[i])) {
             const auto kept = std::find(prefs, prefs + i, prefs[i]) - prefs;

@@ -163,7 +163,7 @@ void ExtSocketClass::Connect(const char* host, unsigned short port, int& err, in
     }
     sockaddr_in address{};
     if (sizeof(address.sin_addr.s_addr) != static_cast<std::size_t>(answer->h_length)) {
-        assert_failure("sizeof(addr.sin_addr.s_addr) == host->h_length", kUnit, 171);
+        assert_failure("sizeof(addr.sin_addr.s_addr) == host->h_length", kUnit, contractLine(171));
     }
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -260,7 +260,7 @@ int ExtSocketClass::ReadLine(char* buf, int bufsize, long timeoutMs, int& err) n
     if (theSocket < 0) {
         return fail(err, EBADF);
     }
-    checkDescriptor(289);
+    checkDescriptor(contractLine(289));
     // Not the wall clock: one that is set back would hold the walker as much longer.
     const auto end = Clock::now() + std::chrono::seconds(std::min<long>(timeoutMs / 1000, INT_MAX));
     bool urgent = true;
@@ -279,7 +279,8 @@ int ExtSocketClass::ReadLine(char* buf, int bufsize, long timeoutMs, int& err) n
 
 int ExtSocketClass::getLine(char* buf, int bufsize) noexcept {
     if (readBufferUsed < 0 || readBufferUsed >= kReadBufferSize) {
-        assert_failure("readBufferUsed >=0 && readBufferUsed < sizeof(readBuffer)", kUnit, 238);
+        assert_failure("readBufferUsed >=0 && readBufferUsed < sizeof(readBuffer)", kUnit,
+                       contractLine(238));
     }
     if (readBufferUsed < 2) {
         return -1;
@@ -297,7 +298,7 @@ int ExtSocketClass::getLine(char* buf, int bufsize) noexcept {
     }
     const auto length = static_cast<int>(stop - begin);
     if (bufsize <= length) {
-        assert_failure("bufsize > length", kUnit, 260);
+        assert_failure("bufsize > length", kUnit, contractLine(260));
     }
     std::copy(begin, stop, buf);
     buf[length] = '\0';
@@ -314,7 +315,7 @@ int ExtSocketClass::WriteN(const char* buf, int len, long timeoutMs, int& err) n
     if (theSocket < 0) {
         return EBADF;
     }
-    checkDescriptor(359);
+    checkDescriptor(contractLine(359));
     err = 0;
     int sent = 0;
     while (sent < len) {
@@ -344,7 +345,7 @@ int ExtSocketClass::ReadFrom(char* buf, int& got, int len, int flags, sockaddr* 
     if (theSocket < 0) {
         return EBADF;
     }
-    checkDescriptor(197);
+    checkDescriptor(contractLine(197));
     int ready = 0;
     do {
         errno = 0;
@@ -365,7 +366,7 @@ int ExtSocketClass::WriteTo(const char* buf, int len, long timeoutMs, int flags,
     if (theSocket < 0) {
         return EBADF;
     }
-    checkDescriptor(407);
+    checkDescriptor(contractLine(407));
     err = 0;
     if (waitFor(theSocket, POLLOUT, timeoutMs) < 1) {
         return 0;

@@ -203,7 +203,7 @@ bool Sender::tryAddress(IPaddress address, int port) {
 
 bool Sender::tryOpen(const IPaddressList& list, int port) {
     if (list.count() > mailscanGlobals::max_addr_to_try) {
-        assert_failure("Naddr <= mailscanGlobals::max_addr_to_try", kUnit, 152);
+        assert_failure("Naddr <= mailscanGlobals::max_addr_to_try", kUnit, contractLine(152));
     }
     for (int i = 0; i < list.count(); ++i) {
         if (CommandTimeOut()) {
