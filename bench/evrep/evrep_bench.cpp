@@ -10,10 +10,6 @@
 
 namespace {
 
-class Discarding : public AbstractReporter {
-    void report(const GW_EVENT& event) override { benchmark::DoNotOptimize(&event); }
-};
-
 // A delivered message, with every property that the delivery engine sets.
 GW_EVENT deliveryEvent() {
     GW_EVENT event = Reporter::createEvent(
@@ -124,7 +120,3 @@ void receive(benchmark::State& state) {
 BENCHMARK(receive);
 
 } // namespace
-
-std::unique_ptr<AbstractReporter> Reporter::makeInstance() {
-    return std::make_unique<Discarding>();
-}

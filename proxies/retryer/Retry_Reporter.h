@@ -1,4 +1,5 @@
-// The reporter of this program: it discards every event record.
+// The reporter of this program and of those beside it (library discarding_reporter): it discards
+// every event record.
 #pragma once
 
 #include "libevrep/Reporter.h"
