@@ -49,7 +49,7 @@ char* duplicate(std::string_view text) {
 // `noArguments` is the vector of a record that has none.
 OwnedList makeRecord(std::int32_t flags, std::int32_t line, std::string_view keyword,
                      std::span<char* const> arguments, char** noArguments) {
-    OwnedList record(std::make_unique<cfgrec>().release());
+    OwnedList record(new cfgrec);
     record->flags = flags;
     record->ln = line;
     record->op = duplicate(keyword);
