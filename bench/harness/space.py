@@ -1,4 +1,5 @@
 """A private place to measure in: network, mounts, host name and process ids of its own."""
+import atexit
 import ctypes
 import json
 import os
@@ -39,11 +40,12 @@ def mount(source, target, kind=None, options=""):
 
 
 def private_dev():
-    nodes = {n: os.stat(f"/dev/{n}").st_rdev for n in ("null", "zero", "full", "random", "urandom", "tty")}
+    names = [*("null", "zero", "full", "random", "urandom", "tty"), *(path.name for path in Path("/dev").glob("loop*"))]
+    nodes = {name: os.stat(f"/dev/{name}") for name in names}
     mount("none", "/dev", "tmpfs", "mode=755")
-    for name, number in nodes.items():
-        os.mknod(f"/dev/{name}", 0o666 | stat.S_IFCHR, number)
-        os.chmod(f"/dev/{name}", 0o666)
+    for name, node in nodes.items():
+        os.mknod(f"/dev/{name}", node.st_mode, node.st_rdev)
+        os.chmod(f"/dev/{name}", stat.S_IMODE(node.st_mode))
     os.symlink("/proc/self/fd", "/dev/fd")
     mount("none", "/dev/shm", "tmpfs")
 
@@ -115,6 +117,27 @@ def set_up(work, peer_trees):
     # As service managers set it: a burst of log lines need not wait for the collector line by line.
     Path("/proc/sys/net/unix/max_dgram_qlen").write_text("512")
     return disc
+
+
+class FreshDisc:
+    """A file system of its own for a spool of very many files, which can be forgotten: taken off and
+    put on again, nothing of it is in memory."""
+
+    def __init__(self, work, target, files):
+        self.image, self.target = work / "fresh-disc", target
+        with open(self.image, "wb") as file:
+            file.truncate((1 << 30) + 5000 * files)
+        atexit.register(self.image.unlink)
+        run("mkfs.ext4", "-q", "-F", "-N", str(files + 10000), "-E", "lazy_itable_init=0", str(self.image))
+        mount(self.image, target, "ext4", "loop,nobarrier")
+
+    def forget(self):
+        run("umount", self.target)
+        image = os.open(self.image, os.O_RDONLY)
+        os.fsync(image)
+        os.posix_fadvise(image, 0, 0, os.POSIX_FADV_DONTNEED)
+        os.close(image)
+        mount(self.image, self.target, "ext4", "loop")
 
 
 class Sink:

@@ -52,8 +52,12 @@ def empty(directory):
 
 
 def seed(directory, body, recipient_lists, age=86400):
-    """One message for each list of recipients."""
+    """One message for each list of recipients, and no others."""
     empty(directory)
+    fill(directory, body, recipient_lists, age)
+
+
+def fill(directory, body, recipient_lists, age=86400):
     for i, recipients in enumerate(recipient_lists):
         path = f"{directory}/m{i * 7919 % 1000003:06}"
         write(path, body)

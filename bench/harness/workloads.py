@@ -1,4 +1,4 @@
-"""The workloads W1 to W9 and the order in which they are run."""
+"""The workloads W1 to W9 and W12, and the order in which they are run."""
 import dataclasses
 import json
 import os
@@ -18,7 +18,9 @@ RULES = f"""w1,w4,w7,w9: deferred-directory {DEFERRED}
 w5a: deferred-directory /var/spool/w5a/
 w5b: deferred-directory /var/spool/w5b/
 w6: deferred-directory /var/spool/w6/
-w5a,w5b: smtp-min-deferral 300000
+w5a,w5b,w12: smtp-min-deferral 300000
+w12: deferred-directory /var/spool/fresh/w12/
+w12: directory /var/spool/fresh/w12-outgoing/
 w7: domain-relay dead.bench.test {space.DEAD}
 w1,w7,w9: domain-relay * {space.SERVER}
 """
@@ -74,6 +76,7 @@ class Maker:
         yield from self.recipients()
         yield from self.idle()
         yield from self.troubled()
+        yield from self.million()
 
     def floor(self, name, *args):
         return [str(self.options.build / f"bench/floors/floor_{name}"), *map(str, args)]
@@ -141,6 +144,31 @@ class Maker:
         yield Workload("W6", "an empty spool", 1,
                        [Subject("floor", self.floor("empty")),
                         Subject("retryer", self.walker("w6"), against="floor")], repeat=20)
+
+    def million(self):
+        """From memory, and with nothing of the spool in memory."""
+        count, where = self.scaled(1000000), "/var/spool/fresh/w12/"
+        if not wanted(self.options, "W12"):
+            return
+        disc = space.FreshDisc(self.options.work, "/var/spool/fresh", 2 * count)
+        for directory in (where, "/var/spool/fresh/w12-outgoing"):
+            os.mkdir(directory)
+            os.chmod(directory, 0o2770)
+        spool.fill(where, spool.text(200), people(count))
+        disc.forget()
+        scan, walker = self.floor("scan", where), self.walker("w12")
+        keeper = str(self.options.retryer.parent.parent / "retryq/retryq")
+
+        def ready():
+            space.run(*scan)
+
+        def subjects(name, argv, against=""):
+            yield Subject(name, argv, ready, against=against, rounds=SLOW_ROUNDS)
+            yield Subject(name + ", cold", argv, disc.forget, against=against and against + ", cold", rounds=1)
+        of_keeper = [subjects(f"retryq {word}", ["/bin/sh", "-c", f"exec {keeper} -as w12 {word} >/dev/null"])
+                     for word in ("list", "summary", "check")]
+        pairs = [subjects("floor", scan), subjects("retryer", walker, "floor"), *of_keeper]
+        yield Workload("W12", f"{count} small messages, none due", count, [s for pair in pairs for s in pair])
 
     def idle_peers(self, count):
         return [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, self.small), 1, p, "floor",

@@ -70,9 +70,9 @@ class Cost(SystemTest):
         super().setUp()
         self.world.table(*RELAYS)
 
-    def fill(self, count, text):
+    def fill(self, count, text, **how):
         for number in range(count):
-            self.world.queue(f"m{number}", f"<{number}@there.test>", text=text)
+            self.world.queue(f"m{number}", f"<{number}@there.test>", text=text, **how)
 
     def test_memory_does_not_grow_with_the_queue_or_the_message(self):
         self.smtp()
@@ -92,9 +92,9 @@ class Cost(SystemTest):
             seconds[lines].append(self.run_ok().seconds)
         self.assertLess(min(seconds[1100]), 2.5 * min(seconds[900]) + 0.05, seconds)
 
-    def calls(self, count, text, script=None):
+    def calls(self, count, text, script=None, **how):
         server = self.smtp("127.0.0.2", script)
-        self.fill(count, text)
+        self.fill(count, text, **how)
         run = self.run_ok(strace=[])
         server.stop()
         return run.calls()
@@ -107,6 +107,10 @@ class Cost(SystemTest):
         self.assertEqual(sent, [700, 700])
         self.assertEqual(few["fsync"] + few["fdatasync"] + many["fsync"], 0)
         self.assertLessEqual(sum(many.values()) - sum(few.values()), 300, (few, many))
+
+    def test_waiting_mail_costs_its_lock_its_list_and_a_look_at_its_text(self):
+        few, many = (sum(self.calls(count, b"x\n", last=-60).values()) for count in (100, 200))
+        self.assertLessEqual(many - few, 100 * 13 + 10)
 
     def test_kept_mail_costs_one_sync_a_message(self):
         calls = self.calls(100, b"x\n", {"rcpt": "450 busy"})

@@ -23,9 +23,8 @@ void MailReSender::RetryAll(int traceLevel) {
     walkTrace_ = traceLevel;
     spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     FileIterator spool(mailscanGlobals::deferred_mail_path());
-    FileInfo info;
     while (stopped() == 0) {
-        const auto entry = spool.Next(info);
+        const auto entry = spool.Next();
         if (!entry) {
             break;
         }

@@ -43,31 +43,46 @@ bool FileIterator::filter(const char* name, filetype) const {
 
 DIR* FileIterator::stream() noexcept {
     if (unopened_) {
+        struct stat status {};
         unopened_ = false;
         currentDir.reset(::opendir(pathname.c_str()));
+        const bool known = currentDir && ::fstat(::dirfd(currentDir.get()), &status) == 0;
+        type_ = known ? typeOf(status.st_mode) : unknownfile;
     }
     return currentDir.get();
 }
 
-std::unique_ptr<FileIterator> FileIterator::Next(FileInfo& info) {
+// Null at the end, with the directory closed.
+const char* FileIterator::nextName() {
     DIR* const dir = stream();
     if (dir == nullptr) {
         return nullptr;
     }
     while (const dirent* entry = ::readdir(dir)) {
-        struct stat status {};
-        const bool known = ::fstat(::dirfd(dir), &status) == 0;
-        const filetype type = known ? typeOf(status.st_mode) : unknownfile;
-        if (!filter(entry->d_name, type)) {
-            continue;
+        if (filter(entry->d_name, type_)) {
+            return entry->d_name;
         }
-        info.created = DateTime(status.st_ctime);
-        info.accessed = DateTime(status.st_atime);
-        info.ft = type;
-        return std::make_unique<FileIterator>(pathname.c_str(), entry->d_name);
     }
     close();
     return nullptr;
+}
+
+std::unique_ptr<FileIterator> FileIterator::Next(FileInfo& info) {
+    const char* const name = nextName();
+    if (name == nullptr) {
+        return nullptr;
+    }
+    struct stat status {};
+    static_cast<void>(::fstat(::dirfd(currentDir.get()), &status));
+    info.created = DateTime(status.st_ctime);
+    info.accessed = DateTime(status.st_atime);
+    info.ft = type_;
+    return std::make_unique<FileIterator>(pathname.c_str(), name);
+}
+
+std::unique_ptr<FileIterator> FileIterator::Next() {
+    const char* const name = nextName();
+    return name == nullptr ? nullptr : std::make_unique<FileIterator>(pathname.c_str(), name);
 }
 
 void FileIterator::Reset() noexcept {
