@@ -128,12 +128,7 @@ class Scene:
         """The recipients of the last conversation, or, when that was for a return mail, those it is
         about."""
         last = max((s for server in self.servers for s in server.sessions), key=lambda s: s.began, default=None)
-        return self.named_in([last] if last else [])
-
-    @staticmethod
-    def named_in(sessions):
-        """The recipients that these conversations are about, be it by a return mail."""
-        named = {line.decode().partition(" TO: ")[2] for session in sessions for line in list(session.commands)}
+        named = {line.decode().partition(" TO: ")[2] for line in (last.commands if last else [])}
         return named | {rcpt for rcpt, leaf in RECIPIENTS.items() if sender_of(leaf) in named}
 
 

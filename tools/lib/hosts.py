@@ -63,15 +63,15 @@ class Host:
         self._outer = subprocess.Popen(["unshare", *flags, "/bin/sh", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         assert self._outer.stdout.readline() == b"up\n", f"{self.name} does not come up"
         with open(f"/proc/{self._outer.pid}/task/{self._outer.pid}/children") as children:
-            self._first = int(children.read())
-        ip("link", "add", self.link, "type", "veth", "peer", "name", "eth0", "netns", str(self._first))
+            self.first = int(children.read())
+        ip("link", "add", self.link, "type", "veth", "peer", "name", "eth0", "netns", str(self.first))
         ip("link", "set", self.link, "master", "bridge", "up")
         self.play("sh", "-c", f"ip link set lo up; ip addr add {self.address}/16 dev eth0; ip link set eth0 up")
         self.play("glusterd")
 
     def inside(self, *command):
         """The command line that plays a command on this host."""
-        return ["nsenter", "-t", str(self._first), "-a", *command]
+        return ["nsenter", "-t", str(self.first), "-a", *command]
 
     def play(self, *command, check=True):
         return subprocess.run(self.inside(*command), check=check, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True).stdout
@@ -83,7 +83,7 @@ class Host:
 
     def brick_process(self):
         """Its number as the host itself counts."""
-        for path in glob.glob(f"/proc/{self._first}/root/run/gluster/vols/{VOLUME}/*.pid"):
+        for path in glob.glob(f"/proc/{self.first}/root/run/gluster/vols/{VOLUME}/*.pid"):
             with contextlib.suppress(OSError, ValueError), open(path) as file:
                 return int(file.read())
         return None
@@ -91,7 +91,7 @@ class Host:
     def end(self):
         """As when its power goes: nobody is told."""
         ip("link", "del", self.link)
-        os.kill(self._first, signal.SIGKILL)
+        os.kill(self.first, signal.SIGKILL)
         self._outer.wait()
 
     def network(self, there):

@@ -75,7 +75,7 @@ SendResult ListSender::sendQueued(Email::QueuedMessage& message, const FileName&
         return unusable(EV_TEXT_OPEN_FAILED, message.text(), text.error());
     }
     deniedTexts_ = 0;
-    if (const Trouble trouble = message.read(recipients_)) {
+    if (const Trouble trouble = message.read(recipients_, deferred ? listLock_ : nullptr)) {
         return unusable(EV_RCPT_READ_FAILED, message.text(), *trouble);
     }
     return attempt(text, deferred, entry(), &message);

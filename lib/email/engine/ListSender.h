@@ -20,6 +20,7 @@
 class FileName;
 
 namespace Email {
+class MessageLock;
 enum class LogLine;
 } // namespace Email
 
@@ -94,6 +95,8 @@ protected:
     int trace = 0;
     bool returnMessage = false; // this engine sends a return mail
     Recipients recipients_;
+    const Email::MessageLock* listLock_ =
+        nullptr;     // of the message given to Send(), where it is held
     UniqueFd spare_; // given back when a shortage of descriptors has to be told of
 
 private:

@@ -52,6 +52,7 @@ void MailReSender::tryFile(FileName* entry) {
 
 // Its files are as they were, or say whom it was done with; a later run may have more memory.
 void MailReSender::passOver(const FileName& entry) {
+    listLock_ = nullptr;
     CloseTransport();
     recipients_.Reset();
     Email::writeLine(Email::LogLine::OutOfMemory, {.message = entry()});
@@ -72,7 +73,9 @@ void MailReSender::deliverLocked(const FileName& entry, const std::string& lockF
         return;
     }
     traceFile(Email::LogLine::TraceLocked, lockFile);
+    listLock_ = &lock;
     Send(entry);
+    listLock_ = nullptr;
     traceFile(Email::LogLine::TraceFinished, lockFile);
 }
 

@@ -44,12 +44,12 @@ OpenedText openText(const char* path) noexcept {
     return {std::move(fd), status.st_size, 0};
 }
 
-FdStreambuf::FdStreambuf(UniqueFd fd, off_t size) noexcept : fd_(std::move(fd)), size_(size) {}
+FdStreambuf::FdStreambuf(int fd, off_t size) noexcept : fd_(fd), size_(size) {}
 
 std::streamsize FdStreambuf::readAt(char* out, std::streamsize n) noexcept {
     ssize_t got = 0;
     do {
-        got = ::pread(fd_.get(), out, static_cast<std::size_t>(n), offset_);
+        got = ::pread(fd_, out, static_cast<std::size_t>(n), offset_);
     } while (got < 0 && errno == EINTR);
     if (got < 0) {
         error_ = errno;
@@ -89,7 +89,7 @@ std::streamsize FdStreambuf::xsgetn(char* out, std::streamsize n) {
 
 FdStreambuf::off_type FdStreambuf::endOffset() noexcept {
     struct stat status {};
-    if (size_ < 0 && ::fstat(fd_.get(), &status) == 0) {
+    if (size_ < 0 && ::fstat(fd_, &status) == 0) {
         size_ = status.st_size;
     }
     return size_;
@@ -103,7 +103,7 @@ FdStreambuf::pos_type FdStreambuf::seekoff(off_type off, std::ios_base::seekdir 
     } else if (dir == std::ios_base::end) {
         from = endOffset();
     }
-    if (from < 0 || !fd_.valid()) {
+    if (from < 0 || fd_ < 0) {
         return pos_type(off_type(-1));
     }
     return seekpos(pos_type(from + off), which);
@@ -125,12 +125,18 @@ FdStreambuf::pos_type FdStreambuf::seekpos(pos_type pos, std::ios_base::openmode
 }
 
 FdStream::FdStream(OpenedText text)
-    : std::istream(nullptr), buf_(std::move(text.fd), text.size), error_(text.error) {
+    : std::istream(nullptr), owned_(std::move(text.fd)), buf_(owned_.get(), text.size),
+      error_(text.error) {
     rdbuf(&buf_);
     buf_.setOwner(*this);
     if (!is_open()) {
         setstate(std::ios_base::badbit);
     }
+}
+
+FdStream::FdStream(int fd, off_t size) : std::istream(nullptr), buf_(fd, size) {
+    rdbuf(&buf_);
+    buf_.setOwner(*this);
 }
 
 } // namespace Email

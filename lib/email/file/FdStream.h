@@ -1,5 +1,5 @@
-// An input stream over an owned, close-on-exec descriptor: large reads, errors as stream states,
-// nothing thrown.
+// An input stream over a close-on-exec descriptor, its own or a caller's: large reads, errors as
+// stream states, nothing thrown.
 #pragma once
 
 #include "fwall/UniqueFd.h"
@@ -29,15 +29,16 @@ struct OpenedText {
 // device is refused with ENXIO and never waited for. Opened patiently.
 OpenedText openText(const char* path) noexcept;
 
-// Reads at offsets of its own: the descriptor must be seekable, and seeking makes no system call.
+// Reads at offsets of its own, from 0 on: the descriptor must be seekable, and seeking makes no
+// system call. The descriptor stays the caller's.
 class FdStreambuf : public std::streambuf {
 public:
-    explicit FdStreambuf(UniqueFd fd, off_t size = -1) noexcept;
+    explicit FdStreambuf(int fd, off_t size = -1) noexcept;
 
     // errno of the last failed read, 0 without one. A failed read looks like the end of the file
     // to the stream; FdStream turns it into the bad state.
     [[nodiscard]] int error() const noexcept { return error_; }
-    [[nodiscard]] int fd() const noexcept { return fd_.get(); }
+    [[nodiscard]] int fd() const noexcept { return fd_; }
 
     // The stream that goes bad when a read fails.
     void setOwner(std::ios& owner) noexcept { owner_ = &owner; }
@@ -56,7 +57,7 @@ private:
     std::streamsize readAt(char* out, std::streamsize n) noexcept;
     off_type endOffset() noexcept;
 
-    UniqueFd fd_;
+    int fd_;
     off_t size_;
     off_t offset_ = 0; // of the byte behind the buffered ones
     int error_ = 0;
@@ -69,14 +70,17 @@ public:
     // Takes the file over. A file that is not open gives a bad stream.
     explicit FdStream(OpenedText text);
     explicit FdStream(const char* path) : FdStream(openText(path)) {}
+    // Reads a file of `size` bytes that the caller has open and keeps open.
+    FdStream(int fd, off_t size);
 
     [[nodiscard]] bool is_open() const noexcept { return buf_.fd() >= 0; }
     // errno of the failed opening or reading, 0 without one.
     [[nodiscard]] int error() const noexcept { return error_ != 0 ? error_ : buf_.error(); }
 
 private:
+    UniqueFd owned_;
     FdStreambuf buf_;
-    int error_;
+    int error_ = 0;
 };
 
 } // namespace Email

@@ -49,6 +49,7 @@ MessageLock::State MessageLock::acquire(const char* path) noexcept {
     if (::stat(path, &named) != 0 || !sameFile(opened, named)) {
         return State::Busy;
     }
+    size_ = named.st_size; // as it is under the lock: it may have grown before
     return State::Held;
 }
 

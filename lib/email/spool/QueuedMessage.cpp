@@ -2,6 +2,7 @@
 
 #include "email/file/FdStream.h"
 #include "email/site/mailscanGlobals.h"
+#include "email/spool/MessageLock.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -93,12 +94,13 @@ std::string QueuedMessage::newReturnName() {
     return name;
 }
 
-Trouble QueuedMessage::read(Recipients& into) const {
-    FdStream file(list_());
-    if (!file.is_open() || !into.Read(file, queue_ == Queue::Deferred)) {
-        return file.error();
-    }
-    return std::nullopt;
+Trouble QueuedMessage::read(Recipients& into, const MessageLock* held) const {
+    const auto readFrom = [&](FdStream&& file) {
+        const bool read = file.is_open() && into.Read(file, queue_ == Queue::Deferred);
+        return read ? std::nullopt : Trouble(file.error());
+    };
+    return held != nullptr ? readFrom(FdStream(held->fd(), held->size()))
+                           : readFrom(FdStream(list_()));
 }
 
 Trouble QueuedMessage::secure(const Recipients& untried, const MailList& failed) {

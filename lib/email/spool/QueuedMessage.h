@@ -28,6 +28,8 @@
 
 namespace Email {
 
+class MessageLock;
+
 // Why a step failed: an errno number, or 0 where the system gave none. Nothing when it did not.
 using Trouble = std::optional<int>;
 
@@ -58,8 +60,9 @@ public:
     // A name for a return mail, "rjctfileXXXXXX", that no message in the deferred queue has.
     [[nodiscard]] static std::string newReturnName();
 
-    // Reads the recipient file. 0 for content that cannot be used.
-    [[nodiscard]] Trouble read(Recipients& into) const;
+    // Reads the recipient file, by the descriptor of its lock where the caller has that. 0 for
+    // content that cannot be used.
+    [[nodiscard]] Trouble read(Recipients& into, const MessageLock* held) const;
 
     // --- An attempt on a message of the deferred queue ---
 

@@ -32,7 +32,7 @@ TEST_F(Spool, TheListSaysWhomNobodyIsDoneWith) {
     Recipients rcpts;
     {
         Message message(Message::Queue::Deferred, FileName("m"));
-        ASSERT_FALSE(message.read(rcpts));
+        ASSERT_FALSE(message.read(rcpts, nullptr));
         write("m.rmd~", "left over by a killed run");
         // What stands there before each conversation: with room for the next list, and locked.
         for (const auto& [files, listed] :
@@ -57,7 +57,7 @@ TEST_F(Spool, AMessageMayHaveTheTemporaryNameOfAnother) {
     queue("m.rmd~", "<>", "<c@x>\t450\n");
     Message message(Message::Queue::Deferred, FileName("m"));
     Recipients rcpts;
-    ASSERT_FALSE(message.read(rcpts));
+    ASSERT_FALSE(message.read(rcpts, nullptr));
     EXPECT_EQ(message.secure(rcpts, MailList()), EEXIST);
     EXPECT_TRUE(message.stuck());
     EXPECT_FALSE(message.remove(nullptr));
