@@ -87,8 +87,8 @@ bool walk(std::unique_ptr<MailReSender> walker) {
 } // namespace
 
 int main(int argc, char** argv) {
-    openStandardDescriptors();
     closeInheritedDescriptors();
+    openStandardDescriptors();
     ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
     nameSubSystem("retryer");

@@ -47,6 +47,7 @@ class Play:
             self.faults[""].append(f"walkers ended with {[run.status for run in runs]} {[run.out for run in runs if run.out]}")
         self.faults[""] += [f"not printable: {line!r}" for line in self.log if not (line.isascii() and line.isprintable())]
         self.returns.settle()
+        self.faults[""] += ["a return mail names nobody" for mail in self.returns.mails if not told_about(mail.data)]
         self.told = collections.defaultdict(list)
         for rcpt, why in (entry for mail in self.returns.mails for entry in told_about(mail.data)):
             self.told[rcpt].append(why)

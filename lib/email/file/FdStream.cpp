@@ -15,6 +15,18 @@ namespace {
 constexpr int kRetries = 3;
 constexpr std::chrono::milliseconds kRetryPause{100};
 
+// Takes the step, which leaves errno, again while it fails for what may pass in a moment.
+template<typename Step>
+bool patiently(Step step) noexcept {
+    for (int retry = 0; !step(); ++retry) {
+        if (retry == kRetries || (errno != EINTR && !isShortage(errno))) {
+            return false;
+        }
+        std::this_thread::sleep_for(kRetryPause);
+    }
+    return true;
+}
+
 } // namespace
 
 bool isShortage(int error) noexcept {
@@ -22,20 +34,24 @@ bool isShortage(int error) noexcept {
 }
 
 int openPatiently(const char* path, int flags) noexcept {
-    for (int retry = 0;; ++retry) {
-        const int fd = ::open(path, flags);
-        if (fd >= 0 || retry == kRetries || (errno != EINTR && !isShortage(errno))) {
-            return fd;
-        }
-        std::this_thread::sleep_for(kRetryPause);
-    }
+    int fd = -1;
+    patiently([&]() noexcept {
+        fd = ::open(path, flags);
+        return fd >= 0;
+    });
+    return fd;
 }
 
+// Not blocking, so that a FIFO planted in the spool cannot stop the run.
 OpenedText openText(const char* path) noexcept {
-    // Not blocking, so that a FIFO planted in the spool cannot stop the run.
-    UniqueFd fd(openPatiently(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    UniqueFd fd;
     struct stat status {};
-    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
+    const bool opened = patiently([&]() noexcept {
+        fd.reset(::open(path, kFlags));
+        return fd.valid() && ::fstat(fd.get(), &status) == 0;
+    });
+    if (!opened) {
         return {UniqueFd(), -1, errno};
     }
     if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
