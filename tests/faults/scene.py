@@ -170,9 +170,10 @@ class Ledger:
             rmd = self.lists[leaf] = world.Rmd.parse(data)
         except (ValueError, AttributeError, IndexError):
             return self.fault(f"{leaf}.rmd is torn: {data!r}")
+        undeletable = self.logged(" delete-failed ", f"msg={leaf} ")  # then its list names nobody
         if leaf in MESSAGES:
             if rmd.sender != sender_of(leaf) or any(RECIPIENTS.get(rcpt) != leaf for rcpt, _ in rmd.recipients) \
-                    or self.spool[leaf] != text_of(leaf) or not data.endswith(b"\n") or not rmd.recipients:
+                    or self.spool[leaf] != text_of(leaf) or not data.endswith(b"\n") or not (rmd.recipients or undeletable):
                 self.fault(f"{leaf} is not whole: {data!r}")
             self.kept.update(rcpt for rcpt, _ in rmd.recipients)
         else:

@@ -89,7 +89,9 @@ LookUpLimit::LookUpLimit() noexcept {
     if ((_res.options & RES_INIT) != 0) { // else it would close what it has not: descriptor 0
         ::res_nclose(&_res);
     }
-    ::res_ninit(&_res);
+    if (::res_ninit(&_res) != 0) {
+        _res.options &= ~static_cast<unsigned long>(RES_INIT); // or nobody would try it again
+    }
     _res.options = (_res.options & ~static_cast<unsigned long>(RES_DNSRCH)) | RES_NORELOAD;
     resolver = &_res;
     struct sigaction ignore {};
