@@ -48,7 +48,6 @@ public:
     QueuedMessage& operator=(const QueuedMessage&) = delete;
 
     [[nodiscard]] const FileName& text() const noexcept { return text_; }
-    [[nodiscard]] const FileName& list() const noexcept { return list_; }
 
     // What a recipient file's name adds to its message's, and the message that a name of a
     // recipient file belongs to (empty for another name).

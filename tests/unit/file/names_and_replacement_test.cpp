@@ -105,11 +105,13 @@ TEST(FileName, MovesAlsoAcrossFileSystems) {
     const std::string text(40000, 'x');
     for (const Scratch* to : {&dir, &away}) {
         dir.write("m", text);
+        std::filesystem::create_symlink(dir.path("planted"), to->path("n"));
         syncs = 0;
         EXPECT_TRUE(dir.name("m").MoveTo(to->name("n")));
         EXPECT_EQ(syncs, to == &away ? 1 : 0); // on disc before the source is deleted
         EXPECT_EQ(to->read("n"), text);
     }
+    EXPECT_EQ(dir.names(), "n "); // nothing was written through the link
     // A target that cannot be written: the source is gone all the same.
     EXPECT_FALSE(dir.name("n").MoveTo(dir.name("none/m")));
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("")));
