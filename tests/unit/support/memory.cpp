@@ -14,6 +14,7 @@ int allocationsLeft = -1;
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocated += size, std::malloc(size); }
 void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t& none) noexcept { return operator new(size, none); }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete[](void* memory) noexcept { std::free(memory); }
