@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
@@ -38,12 +39,39 @@ bool processGoesOn(int sig) {
     return sig == SIGUSR2 || sig == SIGPIPE || sig == kTraceRequest;
 }
 
-// The crash may have come inside the allocator or the system log, whose locks are then never
-// released: without a watchdog the dead process would hold its message for ever.
-void startWatchdog() {
-    std::signal(SIGALRM, SIG_DFL);
-    ::alarm(kWatchdogSeconds);
-}
+// The signal may have come inside the allocator or the system log, whose locks are then never
+// released: without a watchdog the process would hold its message for ever. SIGALRM ends it then,
+// also one that only a trace was asked of. An alarm that was on its way goes on afterwards.
+class Watchdog {
+public:
+    Watchdog() noexcept : left_(::alarm(0)) {
+        struct sigaction end {};
+        end.sa_handler = SIG_DFL;
+        ::sigaction(SIGALRM, &end, &action_);
+        sigset_t alarm;
+        ::sigemptyset(&alarm);
+        ::sigaddset(&alarm, SIGALRM);
+        ::sigprocmask(SIG_UNBLOCK, &alarm, &mask_);
+        ::alarm(kWatchdogSeconds);
+    }
+    ~Watchdog() {
+        const unsigned used = kWatchdogSeconds - ::alarm(0);
+        ::sigaction(SIGALRM, &action_, nullptr);
+        ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
+        if (left_ > 0) {
+            ::alarm(left_ > used ? left_ - used : 1);
+        }
+        errno = error_;
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    int error_ = errno;
+    unsigned left_; // seconds
+    struct sigaction action_ {};
+    sigset_t mask_{};
+};
 
 struct Free {
     void operator()(char** lines) const { std::free(static_cast<void*>(lines)); }
@@ -77,6 +105,9 @@ PrintToSyslog::PrintToSyslog(const char* signalName, const char* identity) {
 PrintToSyslog::~PrintToSyslog() {
     ::syslog(LOG_ERR, "%s", m_footer);
     ::closelog();
+    // Closing forgets the name alone. The process's own lines carry no number, and their facility
+    // is the one that a log has which nobody opened.
+    ::openlog(nullptr, 0, LOG_USER);
 }
 
 void PrintToSyslog::operator()(const char* line) {
@@ -92,13 +123,10 @@ void printStackTrace(int depth, const char* /*unused*/, StackTraceFunctor& sink)
 }
 
 void segv_handler(int sig) {
-    const bool goesOn = processGoesOn(sig);
-    if (!goesOn) {
-        startWatchdog();
-    }
+    const Watchdog watchdog;
     PrintToSyslog sink(signalName(sig), segv_process_name);
     printStackTrace(kTraceDepth, "null", sink);
-    if (!goesOn) {
+    if (!processGoesOn(sig)) {
         std::exit(sig); // the sink lives on: a fatal trace has no footer
     }
 }

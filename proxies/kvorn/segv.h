@@ -37,8 +37,10 @@ public:
 // symbols or after an exception of the sink it says so in one line. The text is not used.
 void printStackTrace(int depth, const char* unused, StackTraceFunctor& sink) noexcept;
 
-// Logs the trace. Returns for SIGUSR2, SIGPIPE and kTraceRequest; ends the process with the
-// signal's number as exit status for all others.
+// Logs the trace. When that takes longer than 30 seconds, because the signal came inside the system
+// log or the allocator, SIGALRM ends the process; else a pending alarm, errno and the name of the
+// process's own log lines are as before. Returns for SIGUSR2, SIGPIPE and kTraceRequest; ends the
+// process with the signal's number as exit status for all others.
 void segv_handler(int sig);
 
 // Installs segv_handler for SIGSEGV, SIGABRT and SIGUSR2; each signal's mask and flags stay.

@@ -4,8 +4,29 @@
 
 #include <gtest/gtest.h>
 
+#include <syslog.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
+#include <vector>
+
+namespace {
+
+struct Opening {
+    int options;
+    unsigned watchdog; // seconds that the alarm had then
+};
+std::vector<Opening> opened;
+
+} // namespace
+
+// In the place of the C library's.
+extern "C" void openlog(const char*, int options, int) {
+    const unsigned left = ::alarm(0);
+    ::alarm(left);
+    opened.push_back({options, left});
+}
 
 namespace {
 
@@ -34,6 +55,22 @@ TEST(CrashHandler, GoesOnAfterARequest) {
         EXPECT_EQ(loggedLines.back(), std::string("<3> ") + PrintToSyslog::m_footer);
         EXPECT_TRUE(loggedLines.size() > 2 && loggedLines.size() <= 27);
     }
+}
+
+TEST(CrashHandler, ATraceOnRequestHangsNobodyAndLeavesAlarmAndLogAsTheyWere) {
+    struct sigaction before {
+    }, after{};
+    before.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &before, nullptr);
+    ::alarm(1000);
+    opened.clear();
+    segv_handler(SIGUSR2);
+    ::sigaction(SIGALRM, nullptr, &after);
+    EXPECT_EQ(after.sa_handler, before.sa_handler);
+    EXPECT_GT(::alarm(0), 990U);
+    ASSERT_EQ(opened.size(), 2U);
+    EXPECT_TRUE(opened[0].watchdog > 0 && opened[0].watchdog <= 30);
+    EXPECT_EQ(opened[1].options, 0);
 }
 
 TEST(CrashHandler, ReplacesTheHandlerOnly) {
