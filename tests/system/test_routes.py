@@ -72,6 +72,17 @@ class Routes(SystemTest):
         self.assertEqual(self.world.spool(), {})
         self.assertEqual(dns.questions.count(("x.test", MX)), 1)
 
+    def test_nobody_is_looked_up_while_a_server_waits(self):
+        self.resolver("127.0.0.54")
+        there, waiting = self.smtp(ONE), []
+        silent = {(f"{n}.dead.test", MX): lambda query: waiting.append(len(there.sessions)) for n in range(3)}
+        self.dns({("x.test", MX): [mx("x.test", 10, "mx.test")], ("y.test", MX): [mx("y.test", 10, "mx.test")],
+                  ("mx.test", A): [a("mx.test", ONE)], **silent}, "127.0.0.54")
+        self.world.queue("m", ["<z@y.test>", *(f"<u@{n}.dead.test>" for n in range(3)), "<v@x.test>"])
+        self.run_ok()
+        self.assertEqual(waiting, [0, 0, 0])
+        self.assertEqual([mail.recipients for mail in there.mails], [["<v@x.test>", "<z@y.test>"]])
+
     def test_no_name_server_at_all(self):
         self.resolver("127.0.0.55")
         self.world.queue("m", "<u@plain.test>")

@@ -33,6 +33,10 @@ enum SendResult : int {
 
 class ListSender : public Sender {
 public:
+    // Seconds of look-ups without result after which no more are made ahead of a conversation.
+    // Those recipients are looked up when their own turn comes.
+    static constexpr std::chrono::seconds kLookAheadLimit{60};
+
     // Construction and destruction clear the process's alarm.
     ListSender();
     ~ListSender() override;
@@ -113,6 +117,9 @@ private:
     void noteServed() noexcept;
     [[nodiscard]] bool mayGoOut(bool deferred) const noexcept;
 
+    // Looks servers up for all recipients that are left, once in a pass.
+    void beforeConnecting(IPaddress server) override;
+
     // One conversation of a pass.
     void converse(MailList& failed, std::istream& text, SMTPcode& code);
     void deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
@@ -144,6 +151,7 @@ private:
     Email::QueuedMessage* queued_ = nullptr; // the deferred queue's message that is being attempted
     int deniedTexts_ = 0;                    // in a row
     int stopped_ = 0;
+    bool lookedAhead_ = false;           // in this pass
     const EmailAddr* current_ = nullptr; // the recipient that a step is about
     // The server that gave a failed recipient its code in this attempt; without one, none had been
     // reached. A log line must never show the server of another conversation.

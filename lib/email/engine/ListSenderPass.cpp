@@ -1,6 +1,7 @@
 // One delivery pass of ListSender over its recipients.
 #include "email/base/Semaphore.h"
 #include "email/engine/ListSender.h"
+#include "email/site/MXlookup.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/telling/DeliveryLog.h"
 
@@ -12,6 +13,8 @@ using Email::LogLine;
 bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
     // Once per pass: a step that fails without a code of its own leaves the one before it.
     SMTPcode code = COMMS_FAILED;
+    const MXlookup::Pass pass;
+    lookedAhead_ = false;
     while (!recipients_.IsEmpty() && (deferred || failed.IsEmpty()) && !Semaphore::shuttingDown() &&
            secured(failed)) {
         converse(failed, text, code);
@@ -19,6 +22,20 @@ bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
     failed.Add(recipients_, true, IDS_NO_REASON);
     CloseTransport();
     return failed.IsEmpty();
+}
+
+// Gathering asks for the servers of every other recipient between two commands. A few domains whose
+// name servers are dead would take longer than the connected server waits, in every run again.
+void ListSender::beforeConnecting(IPaddress server) {
+    if (lookedAhead_ || server == IPaddress::loopback) {
+        return;
+    }
+    lookedAhead_ = true;
+    std::chrono::steady_clock::duration inVain{};
+    for (const EmailAddr* rcpt = recipients_.first(); rcpt != nullptr && inVain < kLookAheadLimit;
+         rcpt = rcpt->next.get()) {
+        inVain += rcpt->lookAhead();
+    }
 }
 
 void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) {
@@ -64,6 +81,7 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
 }
 
 void ListSender::gather(MailList& accepted, MailList& failed, SMTPcode& code) {
+    const MXlookup::ServerWaits waits;
     MailList::Gathering gathering(recipients_, serverAddress);
     while (auto rcpt = gathering.next()) {
         if (SendRCPT(rcpt->text(), &code)) {

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -28,14 +29,16 @@ public:
     // The answer that is still good for the domain and the limit, or null.
     const Answer* find(const std::string& domain, int max) const {
         const auto at = answers_.find(domain);
-        const bool good =
-            at != answers_.end() && at->second.max == max && Clock::now() < at->second.expiry;
+        const bool good = at != answers_.end() && at->second.max == max &&
+                          passBegan_.value_or(Clock::now()) < at->second.expiry;
         return good ? &at->second : nullptr;
     }
 
     void keep(const std::string& domain, const IPaddressList& list, int max, int result,
               eventId event) {
-        makeRoom();
+        if (!passBegan_) {
+            makeRoom();
+        }
         Answer answer{
             {}, max, result, event, Clock::now() + std::chrono::seconds(MXlookup::kCacheSeconds)};
         for (int i = 0; i < list.count(); ++i) {
@@ -45,6 +48,14 @@ public:
     }
 
     void clear() noexcept { answers_.clear(); }
+
+    // Time stands still in a pass. Its answers are as many as its recipients at most, which are in
+    // memory as well.
+    void beginPass() {
+        makeRoom();
+        passBegan_ = Clock::now();
+    }
+    void endPass() noexcept { passBegan_.reset(); }
 
 private:
     // Dropping all when all are fresh costs each domain one more question, and no order to keep.
@@ -60,6 +71,7 @@ private:
     }
 
     std::unordered_map<std::string, Answer> answers_;
+    std::optional<Clock::time_point> passBegan_;
 };
 
 AnswerCache& cache() {
@@ -76,6 +88,19 @@ int useHeld(const Answer& answer, IPaddressList& out, eventId& event) {
 }
 
 } // namespace
+
+MXlookup::Pass::Pass() {
+    cache().beginPass();
+}
+
+MXlookup::Pass::~Pass() {
+    cache().endPass();
+}
+
+bool MXlookup::mayAnswer(const char* domain) {
+    return !serverWaits_ || isLiteral(domain) ||
+           cache().find(domain, IPaddressList::kCapacity) != nullptr;
+}
 
 int MXlookup::getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) {
     if (out.count() > 0) {

@@ -8,10 +8,34 @@
 
 class MXlookup : public HostList {
 public:
-    // An answer is used again for this long, in seconds, and this many are held at most. Failures
-    // are held as well: a run asks a sick name server once per domain and not once per recipient.
+    // An answer is used again for this long, in seconds, and this many are held at most; within a
+    // pass all are, to its end. Failures are held as well: a run asks a sick name server once per
+    // domain and not once per recipient.
     static constexpr int kCacheSeconds = 60;
     static constexpr std::size_t kCacheEntries = 1024;
+
+    // One delivery pass, while this lives: what was known at its beginning, or is learnt in it,
+    // stays known to its end. One at a time.
+    class Pass {
+    public:
+        Pass();
+        ~Pass();
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+    };
+
+    // A server waits for the next command while this lives: mayAnswer() says no to what would have
+    // to be asked for.
+    class ServerWaits {
+    public:
+        ServerWaits() noexcept { serverWaits_ = true; }
+        ~ServerWaits() { serverWaits_ = false; }
+        ServerWaits(const ServerWaits&) = delete;
+        ServerWaits& operator=(const ServerWaits&) = delete;
+    };
+
+    // True when getAddresses() for an empty list of full capacity may be called now.
+    [[nodiscard]] static bool mayAnswer(const char* domain);
 
     // Appends the exchangers' addresses, best first, without this host and what is not better than
     // it; the domain's own addresses when it has no usable exchanger. Returns the count of `out`;
@@ -35,6 +59,8 @@ private:
     int lookUp(const char* domain, IPaddressList& out, int max, eventId& event);
     int useExchangers(const unsigned char* msg, int len, const char* domain, IPaddressList& out,
                       int max, eventId& event);
+
+    static inline bool serverWaits_ = false;
 
     Resolver resolver_;
 };

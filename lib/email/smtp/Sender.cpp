@@ -182,6 +182,7 @@ int Sender::openSocket(IPaddress address, int port) noexcept {
 }
 
 bool Sender::tryAddress(IPaddress address, int port) {
+    beforeConnecting(address);
     serverAddress = address;
     const auto begun = Clock::now();
     if (const int err = openSocket(address, port); err != 0) {

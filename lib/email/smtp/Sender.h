@@ -108,6 +108,9 @@ protected:
     std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
 
 private:
+    // Called before each connection is made: the last moment at which nobody waits.
+    virtual void beforeConnecting(IPaddress /*server*/) {}
+
     int openSocket(IPaddress address, int port) noexcept;
     bool tryAddress(IPaddress address, int port);
     bool isThisHost(const char* domain, int port) const noexcept;

@@ -125,6 +125,9 @@ bool EmailAddr::throughRelaysOrMX(IPaddress addr) {
         return true;
     }
     if (n < 1 && !doneMX_) {
+        if (named && !MXlookup::mayAnswer(domain.data())) {
+            return false;
+        }
         doneMX_ = true;
         lookUpMX(named ? domain.data() : nullptr);
     }
@@ -135,6 +138,21 @@ bool EmailAddr::throughRelaysOrMX(IPaddress addr) {
     return named && n == 0 &&
            DomainRelay::fallbackRelays.getAddresses(domain.data(), relays, kAnyCount, event) >= 1 &&
            relays.InList(addr);
+}
+
+std::chrono::steady_clock::duration EmailAddr::lookAhead() const {
+    using Clock = std::chrono::steady_clock;
+    std::array<char, kDomainSize> domain{};
+    IPaddressList found;
+    if (doneMX_ || !GetDomain(domain.data()) ||
+        DomainRelay::stdRelays.getGoodAddr(domain.data(), found, kAnyCount) >= 1) {
+        return {};
+    }
+    const auto start = Clock::now();
+    MXlookup finder;
+    eventId event = EV_NONE;
+    const int n = finder.getAddresses(domain.data(), found, kAnyCount, event);
+    return n < 1 ? Clock::now() - start : Clock::duration::zero();
 }
 
 int EmailAddr::lookUpMX(const char* domain) {

@@ -5,6 +5,7 @@
 #include "email/base/SMTPcode.h"
 #include "email/site/IPaddressList.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -45,8 +46,13 @@ public:
     [[nodiscard]] bool CheckForDirectSend() const noexcept;
 
     // True when the recipient may be delivered through the server at `addr`. Looks servers up at
-    // most once per record.
+    // most once per record. While a server waits (MXlookup::ServerWaits) nobody is asked: false
+    // then, and the record's one look-up is still to come.
     bool suitableHost(IPaddress addr);
+
+    // Looks up what suitableHost() will want to know, so that it need not ask while a server waits;
+    // the record stays as it is. Returns the time that went by when nothing was found, else 0.
+    std::chrono::steady_clock::duration lookAhead() const;
 
     // Appends the domain's mail exchangers to `out` and returns its count; 0 or less, with `out`
     // untouched, when the (one) lookup yields none.
