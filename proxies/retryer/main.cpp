@@ -3,15 +3,12 @@
 #include "email/site/DomainRelay.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/config.h"
+#include "fwall/processStart.h"
 #include "kvorn/segv.h"
 #include "libevrep/Reporter.h"
 #include "retryer/arguments.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -22,30 +19,6 @@ namespace {
 constexpr int kUsageStatus = 1;
 constexpr int kStoppedStatus = 1; // this host could not go on; a log line tells why
 constexpr int kNoRuleTableStatus = -1;
-
-// A scheduler may start the program with closed standard descriptors. A spool file must not take
-// the place of standard error, where the runtime writes its last words.
-void openStandardDescriptors() {
-    int fd = 0;
-    do {
-        fd = ::open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= 2);
-    if (fd > 2) {
-        ::close(fd);
-    }
-}
-
-// A peer that is gone, or a file that may not grow further, is an error at the call that meets it
-// and must not end the run.
-void ignoreWriteSignals() {
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
-}
-
-// What a careless parent left open would fill the table of descriptors: none of it is wanted here.
-void closeInheritedDescriptors() {
-    static_cast<void>(::close_range(3, ~0U, 0)); // an old kernel cannot; then they stay
-}
 
 void nameSubSystem(std::string_view name) {
     const std::size_t length =

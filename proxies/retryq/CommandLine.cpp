@@ -132,6 +132,26 @@ void addLooking(CLI::App& app, CommandLine& line) {
     summing->add_option("--top", line.grouping.top, "only the first so many rows");
 }
 
+void addRun(CLI::App& app, CommandLine& line) {
+    constexpr int kMost = 10000;
+    CLI::App* const running = app.add_subcommand("run", "try what is due, many messages at once");
+    running->callback([&line] {
+        line.action = [](const CommandLine& given, const Context& context) {
+            return run(context, given.run);
+        };
+        line.unusable = kNoTable;
+    });
+    running->add_flag("--now", line.run.now, "also what was tried a moment ago");
+    running->add_option("--workers", line.run.workers, "processes at most")
+        ->check(CLI::Range(1, kMost))
+        ->capture_default_str();
+    running
+        ->add_option("--per-destination", line.run.perDestination,
+                     "conversations at once with one domain, and with one server")
+        ->check(CLI::Range(1, kMost))
+        ->capture_default_str();
+}
+
 void addJudging(CLI::App& app, CommandLine& line) {
     using Line = const CommandLine&;
     using In = const Context&;
@@ -152,6 +172,7 @@ void addJudging(CLI::App& app, CommandLine& line) {
 }
 
 void addCommands(CLI::App& app, CommandLine& line) {
+    addRun(app, line);
     addLooking(app, line);
     addJudging(app, line);
     addHistory(app, line);

@@ -15,6 +15,7 @@ struct CommandLine {
     Action action = nullptr; // what to do; null: nothing, `status` says how to end
     bool anyTable = false;   // it can be done with a rule table that would stop retryer
     int status = 0;
+    int unusable = kStop; // how to end when retryer could not run with the rule table
     std::string service = "vorn";
     bool json = false;
     Filter filter;
@@ -24,6 +25,7 @@ struct CommandLine {
     bool body = false;
     bool yes = false;
     History history;
+    RunOptions run;
 };
 
 // Reads the arguments; help and errors are printed here.

@@ -15,8 +15,9 @@ namespace Retryq {
 
 enum Status : int {
     kDone = 0,
-    kTrouble = 1, // something could not be done, or check found warnings
-    kStop = 2,    // retryer could not run with this rule table
+    kTrouble = 1,   // something could not be done, or check found warnings
+    kStop = 2,      // retryer could not run with this rule table
+    kNoTable = 255, // the same, where the status is to be retryer's
 };
 
 // What every command works with.
@@ -71,6 +72,14 @@ enum class Change {
 // Changes each message under its lock and logs it. Asks first on a terminal, unless `yes`; without
 // a terminal to ask at, `yes` is needed.
 int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes);
+
+struct RunOptions {
+    bool now = false; // the minimum deferral does not hold messages back
+    int workers = 200;
+    int perDestination = 20; // conversations at once with one domain, and with one server
+};
+// Tries what is due, with many conversations at once. The status is the worst of its workers'.
+int run(const Context& context, const RunOptions& options);
 
 // The queue's figures in the text format of Prometheus, to standard output, or durably to a file.
 int metrics(const Context& context, const std::string& file);

@@ -3,6 +3,7 @@
 
 #include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
+#include "fwall/processStart.h"
 
 #include <ctime>
 #include <iostream>
@@ -13,7 +14,7 @@ using namespace Retryq;
 
 // Settings that would end retryer are told, not met: the mail library ends a program that has them
 // without a word.
-int tellWhyNot(const RuleTable& table) {
+void tellWhyNot(const RuleTable& table) {
     for (const Finding& fault : table.faults()) {
         if (fault.weight == Finding::Weight::Stop) {
             std::cerr << "retryq: "
@@ -24,12 +25,13 @@ int tellWhyNot(const RuleTable& table) {
         }
     }
     std::cerr << "retryq: retryq check tells more\n";
-    return kStop;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    openStandardDescriptors();
+    closeInheritedDescriptors();
     std::ios::sync_with_stdio(false);
     const CommandLine line = readCommandLine(argc, argv);
     if (line.action == nullptr) {
@@ -39,7 +41,8 @@ int main(int argc, char** argv) {
     if (!table.stops()) {
         table.load();
     } else if (!line.anyTable) {
-        return tellWhyNot(table);
+        tellWhyNot(table);
+        return line.unusable;
     }
     std::string directory = mailscanGlobals::deferred_mail_path();
     directory += directory.ends_with('/') ? "" : "/";

@@ -17,7 +17,7 @@ import world
 
 SWEEPS = {"kill": sweeps.kill_cases, "error": sweeps.error_cases, "power": sweeps.power_cases,
           "smtp": hostile.smtp_cases, "dns": hostile.dns_cases, "spool": hostile.spool_cases,
-          "walkers": walkers.walker_cases}
+          "walkers": walkers.walker_cases, "run": walkers.run_cases}
 # A kill between these two loses mail when their order is wrong: always played.
 ALWAYS = {"kill": ("rename", "unlink")}
 

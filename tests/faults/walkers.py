@@ -1,4 +1,5 @@
-"""Many walkers on one spool: each due message is attempted by one of them."""
+"""Many walkers, and dispatchers with their workers, on one spool: each due message is attempted by one
+of them."""
 import collections
 import functools
 import os
@@ -22,15 +23,58 @@ def walker_cases(scratch, chosen, seed):
                 yield f"round {number} {' '.join(args)} {kills} killed", play
 
 
-def together(scratch, there, args, kills, count, seed):
-    """Every message has a recipient at each server, every fifth one a busy one besides."""
-    spool = world.World(scratch)
-    spool.table(*ROUTES)
+RUN = "run", "--workers", "8"
+PLAIN, DISPATCHER = {}, {"binary": world.RETRYQ}
+
+
+def run_cases(scratch, chosen, seed):
+    """A dispatcher alone, among walkers, and two of them; killed: any worker, or a whole dispatcher."""
+    everything = chosen(0) and chosen(1)
+    there = [Server(address, {"rcpt": {"busy": "450 busy", "": (0.02, "250 ok")}}) for address in ("127.0.0.2", "127.0.0.3")]
+    crews = {"alone": [(RUN, DISPATCHER)], "beside walkers": [(RUN, DISPATCHER)] + [((), PLAIN)] * 4, "two": [(RUN, DISPATCHER)] * 2}
+    for number in range(3) if everything else [seed]:
+        for name, crew in crews.items():
+            for victims in ("nobody", "workers", "dispatchers"):
+                play = functools.partial(dispatched, scratch, there, crew, victims, MESSAGES if everything else SOME, number)
+                yield f"round {number} {name}, killed: {victims}", play
+
+
+def children(pid):
+    with open(f"/proc/{pid}/task/{pid}/children") as file:
+        return [int(child) for child in file.read().split()]
+
+
+def dispatched(scratch, there, crew, victims, count, seed):
+    spool = fill(scratch, there, count)
+    faults, killed, chance = [], 0, random.Random(seed)
+    running = [spool.start(*args, **how) for args, how in crew]
+    ended = []
+    for _ in range(0 if victims == "nobody" else 6):
+        time.sleep(0.05 + 0.1 * chance.random())
+        workers = children(running[0].pid)
+        for victim in [running[0].pid] if victims == "dispatchers" else chance.sample(workers, min(2, len(workers))):
+            os.kill(victim, 9)
+            killed += 1
+        if victims == "dispatchers":
+            ended.append(running.pop(0))
+            running.insert(0, spool.start(*RUN, **DISPATCHER))
+    runs = [spool.finish(one, 300) for one in running]
+    [spool.finish(one, 300) for one in ended]
+    bad = [run for run in runs if run.status not in ((0, 9) if victims == "workers" else (0,))]
+    faults += [f"ended with {run.status}: {run.out}" for run in bad]
+    told = sum(" worker-died " in line.text for run in runs for line in run.log)
+    if victims == "workers" and told != killed:
+        faults.append(f"{killed} killed, {told} told")
+    if killed:
+        time.sleep(0.3)  # for the workers whose dispatcher is gone
+        faults += ["the last run failed"] * (spool.run(*RUN, timeout=300, **DISPATCHER).status != 0)
     for server in there:
-        server.sessions.clear()
-        server.served = 0
-    for n in range(count):
-        spool.queue(f"m{n}", [f"<{n}@a.test>", f"<{n}@b.test>"] + [f"<busy{n}@b.test>"] * (n % 5 == 0))
+        server.settle()
+    return faults + check(spool, there, (), killed, count)
+
+
+def together(scratch, there, args, kills, count, seed):
+    spool = fill(scratch, there, count)
     faults, killed, chance = [], 0, random.Random(seed)
     running = [spool.start(*args) for _ in range(8)]
     for _ in range(kills):
@@ -45,6 +89,18 @@ def together(scratch, there, args, kills, count, seed):
     for server in there:
         server.settle()
     return faults + check(spool, there, args, killed, count)
+
+
+def fill(scratch, there, count):
+    """Every message has a recipient at each server, every fifth one a busy one besides."""
+    spool = world.World(scratch)
+    spool.table(*ROUTES)
+    for server in there:
+        server.sessions.clear()
+        server.served = 0
+    for n in range(count):
+        spool.queue(f"m{n}", [f"<{n}@a.test>", f"<{n}@b.test>"] + [f"<busy{n}@b.test>"] * (n % 5 == 0))
+    return spool
 
 
 def check(spool, there, args, killed, count):

@@ -96,6 +96,9 @@ protected:
     // Ends the run because of this message, with a line.
     void stop(const char* message, int error);
 
+    // The recipient that the event at hand is about; null for one about the message.
+    [[nodiscard]] const EmailAddr* currentRecipient() const noexcept { return current_; }
+
     int trace = 0;
     bool returnMessage = false; // this engine sends a return mail
     Recipients recipients_;

@@ -15,6 +15,7 @@ public:
     BlackList() noexcept;
 
     void SetTimeout(std::int32_t seconds) noexcept;
+    [[nodiscard]] std::int32_t timeout() const noexcept { return timeout_; }
 
     // Records the address until now + timeout. False (and nothing recorded) when full. An address
     // already held is held twice.

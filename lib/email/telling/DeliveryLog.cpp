@@ -61,6 +61,15 @@ constexpr std::array kTable{
     LogRow{LogLine::NoGreeting, EV_NO_GREETING, LOG_INFO, LogGate::Always,
            "no-greeting msg=%m to=%t relay=%a code=%c text=%r"},
 
+    LogRow{LogLine::FewerWorkers, EV_NONE, LOG_NOTICE, LogGate::Always,
+           "fewer-workers wanted=%s used=%s because=%s"},
+    LogRow{LogLine::WorkerDied, EV_NONE, LOG_ERR, LogGate::Always,
+           "worker-died msg=%m pid=%s %s=%s"},
+    LogRow{LogLine::DestinationLeft, EV_NONE, LOG_INFO, LogGate::Always,
+           "destination-left destination=%s messages=%s"},
+    LogRow{LogLine::RunEnded, EV_NONE, LOG_INFO, LogGate::Always,
+           "run-ended due=%s tried=%s left=%s died=%s waiting=%s"},
+
     LogRow{LogLine::LookupStarted, EV_MX_START, LOG_DEBUG, LogGate::Debug,
            "lookup-started msg=%m to=%t"},
     LogRow{LogLine::LookupNoAddress, EV_MX_NO_ADDRESS, LOG_DEBUG, LogGate::Debug,

@@ -43,6 +43,11 @@ enum class LogLine {
     BadDomain,
     ConnectFailed,
     NoGreeting,
+    // A run with many workers
+    FewerWorkers,
+    WorkerDied,
+    DestinationLeft,
+    RunEnded,
     // Progress, for debugging
     LookupStarted,
     LookupNoAddress,

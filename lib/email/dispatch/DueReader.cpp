@@ -1,0 +1,73 @@
+#include "email/dispatch/DueReader.h"
+
+#include "email/dispatch/DestinationName.h"
+#include "email/engine/RetrySchedule.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/spool/Recipients.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <utility>
+
+namespace Dispatch {
+
+namespace {
+
+constexpr std::string_view kListSuffix = ".rmd";
+
+} // namespace
+
+DueReader::DueReader(std::string directory)
+    : path_(std::move(directory)), directory_(::opendir(path_.c_str())) {
+    if (!path_.ends_with('/')) {
+        path_ += '/';
+    }
+}
+
+DueReader::Found DueReader::next(DueMessage& message) {
+    const dirent* const entry = directory_ ? ::readdir(directory_.get()) : nullptr;
+    if (entry == nullptr) {
+        directory_.reset();
+        return Found::End;
+    }
+    std::string_view leaf = entry->d_name;
+    if (!leaf.ends_with(kListSuffix)) {
+        return Found::Nothing;
+    }
+    leaf.remove_suffix(kListSuffix.size());
+    // What a walker would not be shown as an entry of its own is no message.
+    if (leaf.find_first_not_of('.') == std::string_view::npos || !hasText(leaf)) {
+        return Found::Nothing;
+    }
+    message = {};
+    message.leaf = leaf;
+    return judge(message);
+}
+
+bool DueReader::hasText(std::string_view leaf) const {
+    struct stat text {};
+    return ::fstatat(::dirfd(directory_.get()), std::string(leaf).c_str(), &text,
+                     AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+DueReader::Found DueReader::judge(DueMessage& message) const {
+    Recipients list;
+    if (!list.Read(FileName((path_ + message.leaf).append(kListSuffix).c_str()), true)) {
+        return Found::Due; // the engine gives it up, or passes it over
+    }
+    const DateTime now(-1);
+    message.firstTry = list.firstSendTime().Time;
+    if (Email::overdue(list.firstSendTime(), now, mailscanGlobals::retry_max_interval)) {
+        message.destination = returnDestination(list.GetSender());
+        return Found::Due;
+    }
+    if (Email::tooSoon(list.lastSendTime(), now, mailscanGlobals::retry_min_interval)) {
+        return Found::Waiting;
+    }
+    message.destination = list.IsEmpty() ? std::string() : destinationOf(*list.first());
+    message.otherWork = severalDestinations(list);
+    return Found::Due;
+}
+
+} // namespace Dispatch

@@ -1,0 +1,12 @@
+// The work of one worker process: it tries the messages that its dispatcher names, one at a time,
+// exactly as a walker tries what it finds, and says what each comes to.
+#pragma once
+
+#include "email/dispatch/WorkerChannel.h"
+
+namespace Dispatch {
+
+// Until the dispatcher closes the channel or is gone; a message in hand is finished first.
+void work(const WorkerChannel& channel);
+
+} // namespace Dispatch

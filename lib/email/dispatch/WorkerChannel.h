@@ -1,0 +1,75 @@
+// What a dispatcher and one of its workers say to each other, and the socket between them. Each
+// message is one record of a sequenced-packet socket: a header of fixed size, then what it counts.
+// A record whose sizes do not add up is refused as a whole.
+#pragma once
+
+#include "email/base/IPaddress.h"
+#include "fwall/UniqueFd.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Dispatch {
+
+// Down: try this message.
+struct Order {
+    static constexpr std::size_t kMaxLeaf = 255;
+    static constexpr std::size_t kMaxDead = 100;
+
+    std::string leaf;            // a bare file name
+    std::vector<IPaddress> dead; // servers to leave alone from now on
+};
+
+// Up: what the message in hand has come to.
+enum class Step : std::uint8_t {
+    Chose = 1,     // a server is sought for a recipient: its destination
+    Connected,     // a server greeted
+    ConnectFailed, // value: error number
+    NoGreeting,
+    Lost, // a recipient was left by a broken connection: its destination
+    Done, // the worker is free
+};
+inline constexpr auto kLastStep = Step::Done;
+
+struct Report {
+    Step step = Step::Done;
+    IPaddress server = IPaddress::null;
+    std::int32_t value = 0;
+    std::string destination; // cut to kMaxDestination
+};
+
+inline constexpr std::size_t kRecordLimit = 1024; // bytes of any record
+
+[[nodiscard]] std::string encode(const Order& order);
+[[nodiscard]] std::string encode(const Report& report);
+[[nodiscard]] std::optional<Order> decodeOrder(std::string_view record);
+[[nodiscard]] std::optional<Report> decodeReport(std::string_view record);
+
+// One end of the socket.
+class WorkerChannel {
+public:
+    WorkerChannel() noexcept = default;
+    explicit WorkerChannel(UniqueFd fd) noexcept : fd_(std::move(fd)) {}
+
+    // Both ends, close-on-exec; invalid ones, with errno, when there are none to be had.
+    static std::pair<WorkerChannel, WorkerChannel> pair() noexcept;
+
+    [[nodiscard]] int fd() const noexcept { return fd_.get(); }
+    [[nodiscard]] bool open() const noexcept { return fd_.valid(); }
+    void close() noexcept { fd_.reset(); }
+
+    enum class Wait { No, Yes };
+    // False when the other end is closed, or, without waiting, has no room. Raises no signal.
+    bool send(std::string_view record, Wait wait) const noexcept;
+    // The next record; empty when there is none yet. Nothing when the other end is closed.
+    [[nodiscard]] std::optional<std::string> receive(Wait wait) const;
+
+private:
+    UniqueFd fd_;
+};
+
+} // namespace Dispatch

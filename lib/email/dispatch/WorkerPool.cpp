@@ -1,0 +1,107 @@
+#include "email/dispatch/WorkerPool.h"
+
+#include "email/dispatch/Worker.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace Dispatch {
+
+namespace {
+
+bool ready(const WorkerState& worker) noexcept {
+    return worker.idle() && !worker.retiring;
+}
+
+} // namespace
+
+WorkerPool::~WorkerPool() {
+    for (WorkerState& worker : workers_) {
+        worker.channel.close();
+    }
+    for (const WorkerState& worker : workers_) {
+        while (::waitpid(worker.pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+bool WorkerPool::available() const noexcept {
+    return static_cast<int>(workers_.size()) < most_ || std::ranges::any_of(workers_, ready);
+}
+
+WorkerState* WorkerPool::find() {
+    const auto idle = std::ranges::find_if(workers_, ready);
+    if (idle != workers_.end()) {
+        return &*idle;
+    }
+    return static_cast<int>(workers_.size()) < most_ ? start() : nullptr;
+}
+
+WorkerState* WorkerPool::start() {
+    auto [ours, theirs] = WorkerChannel::pair();
+    const pid_t pid = ours.open() ? ::fork() : -1;
+    if (pid == 0) {
+        ours.close();
+        become(theirs);
+    }
+    if (pid < 0) {
+        most_ = static_cast<int>(workers_.size());
+        return nullptr;
+    }
+    // In front: the one used last is used next, and the others may end.
+    WorkerState& worker = workers_.emplace_front();
+    worker.pid = pid;
+    worker.channel = std::move(ours);
+    return &worker;
+}
+
+// A worker that kept another's socket open would hide from it that the dispatcher is gone. An
+// interrupt from the terminal is for the dispatcher, which ends the run in order. Nothing of what
+// the dispatcher has buffered may be written a second time: no exit handlers.
+void WorkerPool::become(WorkerChannel& own) {
+    for (WorkerState& worker : workers_) {
+        worker.channel.close();
+    }
+    ::signal(SIGINT, SIG_IGN);
+    ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    work(own);
+    ::_exit(0);
+}
+
+void WorkerPool::releaseIdle(std::int64_t time) {
+    for (WorkerState& worker : workers_) {
+        if (worker.idle() && worker.since <= time) {
+            worker.channel.close();
+        }
+    }
+}
+
+void WorkerPool::release(WorkerState& worker) noexcept {
+    worker.retiring = true;
+    if (worker.idle()) {
+        worker.channel.close();
+    }
+}
+
+void WorkerPool::reap(const Ended& ended) {
+    int status = 0;
+    for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;) {
+        const auto worker = std::ranges::find(workers_, pid, &WorkerState::pid);
+        if (worker != workers_.end()) {
+            ended(*worker, status);
+            workers_.erase(worker);
+        }
+    }
+}
+
+void WorkerPool::signalAll(int signal) const noexcept {
+    for (const WorkerState& worker : workers_) {
+        ::kill(worker.pid, signal);
+    }
+}
+
+} // namespace Dispatch
