@@ -1,5 +1,7 @@
 """Other queue runners, unpacked apart: how each is set up, given its mail, and made to send it."""
+import copy
 import glob
+import itertools
 import os
 import re
 import shutil
@@ -16,7 +18,8 @@ RECIPIENT = "r@d0.bench.test"
 
 def install(cache):
     """Fetches the packages and what they lack on this host, each unpacked into a tree of its own."""
-    (cache / "debs").mkdir(parents=True, exist_ok=True)
+    for name in ("debs", "pkg"):
+        (cache / name).mkdir(parents=True, exist_ok=True)
     for package in PACKAGES:
         plan = subprocess.run(["apt-get", "-s", "--no-install-recommends", "install", package],
                               stdout=subprocess.PIPE, text=True, check=True)
@@ -41,13 +44,14 @@ def feed(argv, data):
         raise RuntimeError(f"{argv}: {done.stdout[-400:]}")
 
 
-def dialogue(count, body):
-    """The SMTP commands that hand in `count` messages."""
-    one = f"MAIL FROM:{spool.SENDER}\r\nRCPT TO:<{RECIPIENT}>\r\nDATA\r\n".encode() + spool.wire(body)
-    return b"HELO gate.bench.test\r\n" + one * count + b"QUIT\r\n"
+def dialogue(recipients, body):
+    """The SMTP commands that hand in a message to each."""
+    text = spool.wire(body)
+    mails = b"".join(f"MAIL FROM:{spool.SENDER}\r\nRCPT TO:<{recipient}>\r\nDATA\r\n".encode() + text for recipient in recipients)
+    return b"HELO gate.bench.test\r\n" + mails + b"QUIT\r\n"
 
 
-def hand_in(argv, count, body):
+def hand_in(argv, recipients, body):
     """The same, one command at a time."""
     with subprocess.Popen(argv, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:
         def say(text, expected):
@@ -61,9 +65,9 @@ def hand_in(argv, count, body):
         text = spool.wire(body)
         say(b"", b"220")
         say(b"HELO gate.bench.test\r\n", b"250")
-        for _ in range(count):
+        for recipient in recipients:
             say(f"MAIL FROM:{spool.SENDER}\r\n".encode(), b"250")
-            say(f"RCPT TO:<{RECIPIENT}>\r\n".encode(), b"250")
+            say(f"RCPT TO:<{recipient}>\r\n".encode(), b"250")
             say(b"DATA\r\n", b"354")
             say(text, b"250")
         say(b"QUIT\r\n", b"221")
@@ -83,6 +87,16 @@ class Peer:
     account = None      # where its processes are
     idle_argv = None
     idle = False
+    recipients = None   # one of each message, in turn; None: all to the one server
+
+    def towards_domains(self, recipients):
+        """The same for mail to many domains, with servers looked up."""
+        other = copy.copy(self)
+        other.recipients, other.rounds = recipients, 2
+        return other
+
+    def to(self, count):
+        return list(itertools.islice(itertools.cycle(self.recipients or [RECIPIENT]), count))
 
     def seed_idle(self, count, body):
         """Messages that were tried in vain a moment ago; a pass over them leaves them as they are."""
@@ -104,9 +118,7 @@ smtp_accept_max_per_connection = 0
 queue_only
 keep_environment =
 begin routers
-relay:
-  driver = manualroute
-  route_list = * %s
+%s
   transport = smtp
 begin transports
 smtp:
@@ -120,12 +132,12 @@ begin retry
         owned("/var/spool/exim4", "Debian-exim")
         owned("/var/log/exim4", "Debian-exim")
         self.configure(space.SERVER)
-        feed(["/usr/sbin/exim4", "-odq", "-bS"], dialogue(count, body))
+        feed(["/usr/sbin/exim4", "-odq", "-bS"], dialogue(self.to(count), body))
 
-    @staticmethod
-    def configure(server):
+    def configure(self, server):
         Path("/etc/exim4").mkdir(exist_ok=True)
-        Path("/etc/exim4/exim4.conf").write_text(Exim.CONFIG % server)
+        router = "out:\n  driver = dnslookup" if self.recipients else f"relay:\n  driver = manualroute\n  route_list = * {server}"
+        Path("/etc/exim4/exim4.conf").write_text(self.CONFIG % router)
 
 
 class Sendmail(Peer):
@@ -147,7 +159,10 @@ MAILER(`smtp')
 """
 
     def configure(self, server):
-        config = subprocess.run(["m4", "-"], input=self.MACROS % server, text=True, check=True,
+        macros = self.MACROS % server
+        if self.recipients:
+            macros = re.sub("define\\(`SMART_HOST.*\n", "", macros)
+        config = subprocess.run(["m4", "-"], input=macros, text=True, check=True,
                                 stdout=subprocess.PIPE, cwd="/usr/share/sendmail/cf/cf").stdout
         Path("/etc/mail/sendmail.cf").write_text(config)
 
@@ -158,7 +173,7 @@ MAILER(`smtp')
         os.makedirs("/run/sendmail/mta", exist_ok=True)
         spool.empty("/var/spool/mqueue")
         os.chmod("/var/spool/mqueue", 0o700)
-        hand_in([self.PROGRAM, "-bs", "-odq"], count, body)
+        hand_in([self.PROGRAM, "-bs", "-odq"], self.to(count), body)
 
 
 class Dma(Peer):
@@ -167,12 +182,12 @@ class Dma(Peer):
 
     def seed(self, count, body):
         Path("/etc/dma").mkdir(exist_ok=True)
-        settings = f"SMARTHOST {space.SERVER}\nMAILNAME gate.bench.test\n"
+        settings = ("" if self.recipients else f"SMARTHOST {space.SERVER}\n") + "MAILNAME gate.bench.test\n"
         Path("/etc/dma/dma.conf").write_text(settings + "DEFER\n")
         spool.empty("/var/spool/dma")
         owned("/var/spool/dma", "root", "mail", 0o2775)
-        for _ in range(count):
-            feed(["/usr/sbin/dma", "-f", spool.SENDER.strip("<>"), RECIPIENT], body)
+        for recipient in self.to(count):
+            feed(["/usr/sbin/dma", "-f", spool.SENDER.strip("<>"), recipient], body)
         Path("/etc/dma/dma.conf").write_text(settings)
 
 
@@ -226,11 +241,11 @@ class Daemon(Peer):
             sizes.append(int(re.search(r"VmHWM:\s+(\d+)", status)[1]))
         return max(sizes)
 
-    def run(self, sink, messages):
+    def run(self, sink, messages, counted="messages"):
         before = self.account.seconds()
         begin = time.monotonic()
         self.go()
-        while sink.peek()["messages"] < messages and time.monotonic() < begin + 300:
+        while sink.peek()[counted] < messages and time.monotonic() < begin + 300:
             time.sleep(0.002)
         wall = time.monotonic() - begin
         time.sleep(0.1)  # for what follows the last reply
@@ -261,7 +276,7 @@ class Postfix(Daemon):
             re.sub(r"^(\S+\s+\S+\s+\S+\s+\S+\s+)\S", r"\1n", l) + "\n" for l in services))
         self.configure("defer_transports = smtp\n")
         self.start("/usr/sbin/postfix", "start")
-        hand_in([str(self.tree / "usr/sbin/sendmail"), "-bs"], count, body)
+        hand_in([str(self.tree / "usr/sbin/sendmail"), "-bs"], self.to(count), body)
         self.wait_for(lambda: self.queued("deferred") >= count and not self.queued("active"))
         self.configure("")
         subprocess.run(["/usr/sbin/postfix", "reload"], check=True, stderr=subprocess.DEVNULL)
@@ -277,7 +292,8 @@ class Postfix(Daemon):
             "daemon_directory = /usr/lib/postfix/sbin\ndata_directory = /var/lib/postfix\n"
             "myhostname = gate.bench.test\nmydestination =\ninet_interfaces = loopback-only\n"
             "inet_protocols = ipv4\nmessage_size_limit = 0\nmailbox_size_limit = 0\n"
-            f"relayhost = [{space.SERVER}]\nsyslog_facility = mail\n" + self.EXTRA + more)
+            f"relayhost = {'' if self.recipients else '[' + space.SERVER + ']'}\nsyslog_facility = mail\n"
+            + self.EXTRA + more)
 
     def go(self):
         subprocess.run(["/usr/sbin/postqueue", "-f"], check=True)
@@ -302,7 +318,7 @@ class OpenSmtpd(Daemon):
     def seed(self, count, body):
         Path("/etc/smtpd.conf").write_text(
             self.EXTRA + "smtp max-message-size 200M\nlisten on socket\nlisten on 127.0.0.1 port 2500\n"
-            f'action "out" relay host smtp://{space.SERVER}\nmatch from any for any action "out"\n')
+            f'action "out" relay{"" if self.recipients else f" host smtp://{space.SERVER}"}\nmatch from any for any action "out"\n')
         subprocess.run(["rm", "-rf", "/var/spool/smtpd"], check=True)
         os.makedirs("/var/lib/opensmtpd/empty", exist_ok=True)
         owned("/var/spool/smtpd", "root", mode=0o711)
@@ -312,7 +328,7 @@ class OpenSmtpd(Daemon):
                                         stderr=subprocess.DEVNULL, preexec_fn=self.account.enter)
         time.sleep(1)
         self.control("pause")
-        submit(count, body)
+        submit(self.to(count), body)
 
     @staticmethod
     def control(order):
@@ -339,12 +355,12 @@ class LongOpenSmtpd(OpenSmtpd):
     EXTRA = SlowOpenSmtpd.EXTRA + "mta limit session-mail-max 100000\n"
 
 
-def submit(count, body):
+def submit(recipients, body):
     """Over SMTP, in sessions short enough for the server's limit."""
-    for begin in range(0, count, 50):
+    for begin in range(0, len(recipients), 50):
         with smtplib.SMTP("127.0.0.1", 2500, "gate.bench.test") as client:
-            for _ in range(begin, min(begin + 50, count)):
-                client.sendmail(spool.SENDER, [RECIPIENT], body)
+            for recipient in recipients[begin:begin + 50]:
+                client.sendmail(spool.SENDER, [recipient], body)
 
 
 ALL = (Exim(), Sendmail(), Dma(), Nullmailer(), Msmtp(), SlowPostfix(), Postfix(),

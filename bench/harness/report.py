@@ -4,7 +4,7 @@ import statistics
 
 SYNCS = ("fsync", "fdatasync", "sync", "syncfs", "sync_file_range", "msync")
 COLUMNS = ("", "wall ms", "x", "cpu ms", "x", "peak KB", "units/s", "calls/unit", "syncs/unit", "sink cpu ms",
-           "at once", "runs")
+           "at once", "at one", "PSS KB", "runs")
 SINGLE = ("sendmail", "nullmailer", "msmtp", "postfix, one at a time", "opensmtpd, one at a time",
           "opensmtpd, one long session")
 MANY = ("postfix", "dma", "opensmtpd")      # these open many connections at once
@@ -32,7 +32,8 @@ def rows(result):
                f"{sum(counted.values()) / count:.1f}" if counted else "",
                f"{sum(counted.get(s, 0) for s in SYNCS) / count:.2f}" if counted else "",
                f"{statistics.median(r['sink']['cpu'] for r in mine) * 1e3:.1f}",
-               str(max(r["sink"]["at_once"] for r in mine)), str(len(mine)))
+               str(max(r["sink"]["at_once"] for r in mine)), str(max(r["sink"]["at_server"] for r in mine)),
+               str(mine[0].get("pss", "")), str(len(mine)))
     for name, reason in workload.left_out.items():
         yield (f"{name}: left out, {reason}",) + ("",) * (len(COLUMNS) - 1)
 
@@ -62,7 +63,8 @@ class Targets:
     def __init__(self, results):
         self.of = {w.key: (w, runs) for w, runs, _ in results}
         self.lines = []
-        for part in (self.one_server, self.large, self.many_recipients, self.idle, self.troubled, self.memory):
+        for part in (self.one_server, self.large, self.many_recipients, self.idle, self.troubled,
+                     self.distant, self.sick_day, self.memory):
             part()
 
     def add(self, what, figure, limit, digits=2):
@@ -148,6 +150,27 @@ class Targets:
             one, *_, most = [s.name for s in self.of["W8"][0].subjects]
             self.quotient("W8 throughput of 32 walkers to that of one", ("W8", one), ("W8", most), "wall", ">= 25", 1)
         self.quotient("W9 wall time to the floor's", ("W9", "retryer"), ("W9", "floor"), "wall", "<= 1.5")
+
+    def distant(self):
+        for key in ("W10a", "W10b", "W10c"):
+            if not self.has(key, "retryq run"):
+                continue
+            mine, run = self.of[key][1], self.of[key][1]["retryq run"]
+            self.add(f"{key} connections to one server, at most", max(r["sink"]["at_server"] for r in run), "<= 20", 0)
+            for other in ("postfix", "opensmtpd", "exim", "sendmail"):  # dma opens as many as there are messages
+                self.quotient(f"{key} wall time to that of {other}", (key, "retryq run"), (key, other), "wall", "<= 1.1")
+            for other in MANY:
+                self.quotient(f"{key} processor time to that of {other}", (key, "retryq run"), (key, other), "cpu", "< 1")
+            if self.has(key, "postfix") and mine["postfix"][0].get("pss"):
+                self.add(f"{key} memory of all processes to postfix's", run[0]["pss"] / mine["postfix"][0]["pss"], "<= 0.25")
+
+    def sick_day(self):
+        self.quotient("W11 wall time to that of the healthy mail alone", ("W11", "retryq run"),
+                      ("W11", "retryq run, healthy mail alone"), "wall", "<= 1.2")
+        self.quotient("W11 wall time to that of postfix", ("W11", "retryq run"), ("W11", "postfix"), "wall", "<= 1.1")
+        if self.has("W11", "retryq run"):
+            self.add("W11 connections to 20 dead servers that were begun",
+                     max(r["in_vain"] for r in self.of["W11"][1]["retryq run"]), "<= 20", 0)
 
     def memory(self):
         peaks = [r["rss"] for key, (_, runs) in self.of.items() if key[:2] not in ("W3", "W4")

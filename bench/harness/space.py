@@ -16,6 +16,7 @@ NETWORK = "10.77.0.0/16"
 SERVER = "10.77.0.1"    # the first of the sink's addresses
 DEAD = "10.77.9.9"      # nothing listens here: connections are refused at once
 DOMAINS = 100
+HOSTS = 200             # with a healthy server each; W11 uses them all
 HOST = "gate.bench.test"
 USERS = """Debian-exim:x:801:801::/var/spool/exim4:/bin/false
 postfix:x:802:802::/var/spool/postfix:/bin/false
@@ -144,7 +145,7 @@ class Sink:
     """The servers, the name server and the log collector: one process beside what is measured."""
 
     def __init__(self, program):
-        self.process = subprocess.Popen([program, SERVER, str(DOMAINS), CONTROL, "/dev/log"])
+        self.process = subprocess.Popen([program, SERVER, str(HOSTS), CONTROL, "/dev/log"])
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind("/run/bench-asker")
         self.socket.settimeout(30)
@@ -189,6 +190,17 @@ class Account:
     def processes(self):
         return (self.path / "cgroup.procs").read_text().split()
 
+    def memory(self):
+        """KB that its processes take, each shared page divided among those that share it."""
+        sizes = [0]
+        for process in self.processes():
+            try:
+                rollup = Path(f"/proc/{process}/smaps_rollup").read_text()
+            except OSError:  # it is gone
+                continue
+            sizes += [int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Pss:")]
+        return sum(sizes)
+
     def clear(self):
         """Ends what is left of a peer that could not be stopped in order."""
         while left := self.processes():
@@ -201,6 +213,7 @@ class Account:
         self.path.rmdir()
 
 
-def refused_connections():
+def connections(kind):
+    """How many the kernel has counted: "AttemptFails", refused ones; "ActiveOpens", all that were begun."""
     fields, values = [l.split() for l in open("/proc/net/snmp") if l.startswith("Tcp:")]
-    return int(values[fields.index("AttemptFails")])
+    return int(values[fields.index(kind)])

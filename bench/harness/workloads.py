@@ -1,10 +1,11 @@
-"""The workloads W1 to W9 and W12, and the order in which they are run."""
+"""The workloads and the order in which they are run."""
 import dataclasses
 import json
 import os
 import re
 import subprocess
 import sys
+import threading
 import time
 from pathlib import Path
 from typing import Callable
@@ -37,6 +38,7 @@ class Subject:
     against: str = ""       # the subject whose figures are this one's 1.0
     units: int = 0          # where its share is not the workload's
     rounds: int = 1000      # at most
+    until: bool = False     # measured until the work is done, and ended then
 
 
 @dataclasses.dataclass
@@ -48,6 +50,8 @@ class Workload:
     messages: int = 0       # that the sink must have taken afterwards; -1 for one a unit
     delay_us: int = 0
     repeat: int = 1         # runs in each round; their least counts
+    counted: str = "messages"   # what of the sink's counts tells that the work is done
+    memory: bool = False    # measure what all processes take, in a run of its own
     left_out: dict = dataclasses.field(default_factory=dict)    # subjects that failed, and how
 
     def units_of(self, subject):
@@ -77,6 +81,8 @@ class Maker:
         yield from self.idle()
         yield from self.troubled()
         yield from self.million()
+        yield from self.distant()
+        yield from self.sick_day()
 
     def floor(self, name, *args):
         return [str(self.options.build / f"bench/floors/floor_{name}"), *map(str, args)]
@@ -186,6 +192,50 @@ class Maker:
         yield Workload("W9", f"{n} due messages, all refused for good", n,
                        self.pair("w9", small, people(n, "bad")), n)
 
+    def run(self, service, recipients, name="retryq run", rounds=1000):
+        retryq = self.options.retryer.parent.parent / "retryq/retryq"
+        return Subject(name, [str(retryq), "--as", service, "run"], seeder(self.small, [[r] for r in recipients]),
+                       units=len(recipients), rounds=rounds)
+
+    def distant(self):
+        """Many servers that take their time, everybody with the defaults. Who serves them one after the
+        other gets fewer messages."""
+        n = self.scaled(2000)
+        some = [f"r{i}@d{i % 20}.bench.test" for i in range(n)]
+        for key, delay in (("W10a", 5), ("W10b", 25), ("W10c", 100)):
+            subjects = [self.run("w4", some)]
+            if key == "W10b":
+                subjects.append(self.retryer("w4", self.small, [[r] for r in some], "retryer, 32 walkers", 32, ""))
+                subjects[-1].rounds = 1
+            for peer in peers.chosen(self.options):
+                if peer.name in ("postfix", "dma", "opensmtpd", "exim", "sendmail"):
+                    count = self.scaled(100) if peer.name in ("exim", "sendmail") else n
+                    subjects.append(self.domains_peer(peer, some[:count]))
+            yield Workload(key, f"{n} due messages, 20 servers, each reply after {delay} ms", n, subjects, -1,
+                           delay * 1000, memory=True)
+
+    def domains_peer(self, peer, recipients):
+        peer = peer.towards_domains(recipients)
+        return Subject(peer.name, peer.argv, lambda: peer.seed(len(recipients), self.small), 1, peer,
+                       units=len(recipients), rounds=peer.rounds)
+
+    def sick_day(self):
+        """200 domains, of which some have trouble; the time is that until all mail for the others is
+        delivered."""
+        each = max(1, self.scaled(4000) // 200)
+        kinds = ["dead"] * 20 + ["late"] * 10 + ["cut"] * 10 + ["mute"] * 4
+        domains = [f"{kind}{i}" for i, kind in enumerate(kinds) if kind == "dead"]
+        domains += [f"{kind}{kinds[:i].count(kind)}" for i, kind in enumerate(kinds) if kind != "dead"]
+        domains += [f"d{i}" for i in range(200 - len(domains))]
+        mails = [f"r{i}@{domain}.bench.test" for i in range(each) for domain in domains]
+        well = [mail for mail in mails if "@d" in mail and "@dead" not in mail]
+        subjects = [self.run("w4", mails), self.run("w4", well, "retryq run, healthy mail alone")]
+        subjects += [self.domains_peer(p, mails) for p in peers.chosen(self.options) if p.name == "postfix"]
+        for subject in subjects:
+            subject.units, subject.until = len(well), True
+        yield Workload("W11", f"{len(mails)} due messages, 200 domains, 44 of them sick", len(well), subjects, len(well),
+                       25000, counted="healthy")
+
     def slow_servers(self):
         """As many messages for each number of walkers as take some seconds."""
         for walkers, count in ((1, 50), (2, 100), (8, 400), (32, 1600)):
@@ -205,19 +255,21 @@ def seeder(body, lists):
 
 def wanted(options, key):
     chosen = [c for c in options.only.upper().split(",") if c]
-    return not chosen or any(key.upper().startswith(c) for c in chosen)
+    return not chosen or any(re.match(re.escape(c) + r"(?!\d)", key.upper()) for c in chosen)
 
 
 def run_once(options, subject, workload, sink):
     """Seeds, runs, and checks that the work was done; the figures of the run."""
     options.disc.prepare(subject.seed)
     sink.reset(workload.delay_us)
-    refused = space.refused_connections()
+    refused, begun = space.connections("AttemptFails"), space.connections("ActiveOpens")
     if subject.peer and subject.peer.daemon:
-        figures = subject.peer.run(sink, workload.messages)
+        figures = subject.peer.run(sink, workload.expected(subject), workload.counted)
+    elif subject.until:
+        figures = run_until(subject, workload, sink)
     else:
         command = [str(options.build / "bench/floors/bench_measure"), str(subject.copies), *subject.argv]
-        enter = peers.Peer.account.enter if subject.peer else None
+        enter = peers.Peer.account.enter if subject.peer or workload.memory else None
         before = peers.Peer.account.seconds()
         done = subprocess.run(command, check=True, stdout=subprocess.PIPE, preexec_fn=enter)
         figures = json.loads(done.stdout)
@@ -225,11 +277,48 @@ def run_once(options, subject, workload, sink):
             figures["cpu"] = peers.Peer.account.seconds() - before
     counts = sink.reset()
     figures["sink"] = counts
-    figures["refused_connections"] = space.refused_connections() - refused
-    if counts["messages"] != workload.expected(subject) or figures["status"] != 0:
+    figures["refused_connections"] = space.connections("AttemptFails") - refused
+    figures["in_vain"] = space.connections("ActiveOpens") - begun - counts["connections"]
+    if counts[workload.counted] != workload.expected(subject) or figures["status"] != 0:
         raise RuntimeError(f"status {figures['status']}, {counts['messages']} messages of "
                            f"{workload.expected(subject)}")
     return figures
+
+
+def run_until(subject, workload, sink):
+    """Until the sink has what counts; the program is asked to end then, and told to."""
+    account = peers.Peer.account
+    before, begin = account.seconds(), time.monotonic()
+    process = subprocess.Popen(subject.argv, preexec_fn=account.enter, stdin=subprocess.DEVNULL,
+                               stdout=subprocess.DEVNULL)
+    while sink.peek()[workload.counted] < workload.expected(subject) and process.poll() is None:
+        time.sleep(0.002)
+    wall = time.monotonic() - begin
+    for _ in range(2):
+        process.terminate()
+        time.sleep(0.2)
+    process.wait()
+    cpu = account.seconds() - before
+    account.clear()
+    return {"wall": wall, "cpu": cpu, "rss": 0, "status": 0}
+
+
+def memory_of(options, subject, workload, sink):
+    """The most that all its processes took together, in KB, looked at twenty times a second."""
+    account, sizes, over = peers.Peer.account, [0], threading.Event()
+
+    def look():
+        while not over.wait(0.05):
+            sizes.append(account.memory())
+    watcher = threading.Thread(target=look)
+    watcher.start()
+    try:
+        run_once(options, subject, workload, sink)
+    except (OSError, RuntimeError, subprocess.SubprocessError):
+        account.clear()
+    over.set()
+    watcher.join()
+    return max(sizes)
 
 
 def count_calls(options, subject, workload, sink):
@@ -294,6 +383,8 @@ def measure(options, workload, sink):
                 runs[subject.name].append(figures)
     workload.subjects = [s for s in workload.subjects if s.name not in workload.left_out]
     calls = {}
+    for subject in workload.subjects if workload.memory else ():
+        runs[subject.name][0]["pss"] = memory_of(options, subject, workload, sink)
     for subject in workload.subjects:
         if may_be_traced(subject, workload) and not options.no_strace:
             calls[subject.name] = count_calls(options, subject, workload, sink)

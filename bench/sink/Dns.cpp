@@ -1,5 +1,6 @@
 #include "Dns.h"
 
+#include <array>
 #include <charconv>
 #include <optional>
 
@@ -45,6 +46,29 @@ std::optional<unsigned> numberIn(std::string_view name, std::string_view prefix,
     return good ? std::optional(number) : std::nullopt;
 }
 
+// A kind of domain: "<domain><n>" has the exchanger "<host><n>" at the n-th address of a subnet.
+struct Kind {
+    std::string_view domain;
+    std::string_view host;
+    std::uint32_t subnet;
+};
+constexpr std::array kKinds{Kind{"d", "mx", 0}, Kind{"late", "slow", kLateSubnet},
+                            Kind{"cut", "shut", kCutSubnet}, Kind{"dead", "gone", kDeadSubnet}};
+
+struct Named {
+    const Kind* kind = nullptr;
+    unsigned number = 0;
+};
+
+Named named(std::string_view name, std::string_view Kind::*part, unsigned limit) {
+    for (const Kind& kind : kKinds) {
+        if (const auto number = numberIn(name, kind.*part, limit)) {
+            return {&kind, *number};
+        }
+    }
+    return {};
+}
+
 void putRecord(std::string& out, unsigned type, const std::string& data) {
     put16(out, 0xc000 | kHeader); // the owner is the question's name
     put16(out, type);
@@ -65,22 +89,28 @@ std::string Dns::answer(std::string_view question, Counters& counters) const {
         return {};
     }
     const unsigned type = static_cast<unsigned char>(question[end + 1]);
-    const auto domain = numberIn(name, "d", hosts_);
-    const auto server = numberIn(name, "mx", hosts_);
+    if (name.starts_with("mute")) {
+        return {};
+    }
+    const Named domain = named(name, &Kind::domain, hosts_);
+    const Named server = named(name, &Kind::host, hosts_);
     std::string record;
-    if (type == kMX && domain) {
-        std::string host = "mx" + std::to_string(*domain);
+    if (type == kMX && domain.kind != nullptr) {
+        std::string host = std::string(domain.kind->host) + std::to_string(domain.number);
         host.insert(0, 1, static_cast<char>(host.size()));
         put16(record, 10);
         record += host + "\5bench\4test" + '\0';
-    } else if (type == kA && server) {
-        put16(record, (network_ + *server) >> 16);
-        put16(record, (network_ + *server) & 0xffff);
+    } else if (type == kA && server.kind != nullptr) {
+        const std::uint32_t address = network_ + server.kind->subnet + server.number;
+        put16(record, address >> 16);
+        put16(record, address & 0xffff);
     }
     counters.mxQuestions += type == kMX ? 1 : 0;
     counters.addressQuestions += type == kA ? 1 : 0;
     std::string out(question.substr(0, 2));
-    put16(out, 0x8580 | (domain || server || name == "bench.test" ? 0 : kNoSuchName));
+    put16(out, 0x8580 | (domain.kind != nullptr || server.kind != nullptr || name == "bench.test"
+                             ? 0
+                             : kNoSuchName));
     put16(out, 1);
     put16(out, record.empty() ? 0 : 1);
     put16(out, 0);

@@ -7,8 +7,10 @@
 
 struct Counters {
     unsigned long connections = 0;
-    unsigned long atOnce = 0; // the most that were open together
+    unsigned long atOnce = 0;   // the most that were open together
+    unsigned long atServer = 0; // of these at one server
     unsigned long messages = 0;
+    unsigned long healthy = 0; // of these at servers without a fault
     unsigned long recipients = 0;
     unsigned long refused = 0;
     unsigned long bytes = 0;
@@ -27,6 +29,9 @@ public:
 
     // True when the client said QUIT: the connection closes once `out` is sent.
     [[nodiscard]] bool finished() const noexcept { return finished_; }
+
+    // True between DATA and the end of the body.
+    [[nodiscard]] bool inBody() const noexcept { return body_; }
 
 private:
     void takeBody(std::string& out, Counters& counters);

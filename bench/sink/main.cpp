@@ -29,10 +29,21 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::chrono::seconds kLate{20}; // until a sick server greets
+
+enum class Health { Well, GreetsLate, CutsAfterData };
+
+// One address that takes connections.
+struct Server {
+    Health health = Health::Well;
+    unsigned long open = 0;
+};
+
 struct Connection {
     int fd;
     Smtp smtp;
     std::string out;
+    Server* server;
     bool waiting = false; // a delayed reply is on its way
 };
 
@@ -83,13 +94,12 @@ public:
         : dns_(first, count), dnsFd_(boundInet(SOCK_DGRAM, INADDR_LOOPBACK, 53)),
           controlFd_(boundUnix(control)), logFd_(boundUnix(log)) {
         for (unsigned i = 0; i < count; ++i) {
-            const int fd = boundInet(SOCK_STREAM, first + i, 25);
-            if (listen(fd, 4096) != 0) {
-                fail("bench_sink: listen");
-            }
-            isListener_.resize(static_cast<std::size_t>(fd) + 1);
-            isListener_[static_cast<std::size_t>(fd)] = true;
-            watch(fd);
+            serveAt(first + i, Health::Well);
+        }
+        for (unsigned i = 0; i < kSickHosts; ++i) {
+            serveAt(first + kLateSubnet + i, Health::GreetsLate);
+            serveAt(first + kCutSubnet + i, Health::CutsAfterData);
+            answerNobody(first + kDeadSubnet + i);
         }
         watch(dnsFd_);
         watch(controlFd_);
@@ -113,6 +123,30 @@ private:
         std::shared_ptr<Connection> connection;
     };
 
+    void serveAt(std::uint32_t address, Health health) {
+        const int fd = boundInet(SOCK_STREAM, address, 25);
+        if (listen(fd, 4096) != 0) {
+            fail("bench_sink: listen");
+        }
+        servers_.resize(std::max(servers_.size(), static_cast<std::size_t>(fd) + 1));
+        servers_[static_cast<std::size_t>(fd)] = std::make_unique<Server>(Server{health});
+        watch(fd);
+    }
+
+    // A queue that is full, and stays so: the kernel drops whoever else wants to connect.
+    static void answerNobody(std::uint32_t address) {
+        const int fd = boundInet(SOCK_STREAM, address, 25);
+        listen(fd, 0);
+        for (int i = 0; i < 2; ++i) {
+            sockaddr_in name{};
+            name.sin_family = AF_INET;
+            name.sin_port = htons(25);
+            name.sin_addr.s_addr = htonl(address);
+            const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            connect(client, reinterpret_cast<const sockaddr*>(&name), sizeof name);
+        }
+    }
+
     void watch(int fd) {
         epoll_event event{};
         event.events = EPOLLIN;
@@ -122,19 +156,23 @@ private:
 
     int wait(std::vector<epoll_event>& events) {
         timespec left{};
-        if (!delayed_.empty()) {
-            const auto ns = std::chrono::nanoseconds(delayed_.front().due - Clock::now()).count();
+        const auto* next = delayed_.empty() ? nullptr : &delayed_.front();
+        if (!greetings_.empty() && (next == nullptr || greetings_.front().due < next->due)) {
+            next = &greetings_.front();
+        }
+        if (next != nullptr) {
+            const auto ns = std::chrono::nanoseconds(next->due - Clock::now()).count();
             left.tv_nsec = ns > 0 ? static_cast<long>(ns % 1'000'000'000) : 0;
             left.tv_sec = ns > 0 ? ns / 1'000'000'000 : 0;
         }
-        const timespec* limit = delayed_.empty() ? nullptr : &left;
+        const timespec* limit = next == nullptr ? nullptr : &left;
         return epoll_pwait2(epoll_, events.data(), static_cast<int>(events.size()), limit, nullptr);
     }
 
     void serve(int fd) {
         const auto at = static_cast<std::size_t>(fd);
-        if (at < isListener_.size() && isListener_[at]) {
-            accept(fd);
+        if (at < servers_.size() && servers_[at]) {
+            accept(fd, *servers_[at]);
         } else if (fd == dnsFd_) {
             serveDns();
         } else if (fd == controlFd_) {
@@ -146,18 +184,29 @@ private:
         }
     }
 
-    void accept(int listener) {
+    void accept(int listener, Server& server) {
         for (int fd;
              (fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;) {
             const auto at = static_cast<std::size_t>(fd);
             if (at >= connections_.size()) {
                 connections_.resize(at + 1);
             }
-            connections_[at] = std::make_shared<Connection>(Connection{fd, {}, {}});
+            connections_[at] = std::make_shared<Connection>(Connection{fd, {}, {}, &server});
             ++counters_.connections;
             counters_.atOnce = std::max(counters_.atOnce, ++open_);
-            send(fd, Smtp::kGreeting.data(), Smtp::kGreeting.size(), MSG_NOSIGNAL);
+            counters_.atServer = std::max(counters_.atServer, ++server.open);
+            if (server.health == Health::GreetsLate) {
+                greetings_.push_back({Clock::now() + kLate, connections_[at]});
+            } else {
+                greet(*connections_[at]);
+            }
             watch(fd);
+        }
+    }
+
+    static void greet(Connection& connection) {
+        if (connection.fd >= 0) {
+            send(connection.fd, Smtp::kGreeting.data(), Smtp::kGreeting.size(), MSG_NOSIGNAL);
         }
     }
 
@@ -170,7 +219,14 @@ private:
             return;
         }
         const std::string_view bytes(block_.data(), static_cast<std::size_t>(got));
+        const unsigned long before = counters_.messages;
         connection->smtp.take(bytes, connection->out, counters_);
+        const Health health = connection->server->health;
+        counters_.healthy += health == Health::Well ? counters_.messages - before : 0;
+        if (health == Health::CutsAfterData && connection->smtp.inBody()) {
+            close(*connection);
+            return;
+        }
         if (connection->out.empty() || connection->waiting) {
             acknowledge(connection->fd);
             return;
@@ -205,10 +261,15 @@ private:
         const int fd = std::exchange(connection.fd, -1);
         ::close(fd);
         --open_;
+        --connection.server->open;
         connections_[static_cast<std::size_t>(fd)].reset();
     }
 
     void sendDue() {
+        while (!greetings_.empty() && greetings_.front().due <= Clock::now()) {
+            greet(*greetings_.front().connection);
+            greetings_.pop_front();
+        }
         while (!delayed_.empty() && delayed_.front().due <= Clock::now()) {
             const std::shared_ptr<Connection> connection = std::move(delayed_.front().connection);
             delayed_.pop_front();
@@ -224,7 +285,9 @@ private:
         if (got > 0) {
             const std::string_view question(block_.data(), static_cast<std::size_t>(got));
             const std::string text = dns_.answer(question, counters_);
-            sendto(dnsFd_, text.data(), text.size(), 0, name, size);
+            if (!text.empty()) {
+                sendto(dnsFd_, text.data(), text.size(), 0, name, size);
+            }
         }
     }
 
@@ -239,11 +302,12 @@ private:
         const double cpu = processorSeconds();
         const int length = std::snprintf(
             text, sizeof text,
-            R"({"connections":%lu,"at_once":%lu,"messages":%lu,"recipients":%lu,"refused":%lu,"bytes":%lu,)"
+            R"({"connections":%lu,"at_once":%lu,"at_server":%lu,"messages":%lu,"healthy":%lu,"recipients":%lu,"refused":%lu,"bytes":%lu,)"
             R"("mx":%lu,"address":%lu,"log":%lu,"cpu":%.6f})",
-            counters_.connections, counters_.atOnce, counters_.messages, counters_.recipients,
-            counters_.refused, counters_.bytes, counters_.mxQuestions, counters_.addressQuestions,
-            counters_.logLines, cpu - cpuAtReset_);
+            counters_.connections, counters_.atOnce, counters_.atServer, counters_.messages,
+            counters_.healthy, counters_.recipients, counters_.refused, counters_.bytes,
+            counters_.mxQuestions, counters_.addressQuestions, counters_.logLines,
+            cpu - cpuAtReset_);
         if (order[0] != '?') {
             delay_ = std::chrono::microseconds(std::atol(order));
             cpuAtReset_ = cpu;
@@ -263,8 +327,9 @@ private:
     int dnsFd_;
     int controlFd_;
     int logFd_;
-    std::vector<bool> isListener_;
+    std::vector<std::unique_ptr<Server>> servers_; // by the descriptor that listens
     std::vector<std::shared_ptr<Connection>> connections_;
+    std::deque<Delayed> greetings_;
     std::deque<Delayed> delayed_; // in order of time: the delay is the same for all
     std::chrono::microseconds delay_{0};
     std::vector<char> block_ = std::vector<char>(256 * 1024);

@@ -31,6 +31,8 @@ def unescape(text):
 class Play:
     """One spool with a message a case; run() returns what became of each recipient, by leaf."""
 
+    dispatched = False  # by retryq run, with as many workers, and not by walkers
+
     def __init__(self, scratch, *lines):
         self.world = world.World(scratch)
         limits = {f"smtp_{name}_timeout": 2 for name in ("connect", "mail", "rcpt", "data", "send", "final")}
@@ -38,7 +40,10 @@ class Play:
         self.returns, self.faults, self.log = Server(BACK), collections.defaultdict(list), []
 
     def run(self, meanwhile=None, walkers=WALKERS, limit=60):
-        running = [self.world.start() for _ in range(walkers)]
+        if self.dispatched:
+            running = [self.world.start("run", "--workers", str(walkers), binary=world.RETRYQ)]
+        else:
+            running = [self.world.start() for _ in range(walkers)]
         if meanwhile:
             meanwhile()
         runs = [self.world.finish(walker, limit) for walker in running]
@@ -73,6 +78,14 @@ class Play:
             elif self.told[rcpt] != [reason(said[1])] * (word == "returned"):
                 self.faults[leaf].append(f"{rcpt}: told {self.told[rcpt]} in return mails")
         return self.faults.pop(leaf, [])
+
+
+def by_run(make_cases):
+    """The same cases, worked off by retryq run."""
+    def make(*args):
+        Play.dispatched = True
+        return make_cases(*args)
+    return make
 
 
 def cases(play, names, check):

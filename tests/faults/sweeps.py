@@ -3,24 +3,30 @@ import functools
 import itertools
 import re
 
+import world
 from scene import RECIPIENTS, STRAYS, Ledger, Scene, sender_of
 from tables import table
 
 
+RUN = ("run", "--workers", "1"), {"binary": world.RETRYQ}  # each in place of a walker
+
+
 def numbered(trace):
-    """Each call of a trace as (name, how manyth of that name, its line)."""
-    counts, calls = {}, []
+    """Each call of a trace as (name, how manyth of that name in its process, its line), once for all
+    processes."""
+    counts, calls = {}, {}
     for line in trace.splitlines():
-        if match := re.match(r"(?:\d+ +)?(\w+)\(", line):
-            counts[match[1]] = counts.get(match[1], 0) + 1
-            calls.append((match[1], counts[match[1]], line))
-    return calls
+        if match := re.match(r"(\d+ +)?(\w+)\(", line):
+            process, name = match.groups()
+            counts[process, name] = counts.get((process, name), 0) + 1
+            calls.setdefault((name, counts[process, name]), line)
+    return [(*call, line) for call, line in calls.items()]
 
 
-def undisturbed(scratch):
+def undisturbed(scratch, args=(), how={}):
     """One run without a fault: its calls and where everybody ends."""
     scene = Scene(scratch).fill()
-    run = scene.run(strace=[])
+    run = scene.run(*args, strace=[], **how)
     return numbered(run.trace), Ledger(scene), scene.log
 
 
@@ -47,8 +53,29 @@ def killed(scratch, name, number):
 FILES = ("openat", "open", "write", "pwrite64", "fsync", "rename", "unlink", "ftruncate", "fchmod", "fchown", "flock", "access")
 
 
-def error_cases(scratch):
-    calls, ledger, log = undisturbed(scratch)
+def run_kill_cases(scratch):
+    """Whichever process of the run comes to the call is killed: the dispatcher, or each worker in turn."""
+    for name, number, _ in undisturbed(scratch, *RUN)[0]:
+        yield f"{name} {number}", functools.partial(killed_in_run, scratch, name, number)
+
+
+def killed_in_run(scratch, name, number):
+    scene = Scene(scratch).fill()
+    args, how = RUN
+    run = scene.run(*args, strace=inject(name, number, "signal=KILL"), **how)
+    killed = run.trace.count("+++ killed by SIGKILL +++")
+    faults = Ledger(scene).check_accounted().faults + scene.run_again()
+    ledger = Ledger(scene).check_accounted().check_copies(RECIPIENTS).check_finished()
+    twice = {RECIPIENTS[rcpt] for counter in (ledger.copies, ledger.told) for rcpt, count in counter.items() if count > 1}
+    return faults + ledger.faults + [f"second copies of {sorted(twice)}, {killed} killed"] * (len(twice) > killed)
+
+
+def run_error_cases(scratch):
+    return error_cases(scratch, *RUN)
+
+
+def error_cases(scratch, *args_and_how):
+    calls, ledger, log = undisturbed(scratch, *args_and_how)
     rows = [(names.split(), what, codes.split()) for names, what, codes in table("faults/data/errors.txt")]
     usual = ledger.places()
     start = next(at for at, (name, _, _) in enumerate(calls) if name == "flock")
@@ -56,17 +83,18 @@ def error_cases(scratch):
         row = next((row for row in rows if name in row[0] and re.search(row[1], line)), None)
         for code in row[2] if row else ():
             file = name in FILES
-            play = functools.partial(failing, scratch, inject(name, number, code if "=" in code else f"error={code}"), at < start, file, usual, log)
+            play = functools.partial(failing, scratch, inject(name, number, code if "=" in code else f"error={code}"), at < start, file, usual, log,
+                                     *args_and_how)
             yield f"{name} {number} {code}   [{line.strip()}]", play
 
 
-def failing(scratch, fault, early, file, usual, usual_log):
+def failing(scratch, fault, early, file, usual, usual_log, args=(), how={}):
     scene = Scene(scratch).fill()
     before = scene.world.spool()
-    run = scene.run(strace=fault)
+    run = scene.run(*args, strace=fault, **how)
     ledger = Ledger(scene).check_accounted()
     faults = ledger.faults
-    stopped = len(run.lines(" run-stopped ")) if fault[-1].endswith("+") else 0  # a short shortage is waited out
+    stopped = bool(run.lines(" run-stopped ")) if fault[-1].endswith("+") else 0  # a short shortage is waited out
     if run.status != stopped and not (early and not scene.mails() and scene.world.spool() == before):
         faults.append(f"the run ended with {run.status}: {run.out}")
     moved = {RECIPIENTS[rcpt] for rcpt, place in ledger.places().items() if place != usual[rcpt]}

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,6 +28,7 @@ using Email::LogLine;
 constexpr int kEntriesATurn = 64;    // so that no worker waits for the reading
 constexpr int kTick = 1000;          // milliseconds
 constexpr std::int64_t kIdleFor = 5; // seconds until a worker is let go
+constexpr std::chrono::milliseconds kPauseInTrouble{10};
 
 std::int64_t seconds() {
     using namespace std::chrono;
@@ -70,7 +72,11 @@ Dispatcher::Dispatcher(const Options& options)
     : before_(blockOwnSignals()), signals_(signalDescriptor()),
       reader_(mailscanGlobals::deferred_mail_path()),
       destinations_(std::max(options.perDestination, 1), HostList::BlackL.timeout()),
-      pool_(possibleWorkers(std::max(options.workers, 1)), before_) {}
+      pool_(possibleWorkers(std::max(options.workers, 1)), before_) {
+    if (!signals_.valid()) { // then a signal ends the run at once, and the workers after it
+        ::sigprocmask(SIG_SETMASK, &before_, nullptr);
+    }
+}
 
 Dispatcher::~Dispatcher() {
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
@@ -168,23 +174,26 @@ void Dispatcher::handOut() {
     }
 }
 
+// A worker that cannot be told is as one that died with the message: that bounds what a system in
+// trouble can cost.
 void Dispatcher::give(WorkerState& worker, DueMessage message) {
     const Order order{message.leaf,
                       destinations_.deadSince(worker.deadSeen, Order::kMaxDead, now_)};
-    if (!worker.channel.send(encode(order), WorkerChannel::Wait::No)) {
-        pool_.release(worker); // it is dying
-        window_.add(std::move(message));
-        return;
-    }
     worker.leaf = std::move(message.leaf);
     worker.since = now_;
     worker.talk = destinations_.begin(message.destination, now_);
+    if (!worker.channel.send(encode(order), WorkerChannel::Wait::No)) {
+        worker.retiring = true;
+        worker.channel.close();
+    }
 }
 
 // Not a single worker can be had: the run is made as a walker makes it.
 void Dispatcher::walkAlone() {
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
-    MailReSender().RetryAll(0);
+    MailReSender walker;
+    walker.RetryAll(0);
+    worst_ = walker.stopped() == 0 ? worst_ : 1;
     blockOwnSignals();
     window_ = DueWindow();
     allRead_ = true;
@@ -199,10 +208,13 @@ void Dispatcher::wait(int milliseconds) {
             whose.push_back(&worker);
         }
     }
-    const int ready = ::poll(watched.data(), watched.size(), milliseconds);
+    const bool failed = ::poll(watched.data(), watched.size(), milliseconds) < 0;
+    if (failed && errno != EINTR) { // no memory, say: the workers are heard all the same
+        std::this_thread::sleep_for(kPauseInTrouble);
+    }
     const std::int64_t before = std::exchange(now_, seconds());
-    for (std::size_t i = 1; ready > 0 && i < watched.size(); ++i) {
-        if (watched[i].revents != 0) {
+    for (std::size_t i = 1; i < watched.size(); ++i) {
+        if (failed || watched[i].revents != 0) {
             hear(*whose[i]);
         }
     }
@@ -257,6 +269,9 @@ void Dispatcher::take(WorkerState& worker, const Report& report) {
         break;
     case Step::Done:
         done(worker);
+        if (report.value != 0) { // this host cannot go on; the worker has told why
+            stopRequests_ = std::max(stopRequests_, 1);
+        }
         break;
     }
 }
@@ -291,7 +306,7 @@ void Dispatcher::ended(WorkerState& worker, int status) {
     const int number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     const bool ordered = cutShort() && WIFSIGNALED(status) && number == SIGTERM;
     worst_ = std::max(worst_, ordered ? 0 : number);
-    const bool died = !worker.leaf.empty() || number != 0;
+    const bool died = !worker.leaf.empty() || WIFSIGNALED(status);
     if (died && !ordered) {
         Email::writeLine(LogLine::WorkerDied, {.message = worker.leaf,
                                                .args = {std::to_string(worker.pid),

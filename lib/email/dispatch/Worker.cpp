@@ -12,6 +12,8 @@ namespace Dispatch {
 
 namespace {
 
+constexpr int kStoppedStatus = 1;
+
 // A walker whose steps are reported. While it holds a message it never waits for the dispatcher: a
 // report for which there is no room is left out.
 class ReportingWalker : public MailReSender {
@@ -67,19 +69,26 @@ void leaveAlone(const std::vector<IPaddress>& servers) {
 
 } // namespace
 
-void work(const WorkerChannel& channel) {
+int work(const WorkerChannel& channel) {
     using Wait = WorkerChannel::Wait;
     ReportingWalker walker(channel);
     while (const auto record = channel.receive(Wait::Yes)) {
-        if (const auto order = decodeOrder(*record)) {
-            leaveAlone(order->dead);
-            FileName entry(mailscanGlobals::deferred_mail_path(), order->leaf.c_str());
-            walker.tryFile(&entry);
+        const auto order = decodeOrder(*record);
+        if (!order && record->empty()) {
+            continue;
         }
-        if (!channel.send(encode(Report{}), Wait::Yes)) {
-            return;
+        if (!order) {
+            break; // nothing that a dispatcher says
+        }
+        leaveAlone(order->dead);
+        FileName entry(mailscanGlobals::deferred_mail_path(), order->leaf.c_str());
+        walker.tryFile(&entry);
+        const Report done{Step::Done, IPaddress::null, walker.stopped(), {}};
+        if (!channel.send(encode(done), Wait::Yes) || walker.stopped() != 0) {
+            break;
         }
     }
+    return walker.stopped() == 0 ? 0 : kStoppedStatus;
 }
 
 } // namespace Dispatch

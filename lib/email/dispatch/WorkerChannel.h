@@ -31,7 +31,7 @@ enum class Step : std::uint8_t {
     ConnectFailed, // value: error number
     NoGreeting,
     Lost, // a recipient was left by a broken connection: its destination
-    Done, // the worker is free
+    Done, // with the message; value: the error number that ends the run, or 0
 };
 inline constexpr auto kLastStep = Step::Done;
 

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <utility>
 
 namespace Dispatch {
@@ -15,6 +17,18 @@ namespace {
 
 bool ready(const WorkerState& worker) noexcept {
     return worker.idle() && !worker.retiring;
+}
+
+// The first worker is worth some patience; whoever has others goes on with them.
+pid_t forkPatiently(bool first) {
+    constexpr int kRetries = 3;
+    constexpr std::chrono::milliseconds kPause{100};
+    pid_t pid = ::fork();
+    for (int retry = 0; pid < 0 && first && retry < kRetries; ++retry) {
+        std::this_thread::sleep_for(kPause);
+        pid = ::fork();
+    }
+    return pid;
 }
 
 } // namespace
@@ -43,7 +57,7 @@ WorkerState* WorkerPool::find() {
 
 WorkerState* WorkerPool::start() {
     auto [ours, theirs] = WorkerChannel::pair();
-    const pid_t pid = ours.open() ? ::fork() : -1;
+    const pid_t pid = ours.open() ? forkPatiently(workers_.empty()) : -1;
     if (pid == 0) {
         ours.close();
         become(theirs);
@@ -68,8 +82,7 @@ void WorkerPool::become(WorkerChannel& own) {
     }
     ::signal(SIGINT, SIG_IGN);
     ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
-    work(own);
-    ::_exit(0);
+    ::_exit(work(own));
 }
 
 void WorkerPool::releaseIdle(std::int64_t time) {
