@@ -41,6 +41,7 @@ class Play:
 
     def run(self, meanwhile=None, walkers=WALKERS, limit=60):
         if self.dispatched:
+            limit *= 4  # half of its workers wait for servers that it does not know yet
             running = [self.world.start("run", "--workers", str(walkers), binary=world.RETRYQ)]
         else:
             running = [self.world.start() for _ in range(walkers)]
@@ -361,11 +362,15 @@ def spool_rows(chosen):
 
 def spool_cases(scratch, chosen, _):
     found = [SpoolCase(f"s{n:03}", *row) for n, row in enumerate(spool_rows(chosen))]
+    if Play.dispatched:  # which does not hold all of them at once
+        found = [case for case in found if not case.late]
     late = [case for case in found if case.late]
     lines = "domain-relay *.later.test 127.3.0.2", "domain-relay * 127.3.0.1"
     Server("127.3.0.2", {"banner": (1.0, "220 ready"), "rcpt": {"busy": "450 busy"}})
     server, plays = Server("127.3.0.1", {"rcpt": {"busy": "450 busy", "bad": "550 no"}}), []
     for some, walkers in ((late, len(late)), ([case for case in found if not case.late], WALKERS)):
+        if not some:
+            continue
         plays.append(Play(scratch, *lines))
         for case in some:
             case.queue(plays[-1])
