@@ -104,13 +104,13 @@ def failing(scratch, fault, early, file, usual, usual_log, args=(), how={}):
             faults.append(f"the log says nothing about {leaf}: {scene.log}")
     if re.search(r"inject=open.*error=(EMFILE|ENFILE|ENOMEM|EINTR):", fault[-1]) and "given up" in ledger.places().values():
         faults.append("mail was given up for want that passes")
+    if re.search(r"inject=p?write(64)?:error=EINTR:", fault[-1]) and set(map(shape, scene.log)) - set(map(shape, usual_log)):
+        faults.append(f"an interrupted write is no failure: {scene.log}")
     faults += scene.run_again()
     ledger = Ledger(scene).check_accounted().check_finished()
     if file:  # one failure is made up for; a lasting one costs those of a conversation a second copy, as the log says
         lasting = fault[-1].endswith("+")
         ledger.check_copies({rcpt for rcpt, leaf in RECIPIENTS.items() if lasting and ledger.logged(f" recipients-rewrite-failed msg={leaf} ")})
-    if re.search(r"inject=p?write(64)?:error=EINTR:", fault[-1]) and set(map(shape, scene.log)) - set(map(shape, usual_log)):
-        faults.append(f"an interrupted write is no failure: {scene.log}")
     return faults + ledger.faults
 
 

@@ -98,7 +98,6 @@ bool ListSender::mayBeMeant(int error) noexcept {
 
 void ListSender::stop(const char* message, int error) {
     stopped_ = error;
-    spare_.reset();
     Email::writeLine(LogLine::RunStopped, {.message = message, .error = error});
 }
 

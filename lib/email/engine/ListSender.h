@@ -10,7 +10,6 @@
 #include "email/spool/MailList.h"
 #include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
-#include "fwall/UniqueFd.h"
 
 #include <iosfwd>
 #include <memory>
@@ -103,8 +102,7 @@ protected:
     bool returnMessage = false; // this engine sends a return mail
     Recipients recipients_;
     const Email::MessageLock* listLock_ =
-        nullptr;     // of the message given to Send(), where it is held
-    UniqueFd spare_; // given back when a shortage of descriptors has to be told of
+        nullptr; // of the message given to Send(), where it is held
 
 private:
     // One message of a queue directory, up to what becomes of its files.

@@ -6,7 +6,7 @@
 #include "email/spool/MessageLock.h"
 #include "email/telling/DeliveryLog.h"
 
-#include <fcntl.h>
+#include <syslog.h>
 
 #include <array>
 #include <new>
@@ -21,7 +21,8 @@ constexpr unsigned kPathLimit = 200; // characters of a message's path, with the
 
 void MailReSender::RetryAll(int traceLevel) {
     walkTrace_ = traceLevel;
-    spare_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    // Connected now: when descriptors run out, that has to be told, too.
+    ::openlog(nullptr, LOG_NDELAY, LOG_USER);
     FileIterator spool(mailscanGlobals::deferred_mail_path());
     while (stopped() == 0) {
         const auto entry = spool.Next();
@@ -30,7 +31,6 @@ void MailReSender::RetryAll(int traceLevel) {
         }
         tryFile(entry.get());
     }
-    spare_.reset();
 }
 
 void MailReSender::tryFile(FileName* entry) {
