@@ -129,6 +129,21 @@ void reportRelays(const Context& context, Judge& judge) {
     }
 }
 
+// Mail for a domain that names such an address as its exchanger is sent to this host.
+void reportOwnAddresses(Judge& judge) {
+    for (const IPaddress own : HostList::interfaceAddresses()) {
+        if (!HostList::isLocal(own)) {
+            std::array<char, IPaddress::kTextSize> address{};
+            own.format(address.data());
+            judge.add("own-address",
+                      {Weight::Warning, 0,
+                       std::string(address.data()) +
+                           ": an address of this host that /etc/hosts lacks; foreign "
+                           "domains can lead mail to it"});
+        }
+    }
+}
+
 std::string prefixOf(const cfgrec& record) {
     switch (record.flags) {
     case CFG_DENY:
@@ -206,6 +221,7 @@ int check(const Context& context) {
         reportOtherKeys(context);
         reportSettingsInForce(context);
         reportRelays(context, judge);
+        reportOwnAddresses(judge);
         reportSpool(context, judge, "Deferred spool",
                     checkSpool(mailscanGlobals::deferred_mail_path(),
                                Email::QueuedMessage::Queue::Deferred));

@@ -2,6 +2,7 @@
 
 #include "email/site/DomainRelay.h"
 #include "email/site/Exchangers.h"
+#include "email/site/MxAnswer.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/spool/EmailAddr.h"
 #include "fwall/hexesc.h"
@@ -30,10 +31,13 @@ std::string text(IPaddress address) {
     return out.data();
 }
 
-// Collects the addresses of server names, under the limits that the finders obey.
+enum class Source { Table, Outside };
+
+// Collects the addresses of server names, under the limits that the finders obey. Those that come
+// from outside may lead mail back to this host; the relays are the administrator's own choice.
 class ServerCollector {
 public:
-    ServerCollector(Step& step, int max) : step_(step), max_(max) {}
+    ServerCollector(Step& step, int max, Source source) : step_(step), max_(max), source_(source) {}
 
     // False when the name does not resolve.
     bool add(const char* name, std::optional<int> preference = {}) {
@@ -48,17 +52,28 @@ public:
             return false;
         }
         for (int i = 0; i < found.count(); ++i) {
-            const bool local = HostList::isLocal(found.addr(i));
-            used_ += local ? 0 : 1;
-            step_.servers.push_back({shown, text(found.addr(i)), preference,
-                                     local ? "an address of this host (/etc/hosts)" : ""});
+            addAddress(shown, found.addr(i), preference);
         }
         return true;
     }
 
 private:
+    void addAddress(const std::string& name, IPaddress address, std::optional<int> preference) {
+        const bool local = HostList::isLocal(address);
+        used_ += local ? 0 : 1;
+        Server server{name, text(address), preference};
+        if (local) {
+            server.leftOut = "an address of this host (/etc/hosts)";
+        } else if (source_ == Source::Outside && Email::cannotBeForeign(address, own_)) {
+            server.warning = "leads to this host: an address of its own that /etc/hosts lacks";
+        }
+        step_.servers.push_back(std::move(server));
+    }
+
     Step& step_;
     int max_;
+    Source source_;
+    std::vector<IPaddress> own_ = HostList::interfaceAddresses();
     int used_ = 0;
 };
 
@@ -145,7 +160,8 @@ private:
 
     void addLiteral() {
         Step step{"literal", 0, "the domain is an address"};
-        ServerCollector(step, mailscanGlobals::max_addr_to_try).add(domain_.c_str());
+        ServerCollector(step, mailscanGlobals::max_addr_to_try, Source::Outside)
+            .add(domain_.c_str());
         route_.steps.push_back(std::move(step));
     }
 
@@ -171,7 +187,7 @@ private:
         Step step{key, record.ln,
                   std::string("the pattern ") + printable(record.argv[0], kShown) + " matches"};
         const int limit = std::min<int>(mailscanGlobals::max_addr_to_try, IPaddressList::kCapacity);
-        ServerCollector servers(step, limit);
+        ServerCollector servers(step, limit, Source::Table);
         for (int i = 1; i < record.argc; ++i) {
             servers.add(record.argv[i]);
         }
@@ -215,7 +231,7 @@ private:
             }
             return addOwnAddress("no mail exchanger is left");
         }
-        ServerCollector servers(step, mailscanGlobals::max_addr_to_try);
+        ServerCollector servers(step, mailscanGlobals::max_addr_to_try, Source::Outside);
         for (int i = 0; i < mx.count; ++i) {
             const auto at = static_cast<std::size_t>(i);
             servers.add(mx.names[at], mx.preferences[at]);
@@ -227,8 +243,8 @@ private:
 
     bool addOwnAddress(const std::string& why) {
         Step step{"own-address", 0, why + ": the domain's own address is used"};
-        const bool found =
-            ServerCollector(step, mailscanGlobals::max_addr_to_try).add(domain_.c_str());
+        const bool found = ServerCollector(step, mailscanGlobals::max_addr_to_try, Source::Outside)
+                               .add(domain_.c_str());
         route_.steps.push_back(std::move(step));
         return found;
     }

@@ -17,6 +17,7 @@ struct Server {
     std::string address;             // dotted; empty when the name does not resolve
     std::optional<int> preference{}; // of a mail exchanger
     std::string leftOut{};           // why it is not tried; empty when it is
+    std::string warning{};           // what is odd about a server that is tried
 };
 
 // One attempt to find servers, in the order in which the client makes them.

@@ -32,7 +32,8 @@ void printStep(const Screen& screen, const Step& step, bool first) {
     int number = 0;
     for (const Server& server : step.servers) {
         if (server.leftOut.empty()) {
-            screen.out << "  try " << ++number << "      " << describe(server) << '\n';
+            screen.out << "  try " << ++number << "      " << describe(server)
+                       << (server.warning.empty() ? "" : ": WARNING, " + server.warning) << '\n';
         } else {
             screen.out << "  left out   " << describe(server) << ": " << server.leftOut << '\n';
         }
@@ -63,6 +64,9 @@ Json toJson(const Server& server) {
     }
     if (!server.leftOut.empty()) {
         object["left_out"] = server.leftOut;
+    }
+    if (!server.warning.empty()) {
+        object["warning"] = server.warning;
     }
     return object;
 }

@@ -105,6 +105,15 @@ class Routes(SystemTest):
         self.assertEqual(self.world.rmd("m").recipients, [("<v@half.test>", 1001)])
         self.assertEqual(len(returns.mails), 1)
 
+    def test_a_way_back_to_this_host_is_told(self):
+        subprocess.run(["ip", "address", "add", "10.9.9.9/32", "dev", "lo"], check=True)
+        self.addCleanup(subprocess.run, ["ip", "address", "del", "10.9.9.9/32", "dev", "lo"], check=True)
+        for rcpt, warned in {"u@plain.test": 1, "u@[10.9.9.9]": 1, "u@[10.9.9.8]": 0, "u@[0.0.0.0]": 1, "u@relayed.test": 0}.items():
+            self.world.table("domain-relay relayed.test 127.0.0.2")
+            route, = self.objects("route", rcpt)
+            self.assertEqual(sum("warning" in server for step in route["steps"] for server in step["servers"]), warned, route)
+        self.assertIn("10.9.9.9: an address of this host", self.retryq("check", status=1).out)
+
     @cases({"silent": ((servers.SILENT,),), "drips": ((b"\2", 1.0) * 60,), "resets": ((servers.RST,),), "closes": ((),), "leaves": (servers.CLOSE,), "accepts nobody": (None,)})
     def test_no_look_up_lasts_for_ever(self, tcp):
         """Own name, relay, exchanger, address: a name server that sends everybody to its TCP side."""

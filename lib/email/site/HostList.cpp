@@ -5,6 +5,7 @@
 #include "email/site/mailscanGlobals.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <unistd.h>
@@ -90,6 +91,23 @@ std::vector<IPaddress> HostList::readLocals(std::istream& hosts) {
             found.emplace_back(address.s_addr);
         }
     }
+    return found;
+}
+
+std::vector<IPaddress> HostList::interfaceAddresses() {
+    std::vector<IPaddress> found;
+    ifaddrs* first = nullptr;
+    if (::getifaddrs(&first) != 0) {
+        return found;
+    }
+    for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
+        if (at->ifa_addr != nullptr && at->ifa_addr->sa_family == AF_INET) {
+            sockaddr_in inet{};
+            std::memcpy(&inet, at->ifa_addr, sizeof inet);
+            found.emplace_back(inet.sin_addr.s_addr);
+        }
+    }
+    ::freeifaddrs(first);
     return found;
 }
 

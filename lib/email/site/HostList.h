@@ -39,6 +39,9 @@ public:
     // True for every address in the first column of /etc/hosts, whoever's it is.
     [[nodiscard]] static bool isLocal(IPaddress address);
 
+    // The IPv4 addresses of this host's network interfaces; none when the system does not tell.
+    static std::vector<IPaddress> interfaceAddresses();
+
     // The addresses in the first column of a text in the form of hosts(5). Lines that do not begin
     // with an address (inet_aton), so also those with leading blanks, give nothing.
     static std::vector<IPaddress> readLocals(std::istream& hosts);
