@@ -56,15 +56,16 @@ std::size_t hexescNonAsciiPlus(char* destination, const char* source, std::size_
     return length;
 }
 
-std::string printable(std::string_view text, std::size_t maxBytes) {
-    if (text.size() <= maxBytes && std::none_of(text.begin(), text.end(), isUnsafe)) {
+std::string printable(std::string_view text, std::size_t maxBytes, std::string_view further) {
+    if (text.size() <= maxBytes && std::none_of(text.begin(), text.end(), isUnsafe) &&
+        text.find_first_of(further) == std::string_view::npos) {
         return std::string(text);
     }
     const std::string_view mark = cutMark.substr(0, maxBytes);
     std::string result;
     std::size_t lastWithMark = 0;
     for (const char c : text) {
-        const EscapedByte escaped(c, {});
+        const EscapedByte escaped(c, further);
         if (result.size() + escaped.view().size() > maxBytes) {
             result.resize(lastWithMark);
             return result.append(mark);

@@ -19,6 +19,6 @@ std::size_t hexescNonAsciiPlus(char* destination, const char* source, std::size_
                                const char* further) noexcept;
 
 // The same escape over a counted text (NUL bytes are escaped) as a string of at most `maxBytes`
-// bytes. A text that does not fit is cut before a whole character and ends in "..."; below three
-// bytes the mark itself is cut.
-std::string printable(std::string_view text, std::size_t maxBytes);
+// bytes; the bytes of `further` are escaped as well. A text that does not fit is cut before a whole
+// character and ends in "..."; below three bytes the mark itself is cut.
+std::string printable(std::string_view text, std::size_t maxBytes, std::string_view further = {});

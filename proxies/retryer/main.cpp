@@ -6,9 +6,11 @@
 #include "fwall/processStart.h"
 #include "kvorn/segv.h"
 #include "libevrep/Reporter.h"
+#include "retryer/StopLine.h"
 #include "retryer/arguments.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -29,6 +31,7 @@ void nameSubSystem(std::string_view name) {
 int printUsage(const char* program) {
     std::printf("Usage: %s [ -as <name> ] [ -now ] [ -h | --help]\n",
                 program != nullptr ? program : "retryer");
+    stopsBecause("the command line is not valid, or asks for help");
     return kUsageStatus;
 }
 
@@ -36,6 +39,7 @@ int printUsage(const char* program) {
 void configure(const Arguments& arguments) {
     static cfgrec* const table = cfg_read(arguments.service);
     if (table == nullptr || cfg_failed(table)) {
+        stopsBecause("no rule table, or nothing in it for the service");
         std::exit(kNoRuleTableStatus);
     }
     mailscanGlobals::initialise(table);
@@ -45,11 +49,21 @@ void configure(const Arguments& arguments) {
     DomainRelay::initialise(table);
 }
 
+// Nothing is said of a queue without a message: most runs find none.
+void tellEnd(const Email::RunCounts& counts, std::chrono::steady_clock::time_point start) {
+    const auto passed = std::chrono::steady_clock::now() - start;
+    if (counts.entries > 0) {
+        tellRunEnd(counts, std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+    }
+}
+
 // An exception ends the process, but not before the walker has let go of its message. True when
 // every entry was offered.
 bool walk(std::unique_ptr<MailReSender> walker) {
     try {
+        const auto start = std::chrono::steady_clock::now();
         walker->RetryAll(0);
+        tellEnd(walker->counts(), start);
         return walker->stopped() == 0;
     } catch (...) {
         walker.reset();
@@ -61,6 +75,7 @@ bool walk(std::unique_ptr<MailReSender> walker) {
 
 int main(int argc, char** argv) {
     closeInheritedDescriptors();
+    tellStops();
     openStandardDescriptors();
     ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
@@ -72,5 +87,9 @@ int main(int argc, char** argv) {
     }
     auto walker = std::make_unique<MailReSender>();
     configure(arguments);
-    return walk(std::move(walker)) ? EXIT_SUCCESS : kStoppedStatus;
+    if (walk(std::move(walker))) {
+        return EXIT_SUCCESS;
+    }
+    stopsBecause(nullptr);
+    return kStoppedStatus;
 }

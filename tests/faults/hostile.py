@@ -155,6 +155,8 @@ def smtp_cases(scratch, chosen, _):
         wrong = [mail.data for mail in there[leaf].mails if mail.data != body and len(mail.data) < 10000]
         longest = max(session.seconds for session in there[leaf].sessions)
         faults += [f"lasted {longest} seconds"] * (longest > LIMIT and "slow" not in rows[leaf])
+        faults += [f"not its server: {line}" for line in play.log
+                   if f" msg={leaf} " in line and f" relay={address(leaf)} " not in line + " " and "left-out=" not in line]
         return faults + [f"another body arrived: {data!r}" for data in wrong]
     return cases(play, {leaf: row[0] for leaf, row in rows.items()}, check)
 

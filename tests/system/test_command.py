@@ -1,11 +1,13 @@
 #!/usr/bin/python3
 """The command line, the rule table's faults and the exit statuses."""
 import os
+import re
 
 import harness
 from harness import SystemTest, cases
 
-LOCAL = 1 * 8 + 5  # facility user, priority notice
+LOCAL, OURS = 1 * 8 + 5, 3 * 8 + 3  # facility user, priority notice; daemon, error
+PID = re.compile(r"^\d{5,} ")
 TABLE = "/usr/local/etc/rulbex-table"
 
 # Arguments, exit status, what stands before the usage line (None: no usage, nothing printed).
@@ -18,7 +20,10 @@ ARGUMENTS = {
     "an option is taken as name": (["-as", "-h"], 255, None), "empty": ([""], 1, 'unknown argument ""\n'),
 }
 
-# The rule table, exit status, the log lines (all of them).
+# How a run with no spool that can be opened, or one that stops, tells its end; for status 1 each case has its check.
+ENDS = {0: 'spool-unreadable dir="/var/spool/deferred/" error=2 (No such file or directory)',
+        1: 'stopped status=1 reason="failed check in {}"', 255: 'stopped status=255 reason="no rule table, or nothing in it for the service"'}
+# The rule table, exit status, the log lines (all but the one of ENDS), the check.
 TABLES = {
     "missing": (None, 255, [f"syserr: configuring vorn, cannot open {{}}{TABLE}: No such file or directory"]),
     "empty": ("", 255, []),
@@ -30,8 +35,8 @@ TABLES = {
     "no parameter": ("vorn: mail-log on\nvorn: mail-log\n", 0, ["cfgerr: {}" + TABLE + " line 2 missing parameter"]),
     "too long": ("vorn: mail-log on\nvorn: mail-log " + "x" * 8200 + "\n", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
     "no newline at the end": ("vorn: mail-log on\nvorn: use-dns no", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
-    "two words for a number": ("vorn: smtp-max-deferral 1 2\n", 1, []),
-    "relay without server": ("vorn: domain-relay *\n", 1, []),
+    "two words for a number": ("vorn: smtp-max-deferral 1 2\n", 1, [], "lib/email/mailscanGlobals, line 53: cf->argc == 1"),
+    "relay without server": ("vorn: domain-relay *\n", 1, [], "lib/email/DomainRelay, line 213: cf->argc > 1"),
     "no word for yes or no": ("vorn: mail-log  \n", 0, []),
     "NUL and 8-bit": ("vorn: mail-log \0\xff on\n", 0, []),
 }
@@ -45,20 +50,25 @@ class Command(SystemTest):
         self.assertEqual((run.status, run.out), (status, "" if before is None else before + usage))
 
     @cases(TABLES)
-    def test_rule_table(self, text, status, lines):
+    def test_rule_table(self, text, status, lines, check=""):
         self.world.table(raw=text or "")
         if text is None:
             os.unlink(self.world.root + TABLE)
         run = self.world.run()
         self.assertEqual((run.status, run.out), (status, ""))
-        self.assertEqual([(line.priority, line.ident, line.text) for line in run.log],
-                         [(LOCAL, "retryer", line.format(self.world.root)) for line in lines])
+        end = (OURS, "retryer", ENDS[status].format(check))
+        self.assertEqual([(line.priority, line.ident, PID.sub("", line.text)) for line in run.log],
+                         [(LOCAL, "retryer", line.format(self.world.root)) for line in lines] + [end])
+
+    def test_arguments_that_stop_a_run_are_told(self):
+        self.assertEqual(len(self.world.run("x").lines(' stopped status=1 reason="the command line is not valid, or asks for help"')), 1)
 
     def test_log_switches(self):
         self.world.table("domain-relay * 127.0.0.2", mail_log="off")
         self.smtp("127.0.0.2", {"rcpt": {"busy": "450 no", "bad": "550 no"}})
         self.world.queue("m", ["<u@x.test>", "<busy@x.test>", "<bad@x.test>"])
-        self.assertEqual(self.run_ok().log, [])
+        self.assertEqual([PID.sub("", line.text)[:-1] for line in self.run_ok().log],
+                         ["run-ended entries=1 attempted=1 held=0 delivered=1 return-delivered=1 deferred=1 returned=1 dropped=0 seconds="])
 
     def test_a_limit_of_file_size_ends_no_run(self):
         self.world.table("domain-relay * 127.0.0.2")

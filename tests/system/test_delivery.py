@@ -1,10 +1,11 @@
 #!/usr/bin/python3
 """One message meets one server: what is said, what arrives, what the spool keeps, what comes back."""
+import re
 import time
 
 import harness
-from harness import RELAYS, SENDERS, THERE, SystemTest, cases
-from servers import SILENT
+from harness import BACK, RELAYS, SENDERS, THERE, SystemTest, cases
+from servers import CLOSE, MX, RST, SILENT, reply
 from tables import reason
 from world import HOST, wire
 
@@ -66,6 +67,54 @@ class Recipients(SystemTest):
             self.assertEqual([rcpt for rcpt, _ in server.received()], [said])
         else:
             self.assert_outcome("m", ("returned", 1003), returns)
+
+
+# What the server of this message does (None: there is none), and what its recipient's line tells, from
+# relay= on (R stands for that field) and without the code in words.
+TOLD = {
+    "taken": ({"dot": "250 2.0.0 <id=7> queued"}, 'delivered R code=250 stage=dot reply="250 2.0.0 %3Cid%3D7%3E queued"'),
+    "greylisted": ({"rcpt": ("450-4.2.0 first", "450 4.2.0 come back")}, 'deferred R code=450 stage=RCPT reply="450 4.2.0 come back"'),
+    "unknown": ({"rcpt": b"550 5.1.1 \xff\r\n"}, 'returned R code=550 stage=RCPT reply="550 5.1.1 %FF"'),
+    "long": ({"rcpt": "450 " + "x" * 600}, f'deferred R code=450 stage=RCPT reply="450 {"x" * 249}..."'),
+    "forged": ({"rcpt": "450 to=<v@x.test> a\"b'c\\"}, 'deferred R code=450 stage=RCPT reply="450 to%3D%3Cv@x.test%3E a%22b%27c%5C"'),
+    "unwelcome": ({"banner": "554 not you"}, 'deferred R code=1001 stage=greeting reply="554 not you"'),
+    "mute": ({"banner": (SILENT,)}, "deferred R code=1001 stage=greeting error=62 (no answer in 1 s)"),
+    "closed": ({"helo": (CLOSE,)}, "deferred R code=1001 stage=HELO error=61 (the server closed the connection)"),
+    "reset": ({"mail": (RST,)}, "deferred R code=1001 stage=MAIL error=104 (Connection reset by peer)"),
+    "short": ({"rcpt": "250"}, 'deferred R code=1001 stage=RCPT error=0 (unreadable reply) reply="250"'),
+    "odd": ({"data": "250 done"}, 'deferred R code=250 stage=DATA error=0 (DATA was not answered with 354) reply="250 done"'),
+    "busy": ({"data": "451 wait"}, 'deferred R code=451 stage=DATA reply="451 wait"'),
+    "stuck": ({"body": (RST,)}, "deferred R code=1001 stage=body error=104 (Connection reset by peer)"),
+    "full": ({"dot": "552 full"}, 'returned R code=552 stage=dot reply="552 full"'),
+    "absent": (None, "deferred R code=1001 stage=connect error=111 (Connection refused)"),
+}
+
+
+class Told(SystemTest):
+    def test_each_line_is_enough_by_itself(self):
+        """All in one run, so that nothing of one conversation can pass for another's unnoticed."""
+        address = {leaf: f"127.0.1.{n}" for n, leaf in enumerate(TOLD, 1)}
+        routes = [f"domain-relay *.{leaf}.test {there}" for leaf, there in address.items()]
+        self.world.table(BACK, *routes, smtp_connect_timeout=1, use_dns="yes")
+        self.dns({("failing.test", MX): lambda query: reply(query, rcode=2)})
+        self.smtp(SENDERS)
+        expected = {"nowhere": "returned code=1002 left-out=none:no-domain", "failing": "deferred code=1001 left-out=none:lookup-failed",
+                    "second": f"deferred code=1001 left-out=blacklist:{address['absent']}"}
+        for leaf, (script, line) in TOLD.items():
+            if script is not None:
+                self.smtp(address[leaf], script)
+            others = ["<second@absent.test>"] if leaf == "absent" else []
+            self.world.queue(leaf, [*others, f"<{leaf}@{leaf}.test>"], b"line\n" * (800000 if leaf == "stuck" else 1))
+            expected[leaf] = line.replace("R", f"relay={address[leaf]}", 1)
+        for leaf in ("nowhere", "failing"):
+            self.world.queue(leaf, f"<{leaf}@{leaf}.test>")
+        run = self.run_ok()
+        found = (re.match(r"\d+ (\w+) msg=\w+ from=<sender@from.test> to=<(\w+)@[\w.]+>(.*)", line.text) for line in run.log)
+        told = {match[2]: match[1] + re.sub(r" text=.*?(?=( stage=| left-out=|$))", "", match[3])
+                for match in found if match and " code=" in match[3]}
+        self.assertEqual({who: line for who, line in told.items() if "self" not in line}, expected)
+        self.assertEqual(run.lines(" run-ended ")[0].partition(" seconds=")[0].split()[2:],
+                         "entries=17 attempted=17 held=0 delivered=1 return-delivered=3 deferred=14 returned=3 dropped=0".split())
 
 
 class ReturnMail(SystemTest):

@@ -10,9 +10,20 @@ namespace {
 constexpr std::uint32_t kAudience = 2;
 constexpr std::uint32_t kSeverity = 32;
 
+FailedCheck failed{};
+
+const char* orEmpty(const char* text) noexcept {
+    return text != nullptr ? text : "";
+}
+
 } // namespace
 
+const FailedCheck* failedCheck() noexcept {
+    return failed.condition != nullptr ? &failed : nullptr;
+}
+
 void assert_failure(const char* condition, const char* file, std::uint32_t line) {
+    failed = {orEmpty(condition), orEmpty(file), line};
     GW_EVENT event = Reporter::createEvent(MANAGEMENT_CONTEXT, kSeverity, kAudience,
                                            EVENT_SYS_ERROR, Reason_Unknown, nullptr, nullptr);
     event.m_PropertyBag.Set(EPROP_ATTRIBUTE, condition);

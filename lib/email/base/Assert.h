@@ -13,5 +13,15 @@ consteval std::uint32_t contractLine(std::uint32_t number) noexcept {
 
 // Reports one EVENT_SYS_ERROR record with the condition's text, the unit ("lib/email/Sender") and
 // the line, then ends the process with exit status 1. Either text may be null and is then left out
-// of the record. Nothing is logged or printed. Call it only when the check has already failed.
+// of the record. Nothing is logged or printed: failedCheck() lets the program do so while it ends.
+// Call it only when the check has already failed.
 [[noreturn]] void assert_failure(const char* condition, const char* file, std::uint32_t line);
+
+struct FailedCheck {
+    const char* condition; // empty when there was no text
+    const char* file;
+    std::uint32_t line;
+};
+
+// The check that the process is ending for; null when it is not.
+[[nodiscard]] const FailedCheck* failedCheck() noexcept;

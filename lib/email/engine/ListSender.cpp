@@ -141,13 +141,14 @@ SendResult ListSender::attempt(std::istream& text, bool deferred, const char* na
                                Email::QueuedMessage* message) {
     const Attempted scope(queued_, deferred ? message : nullptr);
     MailList failed;
-    refusedBy_.clear();
+    recipients_.forEach([](EmailAddr& rcpt) { rcpt.attempt.reset(); });
     traceLine(LogLine::TraceSending, name);
     messageName = name;
     const bool expired = deferred && CheckTime();
     if (deferred && !expired && tooSoon()) {
         return SEND_DEFERRED;
     }
+    counts_.attempted += deferred ? 1 : 0;
     if (expired && !recipients_.IsEmpty()) {
         logEvent(EV_OVERDUE, nullptr, 0);
         Bounce(recipients_, text);
@@ -192,9 +193,7 @@ SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferre
     if (recipients_.IsEmpty()) {
         return SEND_FINISHED;
     }
-    if (mailscanGlobals::mailLogEnable) {
-        reportDeferred();
-    }
+    reportDeferred();
     if (!deferred) {
         return message != nullptr ? moveOutgoing(*message) : storeNew(text);
     }
@@ -205,11 +204,13 @@ SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferre
 }
 
 void ListSender::reportDeferred() {
+    tellEach(LogLine::Deferred, recipients_);
+    if (!mailscanGlobals::mailLogEnable) {
+        return;
+    }
     for (const EmailAddr* rcpt = recipients_.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        current_ = rcpt;
         logEvent(EV_DEFERRED, rcpt->text(), rcpt->reason);
     }
-    current_ = nullptr;
 }
 
 // A list that could not be rewritten keeps its old content: nobody is lost.

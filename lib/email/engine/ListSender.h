@@ -6,6 +6,7 @@
 // and what a crash leaves of them, stands in docs/spool.md.
 #pragma once
 
+#include "email/engine/RunCounts.h"
 #include "email/smtp/Sender.h"
 #include "email/spool/MailList.h"
 #include "email/spool/QueuedMessage.h"
@@ -14,13 +15,11 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 
 class FileName;
 
 namespace Email {
 class MessageLock;
-enum class LogLine;
 } // namespace Email
 
 // What became of a message.
@@ -90,6 +89,8 @@ public:
     // The errno number of a trouble that would meet the next message as well; 0 while there is
     // none. Nothing more should be tried then.
     [[nodiscard]] int stopped() const noexcept { return stopped_; }
+    // Since its construction, with those of the return mails that it sent.
+    [[nodiscard]] const Email::RunCounts& counts() const noexcept { return counts_; }
 
 protected:
     // Ends the run because of this message, with a line.
@@ -103,6 +104,7 @@ protected:
     Recipients recipients_;
     const Email::MessageLock* listLock_ =
         nullptr; // of the message given to Send(), where it is held
+    Email::RunCounts counts_;
 
 private:
     // One message of a queue directory, up to what becomes of its files.
@@ -128,6 +130,8 @@ private:
     void gather(MailList& accepted, MailList& failed, SMTPcode& code);
     void refuse(std::unique_ptr<EmailAddr> rcpt, MailList& failed, SMTPcode code);
     void refuseAll(MailList& accepted, MailList& failed, SMTPcode code);
+    // The conversation at hand, as the recipients keep it whose fate it decided.
+    [[nodiscard]] std::shared_ptr<const Email::Attempt> attemptAsOfNow() const;
     void reportDelivered(const MailList& accepted, SMTPcode code);
 
     // Returns what failed for good and puts the rest into the deferred queue.
@@ -143,18 +147,14 @@ private:
     // Log lines.
     void tellTrouble(eventId event, int error);
     void traceLine(Email::LogLine line, const char* text) const;
-    void logStep(eventId event, const char* text, int value, int error) const;
+    void logStep(eventId event, const EmailAddr* about, int error) const;
     void reportStep(eventId event, const char* text, int value);
-    void logRecipient(Email::LogLine line, const EmailAddr& rcpt, int code, IPaddress relay) const;
-    void logEach(Email::LogLine line, const MailList& list) const;
-    [[nodiscard]] IPaddress refuserOf(const EmailAddr* rcpt) const;
+    void tellOutcome(Email::LogLine line, const EmailAddr& rcpt, int code,
+                     const Email::Attempt* known);
+    void tellEach(Email::LogLine line, const MailList& list);
 
     Email::QueuedMessage* queued_ = nullptr; // the deferred queue's message that is being attempted
     int deniedTexts_ = 0;                    // in a row
     int stopped_ = 0;
-    bool lookedAhead_ = false;           // in this pass
-    const EmailAddr* current_ = nullptr; // the recipient that a step is about
-    // The server that gave a failed recipient its code in this attempt; without one, none had been
-    // reached. A log line must never show the server of another conversation.
-    std::unordered_map<const EmailAddr*, IPaddress> refusedBy_;
+    bool lookedAhead_ = false; // in this pass
 };

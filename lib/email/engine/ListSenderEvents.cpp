@@ -12,13 +12,10 @@ using Email::LogLine;
 
 namespace {
 
-// These speak for many recipients; whoever raises them has written a line for each.
+// Whoever raises these has written a line for each recipient that they speak for.
 bool hasItsLines(eventId event) {
-    return event == EV_DELIVERED || event == EV_RETURN_DELIVERED || event == EV_NULL_SENDER_DROP;
-}
-
-std::optional<std::string_view> given(const char* text) {
-    return text != nullptr ? std::optional<std::string_view>(text) : std::nullopt;
+    return event == EV_DELIVERED || event == EV_RETURN_DELIVERED || event == EV_DEFERRED ||
+           event == EV_NULL_SENDER_DROP;
 }
 
 } // namespace
@@ -29,13 +26,13 @@ void ListSender::logEvent(eventId event, const char* text, int value) {
         return;
     }
     if (!hasItsLines(event)) {
-        logStep(event, text, value, error);
+        logStep(event, searchingFor, error);
     }
     reportStep(event, text, value);
 }
 
 void ListSender::tellTrouble(eventId event, int error) {
-    logStep(event, nullptr, 0, error);
+    logStep(event, nullptr, error);
     reportStep(event, nullptr, 0);
 }
 
@@ -55,24 +52,27 @@ void ListSender::reportStep(eventId event, const char* text, int value) {
     Reporter::reportEvent(record);
 }
 
-void ListSender::logStep(eventId event, const char* text, int value, int error) const {
+// The conversation belongs to the line only when the line is about it: a file's trouble later on
+// has nothing to do with the server of the recipient before.
+void ListSender::logStep(eventId event, const EmailAddr* about, int error) const {
     const Email::LogRow& row = Email::logRowOf(event);
     if (!Email::lineEnabled(row.line)) {
         return;
     }
     LogFields fields{.message = messageName, .sender = recipients_.GetSender()};
-    fields.recipient = given(current_ != nullptr ? current_->text() : text);
-    fields.relay = event == EV_DEFERRED ? refuserOf(current_) : serverAddress;
-    fields.code = value;
+    if (about != nullptr) {
+        fields.recipient = about->text();
+    }
+    if (about != nullptr || event == EV_TEXT_READ_FAILED) {
+        fields.attempt = &conversation;
+    }
     fields.error = error;
     std::string first;
     std::string second;
     switch (row.line) {
-    case LogLine::ConnectFailed:
-        fields.error = value;
-        break;
     case LogLine::NoGreeting:
         fields.code = greeting;
+        fields.error.reset();
         break;
     case LogLine::Overdue:
         first = std::to_string(DateTime(-1) - recipients_.firstSendTime());
@@ -92,22 +92,18 @@ void ListSender::traceLine(LogLine line, const char* text) const {
     }
 }
 
-void ListSender::logRecipient(LogLine line, const EmailAddr& rcpt, int code,
-                              IPaddress relay) const {
+void ListSender::tellOutcome(LogLine line, const EmailAddr& rcpt, int code,
+                             const Email::Attempt* known) {
+    counts_.count(line);
     Email::writeLine(line, {.message = messageName,
                             .sender = recipients_.GetSender(),
                             .recipient = rcpt.text(),
-                            .relay = relay,
+                            .attempt = known,
                             .code = code});
 }
 
-void ListSender::logEach(LogLine line, const MailList& list) const {
+void ListSender::tellEach(LogLine line, const MailList& list) {
     for (const EmailAddr* rcpt = list.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        logRecipient(line, *rcpt, rcpt->reason, refuserOf(rcpt));
+        tellOutcome(line, *rcpt, rcpt->reason, rcpt->attempt.get());
     }
-}
-
-IPaddress ListSender::refuserOf(const EmailAddr* rcpt) const {
-    const auto found = refusedBy_.find(rcpt);
-    return found != refusedBy_.end() ? found->second : IPaddress::null;
 }

@@ -42,12 +42,9 @@ void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) 
     std::unique_ptr<EmailAddr> first = recipients_.Remove();
     const char* name = first->text();
     traceLine(LogLine::TraceSendingTo, name);
-    current_ = first.get();
-    const bool open = OpenTransport(code, first.get());
-    current_ = nullptr;
-    if (!open) {
+    if (!OpenTransport(code, first.get())) {
         traceLine(LogLine::TraceNoTransport, name);
-        failed.Add(std::move(first), code);
+        refuse(std::move(first), failed, code);
         return;
     }
     traceLine(LogLine::TraceProtocol, name);
@@ -74,9 +71,7 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
         return;
     }
     noteServed();
-    if (mailscanGlobals::mailLogEnable) {
-        reportDelivered(accepted, code);
-    }
+    reportDelivered(accepted, code);
     traceLine(LogLine::TraceEnd, nullptr);
 }
 
@@ -92,15 +87,18 @@ void ListSender::gather(MailList& accepted, MailList& failed, SMTPcode& code) {
     }
 }
 
+std::shared_ptr<const Email::Attempt> ListSender::attemptAsOfNow() const {
+    return conversation.known() ? std::make_shared<const Email::Attempt>(conversation) : nullptr;
+}
+
 void ListSender::refuse(std::unique_ptr<EmailAddr> rcpt, MailList& failed, SMTPcode code) {
-    refusedBy_[rcpt.get()] = serverAddress;
+    rcpt->attempt = attemptAsOfNow();
     failed.Add(std::move(rcpt), code);
 }
 
 void ListSender::refuseAll(MailList& accepted, MailList& failed, SMTPcode code) {
-    for (const EmailAddr* rcpt = accepted.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        refusedBy_[rcpt] = serverAddress;
-    }
+    const auto kept = attemptAsOfNow();
+    accepted.forEach([&kept](EmailAddr& rcpt) { rcpt.attempt = kept; });
     failed.Add(accepted, true, code);
 }
 
@@ -109,7 +107,10 @@ void ListSender::refuseAll(MailList& accepted, MailList& failed, SMTPcode code) 
 void ListSender::reportDelivered(const MailList& accepted, SMTPcode code) {
     const LogLine line = returnMessage ? LogLine::ReturnDelivered : LogLine::Delivered;
     for (const EmailAddr* rcpt = accepted.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        logRecipient(line, *rcpt, code, serverAddress);
+        tellOutcome(line, *rcpt, code, &conversation);
+    }
+    if (!mailscanGlobals::mailLogEnable) {
+        return;
     }
     std::array<char, EmailAddr::kTextSize> names{};
     accepted.AllNames(names.data());

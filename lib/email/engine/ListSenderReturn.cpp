@@ -37,18 +37,19 @@ void ListSender::Bounce(MailList& failed, std::istream& text) {
     checkNotBad(text.bad());
     // Before the lines: a mail that there is no memory for tells nobody anything.
     std::istringstream mail(Email::returnMail(recipients_.GetSender(), failed, text));
-    logEach(Email::LogLine::Returned, failed);
+    tellEach(Email::LogLine::Returned, failed);
     returnEngine.returnMessage = true;
     // The list is kept until here for the lines of a return mail that is neither sent nor queued.
     if (returnEngine.sendNew("<>", recipients_.GetSender(), mail) == SEND_ERROR) {
-        logEach(Email::LogLine::ReturnLost, failed);
+        tellEach(Email::LogLine::ReturnLost, failed);
     }
+    counts_ += returnEngine.counts_;
     failed.Destroy();
 }
 
 // One event speaks for all that are dropped; every recipient gets its line.
 void ListSender::dropFailed(MailList& failed) {
-    logEach(Email::LogLine::Dropped, failed);
+    tellEach(Email::LogLine::Dropped, failed);
     if (const auto first = failed.Remove()) {
         logEvent(EV_NULL_SENDER_DROP, first->text(), first->reason);
     }

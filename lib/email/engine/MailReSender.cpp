@@ -9,6 +9,7 @@
 #include <syslog.h>
 
 #include <array>
+#include <cerrno>
 #include <new>
 
 using Email::QueuedMessage;
@@ -30,6 +31,10 @@ void MailReSender::RetryAll(int traceLevel) {
             break;
         }
         tryFile(entry.get());
+    }
+    if (spool.error() != 0) {
+        Email::writeLine(Email::LogLine::SpoolUnreadable,
+                         {.error = spool.error(), .args = {mailscanGlobals::deferred_mail_path()}});
     }
 }
 
@@ -62,6 +67,7 @@ void MailReSender::passOver(const FileName& entry) {
 void MailReSender::deliverLocked(const FileName& entry, const std::string& lockFile) {
     traceFile(Email::LogLine::TraceAttempting, lockFile);
     const Email::MessageLock lock(lockFile);
+    countEntry(lock);
     if (lock.state() == Email::MessageLock::State::NotOpened && walkTrace_ != 0) {
         Email::writeLine(Email::LogLine::TraceUnableToOpen,
                          {.args = {lockFile, std::to_string(lock.error())}});
@@ -77,6 +83,13 @@ void MailReSender::deliverLocked(const FileName& entry, const std::string& lockF
     Send(entry);
     listLock_ = nullptr;
     traceFile(Email::LogLine::TraceFinished, lockFile);
+}
+
+// What has no recipient file is no message.
+void MailReSender::countEntry(const Email::MessageLock& lock) noexcept {
+    using State = Email::MessageLock::State;
+    counts_.entries += lock.state() == State::NotOpened && lock.error() == ENOENT ? 0 : 1;
+    counts_.held += lock.state() == State::Busy ? 1 : 0;
 }
 
 bool MailReSender::Send(const FileName& entry) {

@@ -7,13 +7,17 @@
 #include "email/engine/ListSender.h"
 #include "email/file/FileName.h"
 
+namespace Email {
+class MessageLock;
+} // namespace Email
+
 class MailReSender : public ListSender {
 public:
     MailReSender() = default;
 
     // Walks the deferred spool once, in the order in which the system lists it, or until stopped().
-    // Entries that appear meanwhile may be seen or not. Non-zero switches the per-file trace lines
-    // on.
+    // Entries that appear meanwhile may be seen or not. A directory that cannot be opened or read
+    // to its end is told in the log. Non-zero switches the per-file trace lines on.
     void RetryAll(int traceLevel);
 
     // Locks and delivers one entry. Left alone without a word: an entry without recipient file, one
@@ -25,6 +29,7 @@ public:
     bool Send(const FileName& entry);
 
 private:
+    void countEntry(const Email::MessageLock& lock) noexcept;
     void traceFile(Email::LogLine line, const std::string& file) const;
     void deliverLocked(const FileName& entry, const std::string& lockFile);
 

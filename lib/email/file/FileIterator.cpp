@@ -1,5 +1,6 @@
 #include "email/file/FileIterator.h"
 
+#include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -46,10 +47,18 @@ DIR* FileIterator::stream() noexcept {
         struct stat status {};
         unopened_ = false;
         currentDir.reset(::opendir(pathname.c_str()));
+        error_ = currentDir ? 0 : errno;
         const bool known = currentDir && ::fstat(::dirfd(currentDir.get()), &status) == 0;
         type_ = known ? typeOf(status.st_mode) : unknownfile;
     }
     return currentDir.get();
+}
+
+const dirent* FileIterator::read(DIR* dir) noexcept {
+    errno = 0; // nothing else tells an error from the end
+    const dirent* entry = ::readdir(dir);
+    error_ = entry != nullptr ? 0 : errno;
+    return entry;
 }
 
 // Null at the end, with the directory closed.
@@ -58,7 +67,7 @@ const char* FileIterator::nextName() {
     if (dir == nullptr) {
         return nullptr;
     }
-    while (const dirent* entry = ::readdir(dir)) {
+    while (const dirent* entry = read(dir)) {
         if (filter(entry->d_name, type_)) {
             return entry->d_name;
         }

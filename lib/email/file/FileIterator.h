@@ -49,6 +49,9 @@ public:
     // The same for a caller that asks nothing about the directory, which costs a system call less
     // for each entry.
     std::unique_ptr<FileIterator> Next();
+    // Why the last Next() gave nothing: errno of a directory that cannot be opened or read any
+    // further, 0 at the end.
+    [[nodiscard]] int error() const noexcept { return error_; }
 
     // Begins anew: the directory is opened again when the next entry is asked for.
     void Reset() noexcept;
@@ -63,8 +66,10 @@ private:
 
     DIR* stream() noexcept;
     const char* nextName();
+    const dirent* read(DIR* dir) noexcept;
 
     std::unique_ptr<DIR, Closer> currentDir;
     filetype type_ = unknownfile; // of the open directory
+    int error_ = 0;
     bool unopened_ = true;
 };

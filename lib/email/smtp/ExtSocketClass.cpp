@@ -128,7 +128,8 @@ void ExtSocketClass::takeSocketError() noexcept {
 // A connect that succeeded at once is waited for as well, and a wait that a signal ended still asks
 // the socket: what it says is the result.
 void ExtSocketClass::finishConnect() noexcept {
-    if (waitFor(theSocket, POLLOUT, kConnectWaitMs) == 0) {
+    connectTimedOut_ = waitFor(theSocket, POLLOUT, kConnectWaitMs) == 0;
+    if (connectTimedOut_) {
         extendedError = EADDRNOTAVAIL;
     } else {
         takeSocketError();
@@ -136,6 +137,7 @@ void ExtSocketClass::finishConnect() noexcept {
 }
 
 void ExtSocketClass::Connect(const sockaddr* address, unsigned short len, int& err) noexcept {
+    connectTimedOut_ = false;
     if (theSocket < 0) {
         err = extendedError = EBADF;
         return;

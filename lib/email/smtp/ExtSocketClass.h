@@ -46,6 +46,9 @@ public:
     // is back in blocking mode afterwards, with SO_KEEPALIVE, and small writes leave at once.
     void Connect(const sockaddr* address, unsigned short len, int& err) noexcept;
 
+    // True when the last Connect() had no answer in time: its 99 is then no error of the system.
+    [[nodiscard]] bool connectTimedOut() const noexcept { return connectTimedOut_; }
+
     // By name or dotted address; port in host order; the last argument is ignored. 2 (ENOENT), or
     // the resolver's errno, when the name does not resolve; only its first address is used.
     void Connect(const char* host, unsigned short port, int& err, int unused) noexcept;
@@ -109,6 +112,7 @@ private:
 
     std::unique_ptr<Email::TlsChannel> channel_;
     std::int32_t extendedError = 0;
+    bool connectTimedOut_ = false;
     std::array<char, kReadBufferSize> readBuffer{}; // received, not handed out; always terminated
     std::int32_t readBufferUsed = 0;
 };

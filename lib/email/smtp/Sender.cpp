@@ -21,6 +21,7 @@
 #include <istream>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -28,7 +29,10 @@ constexpr const char* kUnit = "lib/email/Sender";
 constexpr int kMailPort = 25;
 constexpr long kQuitLimitMs = 1000;
 
+constexpr long kConnectLimit = 30; // seconds, as ExtSocketClass waits
+
 using Clock = std::chrono::steady_clock;
+using Email::Stage;
 
 void store(SMTPcode* code, int value) noexcept {
     if (code != nullptr) {
@@ -102,16 +106,41 @@ bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMT
     if (CommandTimeOut()) {
         static constexpr std::string_view kQuit = "QUIT\r\n";
         WriteN(kQuit.data(), static_cast<int>(kQuit.size()), kQuitLimitMs, err);
+        conversation.error = Email::errorText(ETIME);
         return giveUp(code, TIMEOUTEXPIRED);
     }
     store(code, COMMS_FAILED);
     std::array<char, kCommandLimit> buffer{};
     const std::string_view line = makeLine(buffer, cmd, arg);
-    if (line.empty() || silentReplies_ >= kMaxSilentReplies) {
+    if (line.empty()) {
+        conversation.error = Email::errorText(0, "the command is too long or has a line break");
+        return false;
+    }
+    if (silentReplies_ >= kMaxSilentReplies) {
+        conversation.error = Email::errorText(ETIME, "the server has fallen silent");
         return false;
     }
     WriteN(line.data(), static_cast<int>(line.size()), milliseconds(timeoutSecs), err);
+    if (err != 0) {
+        conversation.error = Email::errorText(err);
+    }
     return err == 0;
+}
+
+void Sender::tellMissingReply(int err, long timeoutSecs) {
+    switch (err) {
+    case 0:
+        conversation.error = Email::errorText(0, "unreadable reply");
+        break;
+    case ETIME:
+        conversation.error = Email::noAnswer(err, timeoutSecs);
+        break;
+    case ENODATA:
+        conversation.error = Email::errorText(err, "the server closed the connection");
+        break;
+    default:
+        conversation.error = Email::errorText(err);
+    }
 }
 
 // The reply's number, or 1001. The buffer takes every line that can come: what a server sends must
@@ -125,8 +154,13 @@ int Sender::readNumber(long timeoutSecs) {
         const int length = ReadLine(line.data(), kReadBufferSize, milliseconds(timeoutSecs), err);
         silentReplies_ = err == ETIME ? silentReplies_ + 1 : 0;
         replyLost_ = replyLost_ || err == ETIME;
-        const auto reply = Email::parseReplyLine({line.data(), static_cast<std::size_t>(length)});
+        const std::string_view text(line.data(), static_cast<std::size_t>(length));
+        if (err == 0) {
+            conversation.reply = text;
+        }
+        const auto reply = Email::parseReplyLine(text);
         if (!reply) {
+            tellMissingReply(err, timeoutSecs);
             return COMMS_FAILED;
         }
         if (!reply->continues) {
@@ -135,6 +169,7 @@ int Sender::readNumber(long timeoutSecs) {
         }
     }
     replyLost_ = true;
+    conversation.error = Email::errorText(0, "a reply without end");
     return COMMS_FAILED;
 }
 
@@ -143,6 +178,7 @@ int Sender::readReply(long timeoutSecs, SMTPcode* code) {
     int number = readNumber(timeoutSecs);
     if (late && number >= 500 && number <= 599) {
         number = COMMS_FAILED;
+        conversation.error = Email::errorText(0, "perhaps the late reply to an earlier command");
     }
     store(code, number);
     return number;
@@ -185,12 +221,16 @@ bool Sender::tryAddress(IPaddress address, int port) {
     beforeConnecting(address);
     serverAddress = address;
     const auto begun = Clock::now();
+    conversation.tryServer(address);
     if (const int err = openSocket(address, port); err != 0) {
+        conversation.error =
+            connectTimedOut() ? Email::noAnswer(err, kConnectLimit) : Email::errorText(err);
         HostList::BlackL.Add(address);
         logEvent(EV_CONNECT_FAILED, nullptr, err);
         CloseTransport();
         return false;
     }
+    conversation.begin(Email::Stage::Greeting);
     if (ReadBanner() && !CommandTimeOut()) {
         heldSince_ = begun;
         logEvent(EV_CONNECTED, nullptr, 0);
@@ -211,7 +251,9 @@ bool Sender::tryOpen(const IPaddressList& list, int port) {
             return false;
         }
         const IPaddress address = list.addr(i);
-        if (!HostList::BlackL.InList(address, true) && tryAddress(address, port)) {
+        if (HostList::BlackL.InList(address, true)) {
+            conversation.passOver(address);
+        } else if (tryAddress(address, port)) {
             return true;
         }
     }
@@ -244,7 +286,15 @@ bool Sender::isThisHost(const char* domain, int port) const noexcept {
 }
 
 bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
-    const bool direct = rcpt->CheckForDirectSend();
+    conversation = {};
+    searchingFor = rcpt;
+    const bool found = findServer(code, *rcpt);
+    searchingFor = nullptr;
+    return found;
+}
+
+bool Sender::findServer(SMTPcode& code, EmailAddr& rcpt) {
+    const bool direct = rcpt.CheckForDirectSend();
     const int port = direct ? mailscanGlobals::mailSendPort : kMailPort;
     if (CommandTimeOut()) {
         code = TIMEOUTEXPIRED;
@@ -253,7 +303,7 @@ bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
     code = COMMS_FAILED;
     logEvent(EV_CHOOSE_SERVER, nullptr, 0);
     std::array<char, EmailAddr::kDomainSize> rcptDomain{};
-    if (!rcpt->GetDomain(rcptDomain.data())) {
+    if (!rcpt.GetDomain(rcptDomain.data())) {
         logEvent(EV_BAD_DOMAIN, nullptr, 0);
         code = BADHOSTNAME;
         return false;
@@ -274,14 +324,14 @@ bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
             return true;
         }
     } else if (HostList::onlyLiteralCharacters(domain)) {
-        return openLiteral(*rcpt);
+        return openLiteral(rcpt);
     }
-    return openRouted(code, domain, *rcpt, direct);
+    return openRouted(code, domain, rcpt, direct);
 }
 
 bool Sender::openLiteral(EmailAddr& rcpt) {
     IPaddressList list;
-    return rcpt.GetMXhosts(list, mailscanGlobals::max_addr_to_try) >= 1 && tryOpen(list, kMailPort);
+    return exchangersOf(rcpt, list) >= 1 && tryOpen(list, kMailPort);
 }
 
 bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct) {
@@ -300,10 +350,21 @@ bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, boo
     if (tryRelays(DomainRelay::fallbackRelays, domain, tried)) {
         return true;
     }
+    if (!conversation.server) {
+        conversation.noneFound("");
+    }
     if (code != MXHOST_NOT_FOUND && CommandTimeOut()) {
         code = TIMEOUTEXPIRED;
     }
     return false;
+}
+
+int Sender::exchangersOf(EmailAddr& rcpt, IPaddressList& list) {
+    const int n = rcpt.GetMXhosts(list, mailscanGlobals::max_addr_to_try);
+    if (rcpt.attempt != nullptr) {
+        conversation.leftOut += rcpt.attempt->leftOut;
+    }
+    return n;
 }
 
 // Only a domain that does not exist, or that has no address at all, is without hope; a look-up that
@@ -311,7 +372,7 @@ bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, boo
 bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
     logEvent(EV_MX_START, nullptr, 0);
     IPaddressList list;
-    const int n = rcpt.GetMXhosts(list, mailscanGlobals::max_addr_to_try);
+    const int n = exchangersOf(rcpt, list);
     if (n == -1 || (n >= 1 && list.count() == 0)) {
         code = MXHOST_NOT_FOUND;
         return false;
@@ -319,26 +380,29 @@ bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
     return tryOpen(list, kMailPort);
 }
 
-bool Sender::command(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code) {
+bool Sender::command(Stage stage, const char* cmd, const char* arg, long timeoutSecs,
+                     SMTPcode* code) {
+    conversation.begin(stage);
     return sendCommand(cmd, arg, timeoutSecs, code) && success(readReply(timeoutSecs, code));
 }
 
 bool Sender::SendHELO(SMTPcode* code) {
-    return command("HELO", HostList::hostName(), mailscanGlobals::MAIL_command_interval, code);
+    return command(Stage::Helo, "HELO", HostList::hostName(),
+                   mailscanGlobals::MAIL_command_interval, code);
 }
 
 // In lower case, and with the blank that every command has before its argument: the gateway's other
 // programs and the filters behind them know its mail by it.
 bool Sender::SendMAIL(const char* from, SMTPcode* code) {
-    return command("mail from:", from, mailscanGlobals::MAIL_command_interval, code);
+    return command(Stage::Mail, "mail from:", from, mailscanGlobals::MAIL_command_interval, code);
 }
 
 bool Sender::SendRCPT(const char* to, SMTPcode* code) {
-    return command("RCPT TO:", to, mailscanGlobals::RCPT_command_interval, code);
+    return command(Stage::Rcpt, "RCPT TO:", to, mailscanGlobals::RCPT_command_interval, code);
 }
 
 bool Sender::SendRSET(SMTPcode* code) {
-    return command("RSET", nullptr, mailscanGlobals::MAIL_command_interval, code);
+    return command(Stage::None, "RSET", nullptr, mailscanGlobals::MAIL_command_interval, code);
 }
 
 bool Sender::SendQUIT(SMTPcode* code) {
@@ -368,17 +432,24 @@ struct Sender::Block {
 // Sends and empties the block. A count that falls short is a failure: a body is never cut silently.
 bool Sender::writeBlock(Block& block) {
     if (theSocket < 0) {
+        conversation.error = Email::errorText(EBADF);
         return false;
     }
     int err = 0;
     const int length = static_cast<int>(block.size());
-    const int sent =
-        WriteN(block.begin, length, milliseconds(mailscanGlobals::DATA_send_interval), err);
+    const long limit = mailscanGlobals::DATA_send_interval;
+    const int sent = WriteN(block.begin, length, milliseconds(limit), err);
     block.end = block.begin;
+    if (err != 0) {
+        conversation.error = Email::errorText(err);
+    } else if (sent != length) {
+        conversation.error = Email::noAnswer(ETIME, limit);
+    }
     return err == 0 && sent == length;
 }
 
-bool Sender::textUnreadable(SMTPcode* code) {
+bool Sender::textUnreadable(SMTPcode* code, std::string why) {
+    conversation.error = std::move(why);
     logEvent(EV_TEXT_READ_FAILED, nullptr, 0);
     return giveUp(code, DATASOURCEERROR);
 }
@@ -396,13 +467,14 @@ bool Sender::sendText(std::istream& message, Block& block, SMTPcode* code) {
             return true;
         }
         if (item.kind == Kind::End) {
-            return reader.consumed() >= messageSize || textUnreadable(code);
+            return reader.consumed() >= messageSize ||
+                   textUnreadable(code, Email::errorText(0, "the text became shorter"));
         }
         if (Semaphore::shuttingDown()) {
             return giveUp(code, COMMS_FAILED);
         }
         if (item.kind == Kind::Error) {
-            return textUnreadable(code);
+            return textUnreadable(code, Email::errorText(errno));
         }
         block.end = shaper.shape(item, block.end);
         if (block.size() >= kBlockSize && !writeBlock(block)) {
@@ -412,17 +484,25 @@ bool Sender::sendText(std::istream& message, Block& block, SMTPcode* code) {
 }
 
 bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
+    conversation.begin(Stage::Data);
     store(code, ACTION_OKA);
     const long limit = mailscanGlobals::DATA_initiation_interval;
-    if (!sendCommand("DATA", nullptr, limit, code) || readReply(limit, code) != START_DATA) {
+    if (!sendCommand("DATA", nullptr, limit, code)) {
         return false;
     }
+    if (const int number = readReply(limit, code); number != START_DATA) {
+        if (success(number)) {
+            conversation.error = Email::errorText(0, "DATA was not answered with 354");
+        }
+        return false;
+    }
+    conversation.begin(Stage::Body);
     message.clear(); // an earlier server's turn ended at the end of the text
     messageSize = GetFileSize(message);
     message.clear();
     message.seekg(0);
     if (!message) {
-        return textUnreadable(code);
+        return textUnreadable(code, Email::errorText(errno));
     }
     if (bodyRoom_ == nullptr) {
         bodyRoom_ = std::make_unique_for_overwrite<char[]>(Block::kRoom);
@@ -440,6 +520,7 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
     if (!writeBlock(block)) {
         return giveUp(code, COMMS_FAILED);
     }
+    conversation.begin(Stage::Dot);
     if (!success(readReply(mailscanGlobals::DATA_final_interval, code))) {
         return false;
     }

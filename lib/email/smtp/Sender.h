@@ -16,6 +16,7 @@
 #include "email/site/HostList.h"
 #include "email/smtp/ExtSocketClass.h"
 #include "email/spool/EmailAddr.h"
+#include "email/telling/Attempt.h"
 
 #include <chrono>
 #include <cstdint>
@@ -106,6 +107,11 @@ protected:
     DateTime commandDeadline;               // DateTime(0): none
     DateTime finalDeadline;                 // kept for the deriving class
     std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
+    // What is known of it, from the search for a server on. QUIT is no step of it.
+    Email::Attempt conversation;
+    // Whom OpenTransport() finds a server for, while it runs: the events that it raises are about
+    // this recipient.
+    const EmailAddr* searchingFor = nullptr;
 
 private:
     // Called before each connection is made: the last moment at which nobody waits.
@@ -114,18 +120,22 @@ private:
     int openSocket(IPaddress address, int port) noexcept;
     bool tryAddress(IPaddress address, int port);
     bool isThisHost(const char* domain, int port) const noexcept;
+    int exchangersOf(EmailAddr& rcpt, IPaddressList& list);
     bool openLiteral(EmailAddr& rcpt);
     bool openExchangers(SMTPcode& code, EmailAddr& rcpt);
     bool openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct);
+    bool findServer(SMTPcode& code, EmailAddr& rcpt);
 
     int readNumber(long timeoutSecs);
-    bool command(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code);
+    bool command(Email::Stage stage, const char* cmd, const char* arg, long timeoutSecs,
+                 SMTPcode* code);
+    void tellMissingReply(int err, long timeoutSecs);
 
     struct Block;
     bool writeBlock(Block& block);
     bool sendText(std::istream& message, Block& block, SMTPcode* code);
     bool giveUp(SMTPcode* code, SMTPcode value) noexcept;
-    bool textUnreadable(SMTPcode* code);
+    bool textUnreadable(SMTPcode* code, std::string why);
 
     std::unique_ptr<char[]> bodyRoom_; // a Block's, kept for the next body
 

@@ -37,6 +37,27 @@ std::string normalised(std::string_view text) {
     return bracketed;
 }
 
+const char* lookUpFailure(eventId event) noexcept {
+    switch (event) {
+    case EV_MX_NO_DOMAIN:
+        return "no-domain";
+    case EV_MX_TEMPFAIL:
+        return "lookup-failed";
+    default:
+        return "no-address";
+    }
+}
+
+// Every server that was found is on the blacklist, or none was found.
+Email::Attempt nobodyToTry(const IPaddressList& found, eventId event) {
+    Email::Attempt attempt;
+    for (int i = 0; i < found.count(); ++i) {
+        attempt.passOver(found.addr(i));
+    }
+    attempt.noneFound(lookUpFailure(event));
+    return attempt;
+}
+
 } // namespace
 
 EmailAddr::EmailAddr(const char* text, std::unique_ptr<EmailAddr> following, SMTPcode code)
@@ -159,10 +180,15 @@ int EmailAddr::lookUpMX(const char* domain) {
     if (domain == nullptr) {
         return -1;
     }
+    IPaddressList all;
     IPaddressList found;
-    MXlookup finder;
-    const int count = finder.getGoodAddr(domain, found, mailscanGlobals::max_addr_to_try);
+    eventId event = EV_NONE;
+    int count = MXlookup().getAddresses(domain, all, kAnyCount, event);
+    if (count >= 1) {
+        count = found.AddNot(all, mailscanGlobals::max_addr_to_try, HostList::BlackL);
+    }
     if (count < 1) {
+        attempt = std::make_shared<const Email::Attempt>(nobodyToTry(all, event));
         return count;
     }
     MXcount_ = static_cast<std::uint8_t>(found.count());

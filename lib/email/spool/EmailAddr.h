@@ -4,6 +4,7 @@
 
 #include "email/base/SMTPcode.h"
 #include "email/site/IPaddressList.h"
+#include "email/telling/Attempt.h"
 
 #include <chrono>
 #include <cstdint>
@@ -72,6 +73,9 @@ private:
 
 public:
     SMTPcode reason;
+    // What the latest attempt came to, once it has ended or servers were left out of it. A copy of
+    // the record has none. Recipients that shared a conversation share it.
+    std::shared_ptr<const Email::Attempt> attempt{};
     std::unique_ptr<EmailAddr> next;
 };
 

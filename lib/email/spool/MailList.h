@@ -64,6 +64,14 @@ public:
     // bytes); ends before the first that does not fit.
     void AllNames(char* buf) const noexcept;
 
+    // Calls `action` with each record, head first.
+    template<typename Action>
+    void forEach(Action action) {
+        for (EmailAddr* record = head_.get(); record != nullptr; record = record->next.get()) {
+            action(*record);
+        }
+    }
+
     // The head record, for walking along `next`; null when empty.
     [[nodiscard]] const EmailAddr* first() const noexcept { return head_.get(); }
 

@@ -16,17 +16,18 @@ namespace Email {
 namespace {
 
 // clang-format off
+#define ATTEMPT " stage=%g error=%e left-out=%l reply=%y"
 constexpr std::array kTable{
     LogRow{LogLine::Delivered, EV_DELIVERED, LOG_INFO, LogGate::MailLog,
-           "delivered msg=%m from=%f to=%t relay=%a code=%c text=%r"},
+           "delivered msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
     LogRow{LogLine::ReturnDelivered, EV_RETURN_DELIVERED, LOG_INFO, LogGate::MailLog,
-           "return-delivered msg=%m from=%f to=%t relay=%a code=%c text=%r"},
+           "return-delivered msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
     LogRow{LogLine::Deferred, EV_DEFERRED, LOG_INFO, LogGate::MailLog,
-           "deferred msg=%m from=%f to=%t relay=%a code=%c text=%r"},
+           "deferred msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
     LogRow{LogLine::Returned, EV_NONE, LOG_NOTICE, LogGate::MailLog,
-           "returned msg=%m from=%f to=%t relay=%a code=%c text=%r"},
+           "returned msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
     LogRow{LogLine::Dropped, EV_NULL_SENDER_DROP, LOG_WARNING, LogGate::Always,
-           "dropped msg=%m from=%f to=%t relay=%a code=%c text=%r"},
+           "dropped msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
     LogRow{LogLine::ReturnLost, EV_NONE, LOG_ERR, LogGate::Always,
            "return-lost msg=%m from=%f to=%t code=%c text=%r"},
 
@@ -51,6 +52,8 @@ constexpr std::array kTable{
     LogRow{LogLine::OutOfMemory, EV_NONE, LOG_ERR, LogGate::Always, "out-of-memory msg=%m"},
     LogRow{LogLine::RunStopped, EV_NONE, LOG_ERR, LogGate::Always,
            "run-stopped msg=%m error=%e"},
+    LogRow{LogLine::SpoolUnreadable, EV_NONE, LOG_ERR, LogGate::Always,
+           "spool-unreadable dir=%q error=%e"},
 
     LogRow{LogLine::SelfSend, EV_SELF_SEND, LOG_WARNING, LogGate::Always,
            "self-send msg=%m from=%f to=%t"},
@@ -59,7 +62,7 @@ constexpr std::array kTable{
     LogRow{LogLine::ConnectFailed, EV_CONNECT_FAILED, LOG_INFO, LogGate::Always,
            "connect-failed msg=%m to=%t relay=%a error=%e"},
     LogRow{LogLine::NoGreeting, EV_NO_GREETING, LOG_INFO, LogGate::Always,
-           "no-greeting msg=%m to=%t relay=%a code=%c text=%r"},
+           "no-greeting msg=%m to=%t relay=%a code=%c text=%r error=%e reply=%y"},
 
     LogRow{LogLine::FewerWorkers, EV_NONE, LOG_NOTICE, LogGate::Always,
            "fewer-workers wanted=%s used=%s because=%s"},
@@ -94,6 +97,12 @@ constexpr std::array kTable{
            "direct-send msg=%m to=%t"},
     LogRow{LogLine::OtherEvent, EV_NONE, LOG_ERR, LogGate::Always,
            "event=%s msg=%m from=%f"},
+
+    LogRow{LogLine::RunEnded, EV_NONE, LOG_INFO, LogGate::Always,
+           "run-ended entries=%s attempted=%s held=%s delivered=%s return-delivered=%s deferred=%s"
+           " returned=%s dropped=%s seconds=%s"},
+    LogRow{LogLine::Stopped, EV_NONE, LOG_ERR, LogGate::Always,
+           "stopped status=%s reason=\"%s\""},
 
     LogRow{LogLine::TracePathTooLong, EV_NONE, LOG_INFO, LogGate::Trace,
            "Unable to resolve pathname for a file"},
@@ -132,6 +141,7 @@ constexpr std::array kTable{
     LogRow{LogLine::TraceNextAttempt, EV_NONE, LOG_INFO, LogGate::Trace,
            "   NextAttempt %s (%s) < %s (%s) IN %s seconds = %s"},
 };
+#undef ATTEMPT
 // clang-format on
 
 constexpr bool inOrder() {
@@ -146,37 +156,35 @@ static_assert(inOrder());
 
 constexpr std::size_t kPidWidth = 5; // digits, with leading zeros
 
+// What would end a field or begin another one.
+constexpr std::string_view kFieldMarks = " =<>\"'\\";
+
 const LogRow& rowOf(LogLine line) noexcept {
     return kTable[static_cast<std::size_t>(line)];
 }
 
 std::string leafOf(std::string_view path) {
-    return printable(path.substr(path.rfind('/') + 1), kFieldLimit);
+    return nameField(path.substr(path.rfind('/') + 1));
 }
 
-std::string bracketed(std::string_view address) {
-    const std::string text = printable(address, kFieldLimit);
-    return address.starts_with('<') ? text : "<" + text + ">";
+// Readable in its quotes; what could end them or pass for a field is escaped.
+std::string quoted(std::string_view text) {
+    return '"' + printable(text, kFieldLimit, "\"'\\=<>") + '"';
 }
 
-std::string relayText(IPaddress relay) {
+std::string serverText(IPaddress server) {
     std::array<char, IPaddress::kTextSize> text{};
-    relay.format(text.data());
+    server.format(text.data());
     return text.data();
 }
 
-std::string codeText(int code) {
-    if (code >= 200 && code <= 299) {
-        return "Accepted";
-    }
-    return code == IDS_NO_REASON ? "Not tried yet" : smtpString(static_cast<SMTPcode>(code));
+bool isAccepted(int code) noexcept {
+    return code >= 200 && code <= 299;
 }
 
-std::string errorText(int error) {
+std::string systemError(int error) {
     // Without a system error it is what stands in the file that cannot be used.
-    const std::string reason =
-        error == 0 ? "unusable content" : std::generic_category().message(error);
-    return std::to_string(error) + " (" + reason + ")";
+    return error == 0 ? errorText(0, "unusable content") : errorText(error);
 }
 
 template<typename Value, typename Text>
@@ -187,7 +195,7 @@ std::optional<std::string> textOf(const std::optional<Value>& value, Text text) 
 // Fills one line in, conversion by conversion.
 class LineWriter {
 public:
-    explicit LineWriter(const LogFields& fields) : fields_(fields) {}
+    LineWriter(LogLine line, const LogFields& fields) : line_(line), fields_(fields) {}
 
     void append(std::string_view text, std::string& out) {
         for (;;) {
@@ -211,23 +219,58 @@ private:
         case 'm':
             return textOf(fields_.message, leafOf);
         case 'f':
-            return textOf(fields_.sender, bracketed);
+            return textOf(fields_.sender, addressField);
         case 't':
-            return textOf(fields_.recipient, bracketed);
-        case 'a':
-            return fields_.relay == IPaddress::null ? std::nullopt
-                                                    : std::optional(relayText(fields_.relay));
+            return textOf(fields_.recipient, addressField);
         case 'c':
             return textOf(fields_.code, [](int code) { return std::to_string(code); });
         case 'r':
-            return textOf(fields_.code, codeText);
+            return textOf(fields_.code, [this](int code) { return codeText(code); });
         case 'e':
-            return textOf(fields_.error, errorText);
-        default:
+            return attempt().error.empty() ? textOf(fields_.error, systemError)
+                                           : printable(attempt().error, kFieldLimit);
+        case 'q':
+            return quoted(fields_.args.at(used_++));
+        case 's':
             return printable(fields_.args.at(used_++), kFieldLimit);
+        default:
+            return attemptValue(conversion);
         }
     }
 
+    std::optional<std::string> attemptValue(char conversion) const {
+        switch (conversion) {
+        case 'a':
+            return textOf(attempt().server, serverText);
+        case 'g':
+            return given(stageName(attempt().stage), nameField);
+        case 'l':
+            return given(attempt().leftOut, nameField);
+        default:
+            return given(attempt().reply, quoted);
+        }
+    }
+
+    // The code in words. One of 200 to 299 that did not settle the matter was not what was due.
+    std::string codeText(int code) const {
+        if (isAccepted(code)) {
+            const bool served = line_ == LogLine::Delivered || line_ == LogLine::ReturnDelivered;
+            return served ? "Accepted" : "Unexpected reply";
+        }
+        return code == IDS_NO_REASON ? "Not tried yet" : smtpString(static_cast<SMTPcode>(code));
+    }
+
+    template<typename Text>
+    static std::optional<std::string> given(std::string_view value, Text text) {
+        return value.empty() ? std::nullopt : std::optional<std::string>(text(value));
+    }
+
+    const Attempt& attempt() const noexcept {
+        static const Attempt kNone;
+        return fields_.attempt != nullptr ? *fields_.attempt : kNone;
+    }
+
+    const LogLine line_;
     const LogFields& fields_;
     std::size_t used_ = 0;
 };
@@ -245,10 +288,20 @@ const LogRow& logRowOf(eventId event) noexcept {
     return row != kTable.end() ? *row : rowOf(LogLine::OtherEvent);
 }
 
+std::string nameField(std::string_view name) {
+    return printable(name, kFieldLimit, kFieldMarks);
+}
+
+std::string addressField(std::string_view address) {
+    address.remove_prefix(address.starts_with('<') ? 1 : 0);
+    address.remove_suffix(address.ends_with('>') ? 1 : 0);
+    return '<' + nameField(address) + '>';
+}
+
 std::string formatLine(LogLine line, const LogFields& fields) {
     std::string out = std::to_string(::getpid());
     out.insert(0, kPidWidth - std::min(out.size(), kPidWidth), '0').append(1, ' ');
-    LineWriter(fields).append(rowOf(line).text, out);
+    LineWriter(line, fields).append(rowOf(line).text, out);
     return out;
 }
 

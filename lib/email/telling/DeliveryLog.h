@@ -4,11 +4,15 @@
 //
 // An outcome line is a fixed word and name=value fields in a fixed order, so that the story of one
 // message or of one recipient can be found with grep. A recipient gets exactly one outcome line per
-// attempt: delivered, return-delivered, deferred, returned or dropped.
+// attempt: delivered, return-delivered, deferred, returned or dropped. It is enough by itself: it
+// tells with which server, how far the conversation came and what the server said.
+//
+// A value from outside can neither end its field nor begin another one: blanks, "=", "<", ">",
+// quotes and backslashes in it are escaped like bytes that cannot be printed.
 #pragma once
 
-#include "email/base/IPaddress.h"
 #include "email/base/eventId.h"
+#include "email/telling/Attempt.h"
 
 #include <array>
 #include <optional>
@@ -38,6 +42,7 @@ enum class LogLine {
     DeleteFailed,
     OutOfMemory,
     RunStopped,
+    SpoolUnreadable,
     // Conversations
     SelfSend,
     BadDomain,
@@ -61,6 +66,9 @@ enum class LogLine {
     ChooseServer,
     DirectSend,
     OtherEvent,
+    // The run
+    RunEnded,
+    Stopped,
     // Trace of the walk and of one message
     TracePathTooLong,
     TraceAttempting,
@@ -91,9 +99,10 @@ enum class LogGate {
 };
 
 // One line. In the text, %m is the message's leaf name, %f the envelope sender, %t the recipient,
-// %a the relay's address, %c the result code, %r that code in words, %e an errno number and its
-// text, and each %s the next of the further texts. A name=value field whose value is not given is
-// left out.
+// %a the server's address, %c the result code, %r that code in words, %g the stage, %e an errno
+// number and its text, %l the servers left out, %y the server's reply in quotes, each %s the next
+// of the further texts and each %q the same in quotes. A name=value field whose value is not given
+// is left out.
 struct LogRow {
     LogLine line;
     eventId event; // the event that raises it, EV_NONE for a line without one
@@ -108,19 +117,24 @@ struct LogRow {
 // The row of an event; OtherEvent's for an event without one.
 [[nodiscard]] const LogRow& logRowOf(eventId event) noexcept;
 
-// The values of one line. Texts come from outside: each is made printable and cut to kFieldLimit
-// bytes before it is written.
+// The values of one line. Texts come from outside: each is made safe and cut to kFieldLimit bytes
+// before it is written; of the further texts, %s is made printable only.
 struct LogFields {
     std::optional<std::string_view> message{}; // a path or a bare name
     std::optional<std::string_view> sender{};  // brackets are added where there are none
     std::optional<std::string_view> recipient{};
-    IPaddress relay{}; // null: not connected
+    const Attempt* attempt = nullptr; // server, stage, error, servers left out, reply
     std::optional<int> code{};
-    std::optional<int> error{};
-    std::array<std::string_view, 6> args{};
+    std::optional<int> error{}; // errno; the attempt's own error goes before it
+    std::array<std::string_view, 9> args{};
 };
 
 inline constexpr std::size_t kFieldLimit = 256;
+
+// A name as it stands in a field, and an address, with the angle brackets that are added to it or
+// were around it.
+[[nodiscard]] std::string nameField(std::string_view name);
+[[nodiscard]] std::string addressField(std::string_view address);
 
 // The whole line, process id included, whatever its gate.
 [[nodiscard]] std::string formatLine(LogLine line, const LogFields& fields);

@@ -41,8 +41,8 @@ TEST_F(Engine, AnswersNoNullSender) {
     EXPECT_TRUE(send("m1"));
     EXPECT_EQ(names(), "m1 m1.rmd ");
     EXPECT_EQ(envelope("m1"), "< >\n<x@far.test>\t1001\n");
-    EXPECT_EQ(linesWith("<28> dropped msg=m1 from=< > to=<one> code=1003 "), 1);
-    EXPECT_EQ(linesWith("<28> dropped msg=m1 from=< > to=<two> code=1003 "), 1);
+    EXPECT_EQ(linesWith("<28> dropped msg=m1 from=<%20> to=<one> code=1003 "), 1);
+    EXPECT_EQ(linesWith("<28> dropped msg=m1 from=<%20> to=<two> code=1003 "), 1);
     const auto isDrop = [](const GW_EVENT& event) {
         return event.m_EventID == 125 && bagOf(event).find(" 13=1003 ") != std::string::npos;
     };

@@ -7,18 +7,36 @@ namespace {
 
 using Email::LogLine;
 
-TEST(LogLines, HoldTheirFieldsInOrderAndLeaveOutTheMissing) {
+TEST(LogLines, HoldTheirFieldsInOrderAndLeaveOutTheMissingAndCannotBeForged) {
     const std::string tooLong = "<\xff" + std::string(300, 'x');
-    const std::string cut = "%FF" + std::string(249, 'x') + "...";
+    const std::string cut = "%FF" + std::string(250, 'x') + "...>";
+    const Email::Attempt refused{.server = IPaddress(),
+                                 .stage = Email::Stage::Rcpt,
+                                 .reply = "450 4.2.1 \"x\" to=<r@b.test>\r"};
+    const Email::Attempt broken{.server = IPaddress(0x0100007FU),
+                                .stage = Email::Stage::Dot,
+                                .error = Email::noAnswer(62, 30)};
+    const Email::Attempt leftOut{.leftOut = "blacklist:127.0.0.2,127.0.0.3"};
+    const Email::Attempt served{
+        .server = IPaddress(0x0100007FU), .stage = Email::Stage::Dot, .reply = "250 ok"};
     // clang-format off
     const std::tuple<LogLine, Email::LogFields, std::string> cases[] = {
         {LogLine::Delivered,
          {.message = "/q/dir/m1", .sender = "<s@a.test>", .recipient = "r@b.test",
-          .relay = IPaddress(0x0100007FU), .code = 250},
-         "delivered msg=m1 from=<s@a.test> to=<r@b.test> relay=127.0.0.1 code=250 text=Accepted"},
+          .attempt = &served, .code = 250},
+         "delivered msg=m1 from=<s@a.test> to=<r@b.test> relay=127.0.0.1 code=250 text=Accepted stage=dot reply=\"250 ok\""},
+        {LogLine::Deferred, {.message = "a b=c", .recipient = "<\"x y\"> to=<v@b.test>", .attempt = &refused, .code = 450},
+         "deferred msg=a%20b%3Dc to=<%22x%20y%22%3E%20to%3D%3Cv@b.test> relay=0.0.0.0 code=450"
+         " text=Requested mail action not taken: mailbox unavailable. [SMTP Error Code 450]"
+         " stage=RCPT reply=\"450 4.2.1 %22x%22 to%3D%3Cr@b.test%3E%0D\""},
+        {LogLine::Deferred, {.attempt = &broken, .code = 250},
+         "deferred relay=127.0.0.1 code=250 text=Unexpected reply stage=dot error=62 (no answer in 30 s)"},
+        {LogLine::Returned, {.attempt = &leftOut, .code = 571},
+         "returned code=571 text=Unknown SMTP code 571 left-out=blacklist:127.0.0.2,127.0.0.3"},
+        {LogLine::SpoolUnreadable, {.error = 2, .args = {"/a \"b=\""}},
+         "spool-unreadable dir=\"/a %22b%3D%22\" error=2 (No such file or directory)"},
         {LogLine::Deferred, {.message = "m", .sender = "", .recipient = "<r@b.test>", .code = -1},
          "deferred msg=m from=<> to=<r@b.test> code=-1 text=Not tried yet"},
-        {LogLine::Returned, {.code = 571}, "returned code=571 text=Unknown SMTP code 571"},
         {LogLine::TraceUnableToOpen, {.args = {"/q/m", "13"}}, "Unable to open '/q/m' error '13'"},
         {LogLine::NoGreeting, {}, "no-greeting"},
         {LogLine::SelfSend, {.message = "\n%", .recipient = tooLong}, "self-send msg=%0A%25 to=<" + cut}};
@@ -40,7 +58,7 @@ TEST_F(Spool, LinesAreOnTheirPageAndOnlyOutcomesAreSilencedAndOnlyProgressNeedsD
             EXPECT_NE(page.find(entry), std::string::npos) << entry;
             Email::writeLine(row.line, {});
         }
-        EXPECT_EQ(linesWith(" delivered") + linesWith(" returned"), mailLog ? 2 : 0);
+        EXPECT_EQ(linesWith("> delivered") + linesWith("> returned"), mailLog ? 2 : 0);
         EXPECT_EQ(linesWith(" connected"), mailLog ? 0 : 1);
         EXPECT_EQ(loggedLines.size(), Email::logTable().size() - (mailLog ? 11 : 4));
     }
