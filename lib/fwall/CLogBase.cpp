@@ -21,20 +21,23 @@ CLogBase::CLogBase(int options) {
     if ((options & LOG_NDELAY) == 0) {
         return;
     }
-    if (const int error = OpenLogFile(); error != 0) {
+    if (const int error = openSocket(); error != 0) {
         syslog(LOG_ERR, "Failed to create stdlog socket %s, EXIT FROM SENDLOG",
                std::strerror(error));
         std::exit(1);
     }
 }
 
-int CLogBase::OpenLogFile() {
+int CLogBase::openSocket() noexcept {
     socket_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (socket_.valid()) {
-        return 0;
+    return socket_.valid() ? 0 : errno;
+}
+
+int CLogBase::OpenLogFile() {
+    const int error = openSocket();
+    if (error != 0) {
+        syslog(LOG_ERR, "Failed to create stdlog socket %s", std::strerror(error));
     }
-    const int error = errno;
-    syslog(LOG_ERR, "Failed to create stdlog socket %s", std::strerror(error));
     return error;
 }
 

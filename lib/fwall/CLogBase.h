@@ -39,6 +39,8 @@ protected:
     void setMode(int mode) noexcept { mode_ = mode; }
 
 private:
+    int openSocket() noexcept;
+
     UniqueFd socket_;
     sockaddr_un address_{};
     int mode_ = LOG_MODE_SYSTEM;

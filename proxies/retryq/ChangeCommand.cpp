@@ -3,6 +3,7 @@
 #include "email/site/mailscanGlobals.h"
 #include "email/spool/MessageLock.h"
 #include "email/spool/QueuedMessage.h"
+#include "email/telling/DeliveryLog.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/DueNow.h"
@@ -24,22 +25,23 @@ using Email::MessageLock;
 
 constexpr std::size_t kShown = 256;
 
-// The person behind the command, also behind sudo.
+// The person behind the command, also behind sudo; whoever calls can claim that, so that the line
+// has the real user's number as well.
 std::string operatorName() {
     const char* const behind = std::getenv("SUDO_USER");
     if (behind != nullptr && *behind != '\0') {
-        return printable(behind, kShown);
+        return behind;
     }
     const passwd* const user = ::getpwuid(::getuid());
-    return user == nullptr ? std::to_string(::getuid()) : printable(user->pw_name, kShown);
+    return user == nullptr ? std::to_string(::getuid()) : user->pw_name;
 }
 
 // In the form of retryer's own lines, so that one grep finds the whole story of a message.
 void logChange(const char* word, const Message& message, const std::string& rest) {
-    ::syslog(LOG_DAEMON | LOG_NOTICE, "%05d %s msg=%s from=%s %s by=%s",
-             static_cast<int>(::getpid()), word, printable(message.leaf, kShown).c_str(),
-             message.sender.empty() ? "<>" : printable(message.sender, kShown).c_str(),
-             rest.c_str(), operatorName().c_str());
+    ::syslog(LOG_DAEMON | LOG_NOTICE, "%05d %s msg=%s from=%s %s by=%s uid=%u",
+             static_cast<int>(::getpid()), word, Email::nameField(message.leaf).c_str(),
+             Email::addressField(message.sender).c_str(), rest.c_str(),
+             Email::nameField(operatorName()).c_str(), static_cast<unsigned>(::getuid()));
 }
 
 // Puts the question; true for yes.
@@ -87,7 +89,7 @@ private:
             return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(*trouble));
         }
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
-            logChange("removed", message, "to=" + printable(r->text(), kShown));
+            logChange("removed", message, "to=" + Email::addressField(r->text()));
         }
         if (recipients.IsEmpty()) {
             logChange("removed", message, "to=-");

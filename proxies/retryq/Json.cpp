@@ -5,7 +5,7 @@
 namespace Retryq {
 
 void writeJson(std::ostream& out, const Json& object) {
-    out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+    out << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
 }
 
 std::vector<Recipient> copyOf(const Recipients& recipients) {

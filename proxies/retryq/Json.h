@@ -1,4 +1,5 @@
-// JSON output: one object a line. Bytes that are no UTF-8 become the replacement character.
+// JSON output: one object a line, in ASCII: whatever else a name holds is escaped, so that nothing
+// in the spool can steer a terminal. Bytes that are no UTF-8 become the replacement character.
 #pragma once
 
 #include "retryq/Queue.h"

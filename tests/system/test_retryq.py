@@ -53,10 +53,10 @@ class Queue(SystemTest):
         self.world.queue("m", [("<u@x.test>", 450), ("<v@x.test>", 1001)], first=-3000, last=-60, tries=7)
         before = self.world.rmd("m")
         self.assertEqual(self.objects("list")[0]["state"], "waiting")
-        run = self.retryq("retry", "m", "-y")
+        run = self.retryq("retry", "m", "-y", env={"SUDO_USER": "x uid=7"})
         line, = run.log
         self.assertEqual((line.priority, line.ident), (DAEMON_NOTICE, "retryq"))
-        self.assertRegex(line.text, r"^\d{5,} made-due msg=m from=<sender@from.test> latest-try=\S+Z by=root$")
+        self.assertRegex(line.text, r"^\d{5,} made-due msg=m from=<sender@from.test> latest-try=\S+Z by=x%20uid%3D7 uid=0$")
         after = self.world.rmd("m")
         self.assertEqual(self.objects("list")[0]["state"], "due")
         self.assertEqual((after.first, after.tries, after.sender, after.recipients),
@@ -74,7 +74,7 @@ class Queue(SystemTest):
         run = self.retryq("remove", "--yes", "m", "n", "../stays", "missing", status=1)
         self.assertEqual(sorted(self.world.spool()), ["stays", "stays.rmd"])
         self.assertEqual(len(run.lines(" removed msg=")), 4)
-        self.assertEqual(len(run.lines(" removed msg=m ", "to=<u@x.test>", "by=root")), 1)
+        self.assertEqual(len(run.lines(" removed msg=m ", "to=<u@x.test>", "by=root uid=0")), 1)
 
     def test_a_held_message_is_told_and_left_alone(self):
         self.world.queue("m", "<u@x.test>", last=-60)

@@ -10,13 +10,20 @@ namespace {
 constexpr wchar_t replacement = 0xFFFD;
 
 std::string escaped(wchar_t c, bool json) {
+    const bool wide = json || c > 0xFF;
     char text[16];
-    std::snprintf(text, sizeof text, "%02x", static_cast<unsigned>(c));
-    return (json ? "\\u00" : "\\x") + std::string(text);
+    std::snprintf(text, sizeof text, wide ? "\\u%04x" : "\\x%02x", static_cast<unsigned>(c));
+    return text;
+}
+
+// Line and paragraph separator, and what turns the direction of writing.
+bool isLayout(wchar_t c) {
+    return c == 0x61C || c == 0x200E || c == 0x200F || (c >= 0x2028 && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
 }
 
 bool isControl(wchar_t c) {
-    return (c >= 0 && c < 0x20) || (c >= 0x7F && c < 0xA0);
+    return (c >= 0 && c < 0x20) || (c >= 0x7F && c < 0xA0) || isLayout(c);
 }
 
 void appendUtf8(std::string& out, wchar_t c) {
@@ -56,8 +63,8 @@ void RecordWriter::begin(std::string_view kind, std::uint64_t offset) {
         out_ << "{\"kind\":\"" << kind << "\",\"offset\":" << offset;
     else
         out_ << kind << " at offset " << offset << '\n';
-    first_ = false;
     depth_ = 1;
+    names_.assign(1, {"kind", "offset"});
 }
 
 void RecordWriter::end() {
@@ -68,13 +75,13 @@ void RecordWriter::end() {
 void RecordWriter::open(std::string_view group) {
     name(group);
     out_ << (json_ ? "{" : "\n");
-    first_ = true;
+    names_.emplace_back();
     ++depth_;
 }
 
 void RecordWriter::close() {
     --depth_;
-    first_ = false;
+    names_.pop_back();
     if (json_)
         out_ << '}';
 }
@@ -132,7 +139,8 @@ void RecordWriter::damage(std::uint64_t offset, std::string_view what) {
 
 void RecordWriter::name(std::string_view field, std::string_view type) {
     if (json_) {
-        out_ << (first_ ? "\"" : ",\"") << printable(decodeText(field), true) << "\":";
+        out_ << (names_.back().empty() ? "\"" : ",\"")
+             << onlyName(printable(decodeText(field), true)) << "\":";
         if (!type.empty())
             out_ << "{\"type\":\"" << type << "\",\"value\":";
     } else {
@@ -142,7 +150,13 @@ void RecordWriter::name(std::string_view field, std::string_view type) {
             out_ << " (" << type << ')';
         out_ << ':';
     }
-    first_ = false;
+}
+
+std::string RecordWriter::onlyName(const std::string& name) {
+    std::string only = name;
+    for (int number = 2; !names_.back().insert(only).second; ++number)
+        only = name + '#' + std::to_string(number);
+    return only;
 }
 
 void RecordWriter::value(std::wstring_view characters) {

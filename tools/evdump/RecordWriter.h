@@ -1,12 +1,15 @@
 // The two forms in which evdump shows a record: indented text for people, or one JSON object a
-// line for programs. Whatever a record holds, the output is valid UTF-8 without control
-// characters, so that nothing on the wire can steer a terminal.
+// line for programs. Whatever a record holds, the output is valid UTF-8 without control characters
+// and without those that end a line or turn its direction, so that nothing on the wire can steer a
+// terminal. A name that comes again in a JSON object gets its number: "zip", "zip#2".
 #pragma once
 
 #include <cstdint>
 #include <ostream>
+#include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class RecordWriter {
 public:
@@ -36,12 +39,13 @@ public:
 private:
     // Writes a field's name; the value follows.
     void name(std::string_view name, std::string_view type = {});
+    std::string onlyName(const std::string& name);
     void value(std::wstring_view text);
     void endField();
 
     std::ostream& out_;
     bool json_;
-    bool first_ = true; // of the fields in the innermost group
+    std::vector<std::set<std::string>> names_; // of the open groups' fields, in JSON
     int depth_ = 0;
 };
 

@@ -301,7 +301,7 @@ TEST_F(Logging, WaitsForAFullCollectorLosesARecordAndEndsTheProcessWithoutSocket
                 "<3> Failed to create stdlog socket Too many open files\n"
                 "<3> Failed to open stdlog socket Too many open files, EXIT FROM SENDLOG.");
     EXPECT_EXIT(G_OpenLog("ident", nullptr, LOG_NDELAY, LOG_MAIL), testing::ExitedWithCode(1),
-                "<3> Failed to create stdlog socket Too many open files, EXIT FROM SENDLOG");
+                "^<3> Failed to create stdlog socket Too many open files, EXIT FROM SENDLOG");
     noSockets = false;
     EXPECT_EXIT((allocationsLeft = 0, G_OpenLog(nullptr, nullptr, 0, LOG_USER)),
                 testing::ExitedWithCode(1), "<3> Failed to create log object");
