@@ -68,7 +68,7 @@ class Command(SystemTest):
         self.smtp("127.0.0.2", {"rcpt": {"busy": "450 no", "bad": "550 no"}})
         self.world.queue("m", ["<u@x.test>", "<busy@x.test>", "<bad@x.test>"])
         self.assertEqual([PID.sub("", line.text)[:-1] for line in self.run_ok().log],
-                         ["run-ended entries=1 attempted=1 held=0 delivered=1 return-delivered=1 deferred=1 returned=1 dropped=0 seconds="])
+                         ["walk-ended entries=1 attempted=1 held=0 delivered=1 return-delivered=1 deferred=1 returned=1 dropped=0 seconds="])
 
     def test_a_limit_of_file_size_ends_no_run(self):
         self.world.table("domain-relay * 127.0.0.2")

@@ -113,7 +113,7 @@ class Told(SystemTest):
         told = {match[2]: match[1] + re.sub(r" text=.*?(?=( stage=| left-out=|$))", "", match[3])
                 for match in found if match and " code=" in match[3]}
         self.assertEqual({who: line for who, line in told.items() if "self" not in line}, expected)
-        self.assertEqual(run.lines(" run-ended ")[0].partition(" seconds=")[0].split()[2:],
+        self.assertEqual(run.lines(" walk-ended ")[0].partition(" seconds=")[0].split()[2:],
                          "entries=17 attempted=17 held=0 delivered=1 return-delivered=3 deferred=14 returned=3 dropped=0".split())
 
 

@@ -50,7 +50,7 @@ void tellRunEnd(const RunCounts& counts, long seconds) {
         texts[i] = std::to_string(i < kCounts.size() ? counts.*kCounts[i] : seconds);
         fields.args[i] = texts[i];
     }
-    writeLine(LogLine::RunEnded, fields);
+    writeLine(LogLine::WalkEnded, fields);
 }
 
 } // namespace Email

@@ -98,8 +98,8 @@ constexpr std::array kTable{
     LogRow{LogLine::OtherEvent, EV_NONE, LOG_ERR, LogGate::Always,
            "event=%s msg=%m from=%f"},
 
-    LogRow{LogLine::RunEnded, EV_NONE, LOG_INFO, LogGate::Always,
-           "run-ended entries=%s attempted=%s held=%s delivered=%s return-delivered=%s deferred=%s"
+    LogRow{LogLine::WalkEnded, EV_NONE, LOG_INFO, LogGate::Always,
+           "walk-ended entries=%s attempted=%s held=%s delivered=%s return-delivered=%s deferred=%s"
            " returned=%s dropped=%s seconds=%s"},
     LogRow{LogLine::Stopped, EV_NONE, LOG_ERR, LogGate::Always,
            "stopped status=%s reason=\"%s\""},

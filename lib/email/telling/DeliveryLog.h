@@ -67,7 +67,7 @@ enum class LogLine {
     DirectSend,
     OtherEvent,
     // The run
-    RunEnded,
+    WalkEnded,
     Stopped,
     // Trace of the walk and of one message
     TracePathTooLong,
