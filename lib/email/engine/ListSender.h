@@ -97,7 +97,7 @@ protected:
     void stop(const char* message, int error);
 
     // The recipient that the event at hand is about; null for one about the message.
-    [[nodiscard]] const EmailAddr* currentRecipient() const noexcept { return current_; }
+    [[nodiscard]] const EmailAddr* currentRecipient() const noexcept { return searchingFor; }
 
     int trace = 0;
     bool returnMessage = false; // this engine sends a return mail
