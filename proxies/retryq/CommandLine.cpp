@@ -165,10 +165,15 @@ void addJudging(CLI::App& app, CommandLine& line) {
                    [](Line, In context) { return check(context); });
     addForAnyTable(app, line, "settings", "every key of the rule table that retryer reads",
                    [](Line, In context) { return showSettings(context); });
-    add(app, line, "metrics", "figures for Prometheus",
-        [](Line given, In context) { return metrics(context, firstWord(given)); })
-        ->add_option("FILE", line.words, "written by rename; standard output without")
+    CLI::App* const metrics =
+        add(app, line, "metrics", "figures for Prometheus", [](Line given, In context) {
+            return Retryq::metrics(context, firstWord(given), given.history);
+        });
+    metrics->add_option("FILE", line.words, "written by rename; standard output without")
         ->expected(0, 1);
+    metrics->add_option("--counters", line.history.counters,
+                        "count outcomes from the log, and keep the counters in this file");
+    metrics->add_option("--log", line.history.files, "log files; the journal without");
 }
 
 void addCommands(CLI::App& app, CommandLine& line) {

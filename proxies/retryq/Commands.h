@@ -81,9 +81,6 @@ struct RunOptions {
 // Tries what is due, with many conversations at once. The status is the worst of its workers'.
 int run(const Context& context, const RunOptions& options);
 
-// The queue's figures in the text format of Prometheus, to standard output, or durably to a file.
-int metrics(const Context& context, const std::string& file);
-
 // Reports that the spool cannot be opened (errno tells why); kTrouble.
 int cannotOpenSpool(const Context& context);
 

@@ -16,6 +16,7 @@ struct History {
     std::vector<std::string> files; // empty: the journal, or the usual log files without one
     std::size_t top = 10;           // rows of each table
     std::string svg;                // a file for the picture
+    std::string counters;           // the file that keeps metrics' counters; empty: none are kept
 };
 
 // Figures of what became of recipients.
@@ -23,6 +24,10 @@ int report(const Context& context, const History& history);
 
 // Everything that happened to a message or an address, in order.
 int story(const Context& context, const History& history, const std::string& about);
+
+// The queue's figures in the text format of Prometheus, to standard output, or durably to a file;
+// with counters of what the log tells when they are kept.
+int metrics(const Context& context, const std::string& file, const History& history);
 
 // When the part that is asked for begins. False, with a word on standard error, when it makes no
 // sense.

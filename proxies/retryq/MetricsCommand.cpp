@@ -1,5 +1,8 @@
 #include "email/file/FileReplacement.h"
-#include "retryq/Commands.h"
+#include "retryq/History.h"
+#include "retryq/history/Counters.h"
+
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <array>
@@ -101,24 +104,81 @@ std::string textOf(const QueueFigures& queue, std::time_t now) {
     return out.str();
 }
 
+constexpr std::time_t kSettled = 2; // seconds until nothing more is logged for a second
+
+void writeValue(std::ostream& out, const char* name, const char* help, std::int64_t value) {
+    describe(out, name, help);
+    out << name << ' ' << value << '\n';
+}
+
+void writeCounters(std::ostream& out, const Counters& counters) {
+    constexpr const char* kName = "retryer_recipients_total";
+    out << "# HELP " << kName << " Recipients by what became of them, and the result code.\n# TYPE "
+        << kName << " counter\n";
+    for (const auto& [outcome, count] : counters.outcomes()) {
+        out << kName << "{outcome=\"" << outcome.first << "\",code=\"" << labelText(outcome.second)
+            << "\"} " << count << '\n';
+    }
+    writeValue(out, "retryer_last_run_timestamp_seconds", "When the last run ended.",
+               counters.lastRunEnd());
+    writeValue(out, "retryer_last_run_duration_seconds", "How long the last run took.",
+               counters.lastRunSeconds());
+    writeValue(out, "retryer_last_run_status", "Exit status of the last run.",
+               counters.lastRunStatus());
+}
+
+void writeSpace(std::ostream& out, const std::string& directory) {
+    struct statvfs space {};
+    if (::statvfs(directory.c_str(), &space) != 0) {
+        return;
+    }
+    writeValue(out, "retryer_spool_free_bytes", "Room left for mail.",
+               static_cast<std::int64_t>(space.f_bavail) *
+                   static_cast<std::int64_t>(space.f_frsize));
+    if (space.f_files != 0) { // not every file system has a fixed number
+        writeValue(out, "retryer_spool_free_inodes", "Files that can still be made.",
+                   static_cast<std::int64_t>(space.f_favail));
+    }
+}
+
+// Brings the counters up to date from the log. False when they cannot be kept.
+bool count(const Context& context, const History& history, std::ostream& out) {
+    Counters counters(history.counters, context.now);
+    const std::time_t end = context.now - kSettled;
+    if (!readHistory("metrics", history, context.now, counters.upTo(),
+                     [&](const LogEntry& entry) { counters.add(entry, end); })) {
+        return false;
+    }
+    writeCounters(out, counters);
+    if (end > counters.upTo() && !counters.save(history.counters, end)) {
+        std::cerr << "retryq metrics: cannot write " << history.counters << ": "
+                  << std::strerror(errno) << '\n';
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
-int metrics(const Context& context, const std::string& file) {
+int metrics(const Context& context, const std::string& file, const History& history) {
     QueueFigures queue;
     if (!context.queue.visit([&](const Message& message, const Recipients& recipients) {
             queue.add(message, recipients, context.now);
         })) {
         return cannotOpenSpool(context);
     }
-    const std::string text = textOf(queue, context.now);
+    std::ostringstream more;
+    writeSpace(more, context.queue.directory());
+    const bool counted = history.counters.empty() || count(context, history, more);
+    const std::string text = textOf(queue, context.now) + more.str();
     if (file.empty()) {
         context.screen.out << text;
-        return kDone;
+        return counted ? kDone : kTrouble;
     }
     Email::FileReplacement replacement(file, kFileMode, Email::FileReplacement::LeftOver::Remove,
                                        Email::FileReplacement::InPlace::Never);
     if (replacement.open() && replacement.commit(text)) {
-        return kDone;
+        return counted ? kDone : kTrouble;
     }
     std::cerr << "retryq: cannot write " << file << ": " << std::strerror(errno) << '\n';
     return kTrouble;

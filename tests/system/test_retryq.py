@@ -4,6 +4,7 @@ import calendar
 import fcntl
 import gzip
 import os
+import re
 import time
 
 import harness
@@ -216,6 +217,23 @@ class Log(SystemTest):
         self.assertEqual(told, ["connect-failed", "deferred", "deferred", "overdue", "returned"])
         self.assertEqual(len(self.objects("story", "m2", "--log", self.new)), 1)
         self.retryq("story", "nobody@x.test", "--log", self.new, status=1)
+
+    def test_counters_count_each_line_once(self):
+        kept = self.world.root + "/counters"
+        with open(kept, "w") as file:
+            file.write('{"up_to": 1700000000, "outcomes": [["delivered", "250", 7], ["x"], 3]}')
+        for _ in range(2):
+            text = self.retryq("metrics", "--counters", kept, "--log", self.old, "--log", self.new).out
+            self.assertEqual(re.findall(r'_total{outcome="(\w+)",code="(\d+)"} (\d+)', text),
+                             [("deferred", "1001", "1"), ("deferred", "450", "2"), ("delivered", "250", "7"),
+                              ("returned", "450", "1")])
+        # What alerts and dashboard ask for is what there is.
+        monitoring = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/monitoring")
+        asked = set()
+        for name in ("alerts.yml", "dashboard.json"):
+            with open(os.path.join(monitoring, name), encoding="utf-8") as file:
+                asked |= set(re.findall(r"retryer_\w+", file.read()))
+        self.assertLessEqual(asked, set(re.findall(r"^# TYPE (\w+)", text, re.M)))
 
     def test_a_damaged_file_is_told_and_the_others_are_read(self):
         with open(self.old, "r+b") as old:
