@@ -1,5 +1,5 @@
-// One owner for one file descriptor. Every descriptor of the gateway is opened close-on-exec and
-// held by one of these.
+// One owner for one file descriptor, which is opened close-on-exec. Held otherwise: a message's lock and
+// the SMTP socket (theSocket, a member that other programs know), each by the class of its own.
 #pragma once
 
 #include <unistd.h>

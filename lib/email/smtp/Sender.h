@@ -101,9 +101,9 @@ public:
 
 protected:
     std::int32_t messageSize = -1;          // bytes; -1 until a body was sent
-    const char* serverName = nullptr;       // word for the deriving class: never set here
+    const char* serverName = nullptr;       // for the event records; nobody here sets it
     IPaddress serverAddress;                // the server last tried or connected
-    std::optional<std::string> messageName; // word for the deriving class
+    std::optional<std::string> messageName; // the message in hand: set by the engine
     DateTime commandDeadline;               // DateTime(0): none
     DateTime finalDeadline;                 // kept for the deriving class
     std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
