@@ -143,7 +143,7 @@ class Volume:
 
 def _files(root):
     for path, folders, names in os.walk(root):
-        folders[:] = [folder for folder in folders if folder != ".glusterfs"]
+        folders[:] = [folder for folder in folders if not folder.startswith(".glusterfs")]
         for name in names:
             with open(os.path.join(path, name), "rb") as file:
                 yield os.path.relpath(file.name, root), file.read()
