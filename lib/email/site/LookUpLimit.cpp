@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <resolv.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -45,9 +46,10 @@ int timerSignal() noexcept {
 struct Timer {
     timer_t id{};
     bool made = false;
+    pid_t process = 0; // a child does not inherit it
 };
 
-// Made once, for the whole process. Not the delivery alarm's signal: that goes on meanwhile.
+// Made once, for each process. Not the delivery alarm's signal: that goes on meanwhile.
 Timer makeTimer() noexcept {
     struct sigaction action {};
     action.sa_handler = timeIsUp;
@@ -56,13 +58,17 @@ Timer makeTimer() noexcept {
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = timerSignal();
     Timer timer;
+    timer.process = ::getpid();
     timer.made = ::sigaction(timerSignal(), &action, nullptr) == 0 &&
                  ::timer_create(CLOCK_MONOTONIC, &event, &timer.id) == 0;
     return timer;
 }
 
 const Timer& timer() noexcept {
-    static const Timer made = makeTimer();
+    static Timer made = makeTimer();
+    if (made.process != ::getpid()) {
+        made = makeTimer();
+    }
     return made;
 }
 
