@@ -1,5 +1,6 @@
-// One owner for one file descriptor, which is opened close-on-exec. Held otherwise: a message's lock and
-// the SMTP socket (theSocket, a member that other programs know), each by the class of its own.
+// One owner for one file descriptor, which is opened close-on-exec. Held otherwise: a message's
+// lock and the SMTP socket (theSocket, a member that other programs know), each by the class of its
+// own.
 #pragma once
 
 #include <unistd.h>
