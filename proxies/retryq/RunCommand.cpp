@@ -20,19 +20,25 @@ using Seconds = std::chrono::duration<double>;
 
 // What the workers do is the walker's work, and is logged and ended as the walker's is.
 void becomeWalker() {
-    ::openlog("retryer", 0, LOG_DAEMON);
+    ::openlog("retryer", LOG_NDELAY, LOG_DAEMON); // connected: a shortage has to be told, too
     install_segv_handler();
     segv_process_name = "retryer-stack";
     ignoreWriteSignals();
 }
 
-void tell(const Context& context, const Dispatch::Tally& tally, Seconds took) {
+void tell(const Context& context, const Dispatch::Dispatcher& dispatcher, Seconds took) {
+    const Dispatch::Tally& tally = dispatcher.tally();
+    const Email::RunCounts counts = dispatcher.counts();
     if (context.json) {
         writeJson(context.screen.out, {{"due", tally.due},
                                        {"tried", tally.tried},
                                        {"left", tally.left},
                                        {"died", tally.died},
                                        {"waiting", tally.waiting},
+                                       {"delivered", counts.delivered},
+                                       {"deferred", counts.deferred},
+                                       {"returned", counts.returned},
+                                       {"dropped", counts.dropped},
                                        {"seconds", took.count()}});
         return;
     }
@@ -40,7 +46,10 @@ void tell(const Context& context, const Dispatch::Tally& tally, Seconds took) {
     std::snprintf(seconds.data(), seconds.size(), "%.1f", took.count());
     context.screen.out << tally.tried << " of " << tally.due << " due messages tried, "
                        << tally.left << " left for dead destinations, " << tally.waiting
-                       << " not due; " << seconds.data() << " s\n";
+                       << " not due; " << seconds.data() << " s\n"
+                       << "recipients: " << counts.delivered << " delivered, " << counts.deferred
+                       << " deferred, " << counts.returned << " returned, " << counts.dropped
+                       << " dropped\n";
     if (tally.died != 0) {
         context.screen.out << tally.died << " were in the hands of workers that died\n";
     }
@@ -62,7 +71,7 @@ int run(const Context& context, const RunOptions& options) {
             {.workers = options.workers, .perDestination = options.perDestination});
         status = dispatcher.run();
         cutShort = dispatcher.cutShort();
-        tell(context, dispatcher.tally(), std::chrono::steady_clock::now() - begin);
+        tell(context, dispatcher, std::chrono::steady_clock::now() - begin);
     }
     if (cutShort) { // as the walker ends, and whoever waits for it is told so
         context.screen.out.flush();

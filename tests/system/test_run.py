@@ -29,6 +29,8 @@ class Run(SystemTest):
         self.assertEqual(sorted(mail.recipients[0][1:3] for mail in server.mails), [f"u{n}" for n in range(5)])
         self.assertEqual(sorted(self.world.spool()), ["waiting", "waiting.rmd"])
         self.assertRegex(run.out, "^5 of 5 due messages tried, 0 left for dead destinations, 1 not due; ")
+        self.assertIn("recipients: 5 delivered, 0 deferred, 0 returned, 0 dropped\n", run.out)
+        self.assertTrue(run.lines(" walk-ended entries=6 attempted=5 held=0 delivered=5 "), run.log)
         self.assertEqual({line.ident for line in run.log}, {"retryer"})
         self.retryq("run", "--now")
         self.assertEqual((len(server.mails), self.world.spool()), (6, {}))

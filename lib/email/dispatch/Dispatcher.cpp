@@ -83,7 +83,7 @@ Dispatcher::~Dispatcher() {
 }
 
 int Dispatcher::run() {
-    now_ = seconds();
+    began_ = now_ = seconds();
     while (!finished()) {
         const bool more = readOn();
         handOut();
@@ -194,6 +194,7 @@ void Dispatcher::walkAlone() {
     MailReSender walker;
     walker.RetryAll(0);
     worst_ = walker.stopped() == 0 ? worst_ : 1;
+    ended_ += walker.counts();
     blockOwnSignals();
     window_ = DueWindow();
     allRead_ = true;
@@ -268,6 +269,7 @@ void Dispatcher::take(WorkerState& worker, const Report& report) {
         destinations_.lost(worker.talk, report.destination);
         break;
     case Step::Done:
+        worker.counts = report.counts;
         done(worker);
         if (report.value != 0) { // this host cannot go on; the worker has told why
             stopRequests_ = std::max(stopRequests_, 1);
@@ -301,8 +303,19 @@ void Dispatcher::done(WorkerState& worker) {
     }
 }
 
+Email::RunCounts Dispatcher::counts() const noexcept {
+    Email::RunCounts all = ended_;
+    for (const WorkerState& worker : pool_.workers()) {
+        all += worker.counts;
+    }
+    all.entries = static_cast<long>(tally_.due + tally_.waiting);
+    return all;
+}
+
 void Dispatcher::ended(WorkerState& worker, int status) {
     hear(worker);
+    ended_ += worker.counts;
+    worker.counts = {};
     const int number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     const bool ordered = cutShort() && WIFSIGNALED(status) && number == SIGTERM;
     worst_ = std::max(worst_, ordered ? 0 : number);
@@ -329,6 +342,9 @@ void Dispatcher::everySecond() {
 }
 
 void Dispatcher::tellEnd() const {
+    if (const Email::RunCounts all = counts(); all.entries > 0) {
+        Email::tellRunEnd(all, static_cast<long>(seconds() - began_));
+    }
     for (const auto& [destination, messages] : left_) {
         Email::writeLine(LogLine::DestinationLeft,
                          {.args = {destination, std::to_string(messages)}});

@@ -55,6 +55,8 @@ public:
     [[nodiscard]] bool cutShort() const noexcept { return stopRequests_ > 1; }
 
     [[nodiscard]] const Tally& tally() const noexcept { return tally_; }
+    // Recipients by outcome, so far; `entries` are the messages found, due or not.
+    [[nodiscard]] Email::RunCounts counts() const noexcept;
     [[nodiscard]] const std::list<WorkerState>& workers() const noexcept { return pool_.workers(); }
     [[nodiscard]] std::size_t known() const noexcept { return window_.size(); }
 
@@ -87,6 +89,8 @@ private:
     WorkerPool pool_;
     Watcher watcher_;
     Tally tally_;
+    Email::RunCounts ended_; // of the workers that are gone
+    std::int64_t began_ = 0;
     std::map<std::string, std::uint64_t> left_; // messages of dead destinations
     std::int64_t now_ = 0;                      // seconds of a clock that never goes back
     bool allRead_ = false;

@@ -51,9 +51,10 @@ private:
     void report(Step step, int value) {
         const EmailAddr* const recipient = currentRecipient();
         const bool named = recipient != nullptr && (step == Step::Chose || step == Step::Lost);
-        (void)channel_.send(encode(Report{step, serverAddress, value,
-                                          named ? destinationOf(*recipient) : std::string()}),
-                            WorkerChannel::Wait::No);
+        (void)channel_.send(
+            encode(Report{
+                step, serverAddress, value, named ? destinationOf(*recipient) : std::string(), {}}),
+            WorkerChannel::Wait::No);
     }
 
     const WorkerChannel& channel_;
@@ -83,7 +84,7 @@ int work(const WorkerChannel& channel) {
         leaveAlone(order->dead);
         FileName entry(mailscanGlobals::deferred_mail_path(), order->leaf.c_str());
         walker.tryFile(&entry);
-        const Report done{Step::Done, IPaddress::null, walker.stopped(), {}};
+        const Report done{Step::Done, IPaddress::null, walker.stopped(), {}, walker.counts()};
         if (!channel.send(encode(done), Wait::Yes) || walker.stopped() != 0) {
             break;
         }

@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -28,8 +29,15 @@ struct ReportHeader {
 };
 static_assert(sizeof(ReportHeader) == 12);
 
+// Behind the header of a Done, in this order.
+constexpr std::array kCounts{&Email::RunCounts::entries,  &Email::RunCounts::attempted,
+                             &Email::RunCounts::held,     &Email::RunCounts::delivered,
+                             &Email::RunCounts::deferred, &Email::RunCounts::returnDelivered,
+                             &Email::RunCounts::returned, &Email::RunCounts::dropped};
+using CountsBlock = std::array<std::int64_t, kCounts.size()>;
+
 static_assert(sizeof(OrderHeader) + Order::kMaxLeaf + Order::kMaxDead * 4 <= kRecordLimit);
-static_assert(sizeof(ReportHeader) + kMaxDestination <= kRecordLimit);
+static_assert(sizeof(ReportHeader) + sizeof(CountsBlock) + kMaxDestination <= kRecordLimit);
 
 template<typename Value>
 void put(std::string& out, const Value& value) {
@@ -71,6 +79,12 @@ std::string encode(const Report& report) {
     put(record, ReportHeader{report.server.value, report.value,
                              static_cast<std::uint16_t>(destination.size()),
                              static_cast<std::uint8_t>(report.step), 0});
+    if (report.step == Step::Done) {
+        CountsBlock block{};
+        std::ranges::transform(kCounts, block.begin(),
+                               [&](auto member) { return report.counts.*member; });
+        put(record, block);
+    }
     return record.append(destination);
 }
 
@@ -92,13 +106,21 @@ std::optional<Order> decodeOrder(std::string_view record) {
 
 std::optional<Report> decodeReport(std::string_view record) {
     ReportHeader header{};
+    CountsBlock block{};
     if (!take(record, header) || header.step < static_cast<std::uint8_t>(Step::Chose) ||
-        header.step > static_cast<std::uint8_t>(kLastStep) ||
+        header.step > static_cast<std::uint8_t>(kLastStep)) {
+        return std::nullopt;
+    }
+    Report report{static_cast<Step>(header.step), IPaddress(header.server), header.value, {}, {}};
+    if ((report.step == Step::Done && !take(record, block)) ||
         header.destinationLength > kMaxDestination || record.size() != header.destinationLength) {
         return std::nullopt;
     }
-    return Report{static_cast<Step>(header.step), IPaddress(header.server), header.value,
-                  std::string(record)};
+    for (std::size_t i = 0; i < kCounts.size(); ++i) {
+        report.counts.*kCounts[i] = static_cast<long>(block[i]);
+    }
+    report.destination = record;
+    return report;
 }
 
 std::pair<WorkerChannel, WorkerChannel> WorkerChannel::pair() noexcept {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "email/base/IPaddress.h"
+#include "email/engine/RunCounts.h"
 #include "fwall/UniqueFd.h"
 
 #include <cstdint>
@@ -39,7 +40,8 @@ struct Report {
     Step step = Step::Done;
     IPaddress server = IPaddress::null;
     std::int32_t value = 0;
-    std::string destination; // cut to kMaxDestination
+    std::string destination;   // cut to kMaxDestination
+    Email::RunCounts counts{}; // with Done: of all that the worker has done
 };
 
 inline constexpr std::size_t kRecordLimit = 1024; // bytes of any record

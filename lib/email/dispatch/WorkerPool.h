@@ -23,6 +23,7 @@ struct WorkerState {
     Destinations::Talk talk;    // its conversation
     std::int64_t since = 0;     // it has had its message, or been idle
     std::uint64_t deadSeen = 0; // servers that it was told to leave alone
+    Email::RunCounts counts;    // of what it is done with
     bool retiring = false;      // takes no further message
 
     [[nodiscard]] bool idle() const noexcept { return leaf.empty() && channel.open(); }

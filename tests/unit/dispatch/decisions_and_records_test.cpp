@@ -150,9 +150,14 @@ TEST(Records, AreReadBackWholeAndRefusedWhenAnythingIsMissing) {
     ASSERT_TRUE(decodeOrder(down));
     EXPECT_EQ(decodeOrder(down)->leaf, order.leaf);
     EXPECT_EQ(decodeOrder(down)->dead, order.dead);
-    const std::string up = encode(Report{Step::Lost, IPaddress(7), -5, std::string(500, 'd')});
+    Email::RunCounts counts;
+    counts.delivered = 3;
+    counts.dropped = 9;
+    const std::string up =
+        encode(Report{Step::Done, IPaddress(7), -5, std::string(500, 'd'), counts});
     ASSERT_TRUE(decodeReport(up));
     EXPECT_EQ(decodeReport(up)->value, -5);
+    EXPECT_EQ(decodeReport(up)->counts.delivered + decodeReport(up)->counts.dropped, 12);
     EXPECT_EQ(decodeReport(up)->server, IPaddress(7));
     EXPECT_EQ(decodeReport(up)->destination, std::string(kMaxDestination, 'd'));
     for (std::size_t size = 0; size < std::max(down.size(), up.size()); ++size) {
@@ -165,7 +170,7 @@ TEST(Records, AreReadBackWholeAndRefusedWhenAnythingIsMissing) {
         EXPECT_FALSE(decodeOrder(encode(Order{leaf, {}}))) << leaf;
     }
     EXPECT_FALSE(decodeOrder(encode(Order{std::string(256, 'm'), {}})));
-    EXPECT_FALSE(decodeReport(encode(Report{static_cast<Step>(99), {}, 0, {}})));
+    EXPECT_FALSE(decodeReport(encode(Report{static_cast<Step>(99), {}, 0, {}, {}})));
 }
 
 } // namespace
