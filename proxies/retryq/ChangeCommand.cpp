@@ -1,12 +1,14 @@
+#include "email/engine/MailReSender.h"
 #include "email/engine/RetrySchedule.h"
 #include "email/file/FdStream.h"
+#include "email/site/DomainRelay.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/spool/MessageLock.h"
 #include "email/spool/QueuedMessage.h"
 #include "email/telling/DeliveryLog.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
-#include "retryq/DueNow.h"
+#include "retryq/ListText.h"
 
 #include <pwd.h>
 #include <syslog.h>
@@ -24,6 +26,7 @@ namespace {
 using Email::MessageLock;
 
 constexpr std::size_t kShown = 256;
+constexpr std::int32_t kNever = -2000000000; // seconds: whatever was tried once is overdue
 
 // The person behind the command, also behind sudo; whoever calls can claim that, so that the line
 // has the real user's number as well.
@@ -44,12 +47,33 @@ void logChange(const char* word, const Message& message, const std::string& rest
              Email::nameField(operatorName()).c_str(), static_cast<unsigned>(::getuid()));
 }
 
+struct ChangeWords {
+    const char* question;
+    const char* end;
+};
+
+ChangeWords wordsOf(Change what) {
+    switch (what) {
+    case Change::Remove:
+        return {"Delete ", " for good"};
+    case Change::Retry:
+        return {"Make due now: ", ""};
+    case Change::Hold:
+        return {"Put on hold: ", ""};
+    case Change::Release:
+        return {"Release: ", ""};
+    case Change::Return:
+        break;
+    }
+    return {"Return to the sender, now: ", ""};
+}
+
 // Puts the question; true for yes.
 bool confirmed(const Context& context, Change what, std::size_t messages) {
-    const std::string count =
-        messages == 1 ? "this message" : std::to_string(messages) + " messages";
-    context.screen.out << (what == Change::Remove ? "Delete " : "Make due now: ") << count
-                       << (what == Change::Remove ? " for good" : "") << "? [y/N] " << std::flush;
+    const ChangeWords words = wordsOf(what);
+    context.screen.out << words.question
+                       << (messages == 1 ? "this message" : std::to_string(messages) + " messages")
+                       << words.end << "? [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
@@ -58,31 +82,131 @@ bool confirmed(const Context& context, Change what, std::size_t messages) {
 // Works on the messages of one command, each under its lock.
 class Changer {
 public:
-    Changer(const Context& context, Change what) : context_(context), what_(what) {}
+    Changer(const Context& context, Change what, const std::string& recipient)
+        : context_(context), what_(what), recipient_(recipient) {}
 
     bool apply(const std::string& leaf) {
         if (leaf.empty() || leaf.find('/') != std::string::npos) {
             return fail(leaf, "is no message's name");
         }
-        const std::string file = context_.queue.recipientPath(leaf);
-        const MessageLock lock(file);
+        Message message;
+        Recipients recipients;
+        const bool whole = context_.queue.find(leaf, message, recipients);
+        message.leaf = leaf;
+        const std::string list = message.hold
+                                     ? context_.queue.directory() + message.hold->listName()
+                                     : context_.queue.recipientPath(leaf);
+        if (what_ == Change::Return) {
+            return giveUp(message, whole);
+        }
+        const MessageLock lock(list);
         if (lock.state() == MessageLock::State::Busy) {
             return fail(leaf, "is being worked on; left alone");
         }
         if (lock.state() == MessageLock::State::NotOpened) {
             return fail(leaf, std::string("cannot be locked: ") + std::strerror(lock.error()));
         }
-        Message message;
-        Recipients recipients;
-        const bool whole = context_.queue.find(leaf, message, recipients);
-        if (what_ == Change::Remove) {
-            message.leaf = leaf;
-            return remove(message, recipients);
-        }
-        return whole ? retry(message) : fail(leaf, "has no message text");
+        // What was read before the lock may be out of date.
+        return change(message, recipients, context_.queue.find(leaf, message, recipients));
     }
 
 private:
+    bool change(Message& message, const Recipients& recipients, bool whole) {
+        switch (what_) {
+        case Change::Remove:
+            return recipient_.empty() ? removeAll(message, recipients) : removeRecipient(message);
+        case Change::Hold:
+            return whole ? hold(message) : fail(message.leaf, "has no message text");
+        case Change::Release:
+            return release(message);
+        default:
+            return whole ? retry(message) : fail(message.leaf, "has no message text");
+        }
+    }
+
+    bool hold(const Message& message) {
+        if (message.hold) {
+            return done(message.leaf, "is on hold already");
+        }
+        const Email::Hold hold{message.leaf, ::getuid(), context_.now};
+        if (const int error = hold.put(context_.queue.directory()); error != 0) {
+            return fail(message.leaf,
+                        std::string("cannot be put on hold: ") + std::strerror(error));
+        }
+        logChange("put-on-hold", message, "state=" + std::string(stateName(message.state)));
+        return done(message.leaf, "is on hold");
+    }
+
+    bool release(Message& message) {
+        if (!message.hold) {
+            return fail(message.leaf, "is not on hold");
+        }
+        const Email::Hold hold = *std::exchange(message.hold, std::nullopt);
+        if (const int error = hold.release(context_.queue.directory()); error != 0) {
+            return fail(message.leaf, std::string("cannot be released: ") + std::strerror(error));
+        }
+        logChange("released", message, "since=" + isoTimeText(hold.since));
+        return done(message.leaf, "is released");
+    }
+
+    // The engine's own way with an overdue message: lock, return mail and deletion are its.
+    bool giveUp(const Message& message, bool whole) {
+        if (!whole || message.hold || message.state == State::Unreadable) {
+            return fail(message.leaf, message.hold ? "is on hold: release it first"
+                                      : whole      ? "has an unreadable recipient file"
+                                                   : "has no message text");
+        }
+        logChange("given-up", message, "tries=" + std::to_string(message.tries));
+        const std::int32_t usual = std::exchange(mailscanGlobals::retry_max_interval, kNever);
+        FileName entry(context_.queue.textPath(message.leaf).c_str());
+        MailReSender().tryFile(&entry);
+        mailscanGlobals::retry_max_interval = usual;
+        if (::access(context_.queue.recipientPath(message.leaf).c_str(), F_OK) == 0) {
+            return fail(message.leaf,
+                        "was not returned: somebody works on it, or the log tells why");
+        }
+        return done(message.leaf, "is returned");
+    }
+
+    // One recipient off the list; a message that nobody is left of goes as a whole.
+    bool removeRecipient(Message& message) {
+        const std::string path = context_.queue.recipientPath(message.leaf);
+        if (message.hold) {
+            return fail(message.leaf, "is on hold: release it first");
+        }
+        Email::FdStream in(path.c_str());
+        const std::string old{std::istreambuf_iterator<char>(in), {}};
+        std::vector<std::string> gone;
+        const std::string text = withoutRecipient(old, recipient_, gone);
+        if (in.bad() || text.empty() || gone.empty()) {
+            return fail(message.leaf, in.bad() || text.empty()
+                                          ? "has a recipient file that cannot be rewritten"
+                                          : "has no such recipient");
+        }
+        const bool last = message.recipients == gone.size();
+        Email::QueuedMessage queued = context_.queue.message(message.leaf);
+        if (const Email::Trouble trouble =
+                last ? queued.remove(nullptr) : queued.replaceList(text)) {
+            return fail(message.leaf, std::string("cannot be changed: ") + std::strerror(*trouble));
+        }
+        for (const std::string& address : gone) {
+            logChange("removed", message, "to=" + Email::addressField(address));
+        }
+        return done(message.leaf, last ? "removed, it had no other recipient" : "lost a recipient");
+    }
+
+    // The name that every walker passes over goes first: what is removed is then what is locked.
+    bool removeAll(Message& message, const Recipients& recipients) {
+        if (message.hold) {
+            const Email::Hold hold = *std::exchange(message.hold, std::nullopt);
+            if (const int error = hold.release(context_.queue.directory()); error != 0) {
+                return fail(message.leaf,
+                            std::string("cannot be removed: ") + std::strerror(error));
+            }
+        }
+        return remove(message, recipients);
+    }
+
     // What a crash left of a message, a recipient file without text, can be removed too.
     bool remove(const Message& message, const Recipients& recipients) {
         if (const Email::Trouble trouble = context_.queue.message(message.leaf).remove(nullptr)) {
@@ -99,6 +223,8 @@ private:
 
     bool retry(const Message& message) {
         switch (message.state) {
+        case State::OnHold:
+            return fail(message.leaf, "is on hold: release it first");
         case State::Unreadable:
             return fail(message.leaf, "has an unreadable recipient file; see retryq check");
         case State::Overdue:
@@ -141,11 +267,13 @@ private:
 
     const Context& context_;
     Change what_;
+    std::string recipient_; // only this one is removed; empty: the message
 };
 
 } // namespace
 
-int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes) {
+int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes,
+           const std::string& recipient) {
     if (!yes && ::isatty(STDIN_FILENO) == 0) {
         std::cerr << "retryq: nobody to ask: give --yes\n";
         return kTrouble;
@@ -153,7 +281,10 @@ int change(const Context& context, Change what, const std::vector<std::string>& 
     if (!yes && !confirmed(context, what, leaves.size())) {
         return kTrouble;
     }
-    Changer changer(context, what);
+    if (what == Change::Return) { // the return mail goes out at once, like a walker's
+        DomainRelay::initialise(context.table.records());
+    }
+    Changer changer(context, what, recipient);
     bool all = true;
     for (const std::string& leaf : leaves) {
         all = changer.apply(leaf) && all;

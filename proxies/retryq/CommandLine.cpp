@@ -46,8 +46,9 @@ void addFilter(CLI::App& command, Filter& filter) {
         ->transform(duration);
     command.add_option("--younger", filter.youngerThan, "only at most this old")
         ->transform(duration);
-    command.add_option("--state", filter.state, "due, waiting, overdue, unreadable or held")
-        ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "held"}));
+    command
+        .add_option("--state", filter.state, "due, waiting, overdue, unreadable, on-hold or held")
+        ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "on-hold", "held"}));
 }
 
 // Makes it one of the commands; the action is what main() calls when it was given.
@@ -69,13 +70,14 @@ CLI::App* addForAnyTable(CLI::App& app, CommandLine& line, const char* name, con
 }
 
 template<Change What>
-void addChange(CLI::App& app, CommandLine& line, const char* name, const char* help) {
+CLI::App* addChange(CLI::App& app, CommandLine& line, const char* name, const char* help) {
     CLI::App* const command =
         add(app, line, name, help, [](const CommandLine& given, const Context& context) {
-            return change(context, What, given.words, given.yes);
+            return change(context, What, given.words, given.yes, given.recipient);
         });
     command->add_option("MESSAGE", line.words, "leaf names")->required();
     command->add_flag("-y,--yes", line.yes, "do not ask");
+    return command;
 }
 
 std::string firstWord(const CommandLine& line) {
@@ -181,7 +183,11 @@ void addCommands(CLI::App& app, CommandLine& line) {
     addLooking(app, line);
     addJudging(app, line);
     addHistory(app, line);
-    addChange<Change::Remove>(app, line, "remove", "delete messages");
+    addChange<Change::Remove>(app, line, "remove", "delete messages, or one recipient of each")
+        ->add_option("--recipient", line.recipient, "take only this recipient off the list");
+    addChange<Change::Hold>(app, line, "hold", "let every walker pass messages over");
+    addChange<Change::Release>(app, line, "release", "let them be tried again");
+    addChange<Change::Return>(app, line, "return", "give messages up now, with the return mail");
     addChange<Change::Retry>(app, line, "retry", "make messages due now");
 }
 

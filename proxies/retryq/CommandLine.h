@@ -24,6 +24,7 @@ struct CommandLine {
     std::vector<std::string> words; // message leaves, the address, or the file
     bool body = false;
     bool yes = false;
+    std::string recipient; // the only one that is removed
     History history;
     RunOptions run;
 };

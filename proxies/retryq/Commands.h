@@ -66,12 +66,16 @@ int showSettings(const Context& context);
 void reportSettings(const Context& context);
 
 enum class Change {
-    Remove, // delete the message
-    Retry,  // make it due now
+    Remove,  // delete the message, or one recipient of it
+    Retry,   // make it due now
+    Hold,    // let every walker pass it over
+    Release, // let them try it again
+    Return,  // give it up now: the sender gets the return mail
 };
 // Changes each message under its lock and logs it. Asks first on a terminal, unless `yes`; without
-// a terminal to ask at, `yes` is needed.
-int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes);
+// a terminal to ask at, `yes` is needed. With a recipient, Remove takes just that one off.
+int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes,
+           const std::string& recipient);
 
 struct RunOptions {
     bool now = false; // the minimum deferral does not hold messages back

@@ -22,6 +22,10 @@ Json toJson(const Message& message, const std::vector<Recipient>& recipients, st
                 {"held", message.held},
                 {"size", message.size},
                 {"age", message.age(now)}};
+    if (message.hold) {
+        object["hold_by"] = message.hold->by;
+        object["hold_since"] = isoTimeText(message.hold->since);
+    }
     if (message.state != State::Unreadable) {
         object["sender"] = message.sender;
         object["recipients"] = message.recipients;

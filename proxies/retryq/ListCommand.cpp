@@ -24,6 +24,7 @@ Colour colourOf(const Message& message) noexcept {
     case State::Due:
         return Colour::Yellow;
     case State::Waiting:
+    case State::OnHold:
         break;
     }
     return Colour::Plain;

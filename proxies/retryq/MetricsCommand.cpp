@@ -25,7 +25,7 @@ struct Figures {
     std::uint64_t bytes = 0;
 };
 
-constexpr std::array kStates{"due", "waiting", "overdue", "unreadable", "held"};
+constexpr std::array kStates{"due", "waiting", "overdue", "unreadable", "on-hold", "held"};
 constexpr std::size_t kHeld = kStates.size() - 1;
 
 struct QueueFigures {

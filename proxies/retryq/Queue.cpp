@@ -9,6 +9,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -74,8 +75,9 @@ public:
     explicit Look(const Queue& queue, int directory)
         : queue_(queue), directory_(directory), locks_(HeldLocks::on(directory)) {}
 
-    // Nothing when the message is not, or no longer, there.
-    bool read(const std::string& leaf, Message& message, Recipients& recipients) const {
+    // The message that has this list. Nothing when it is not, or no longer, there.
+    bool read(const std::string& leaf, const std::string& list, Message& message,
+              Recipients& recipients) const {
         struct stat text {};
         if (::fstatat(directory_, leaf.c_str(), &text, 0) != 0) {
             return false;
@@ -83,21 +85,21 @@ public:
         message = {};
         message.leaf = leaf;
         message.size = text.st_size;
-        message.held = held(leaf);
-        if (recipients.Read(FileName(queue_.recipientPath(leaf).c_str()), true)) {
+        message.held = held(list);
+        if (recipients.Read(FileName((queue_.directory() + list).c_str()), true)) {
             describe(recipients, message);
             return true;
         }
         recipients.Reset();
         message.state = State::Unreadable;
         message.firstTry = text.st_mtime;
-        return ::faccessat(directory_, listOf(leaf).c_str(), F_OK, 0) == 0;
+        return ::faccessat(directory_, list.c_str(), F_OK, 0) == 0;
     }
 
 private:
-    bool held(const std::string& leaf) const {
+    bool held(const std::string& list) const {
         struct stat file {};
-        return !locks_.none() && ::fstatat(directory_, listOf(leaf).c_str(), &file, 0) == 0 &&
+        return !locks_.none() && ::fstatat(directory_, list.c_str(), &file, 0) == 0 &&
                locks_.holds(file.st_ino);
     }
 
@@ -121,10 +123,20 @@ private:
     DateTime now_{-1};
 };
 
+void putOnHold(Message& message, std::optional<Email::Hold> hold) {
+    message.hold = std::move(hold);
+    message.state = message.hold ? State::OnHold : message.state;
+}
+
+std::string userName(uid_t user) {
+    const passwd* const known = ::getpwuid(user);
+    return known == nullptr ? std::to_string(user) : printable(known->pw_name, 32);
+}
+
 } // namespace
 
 const char* stateName(State state) noexcept {
-    constexpr std::array kNames{"due", "waiting", "overdue", "unreadable"};
+    constexpr std::array kNames{"due", "waiting", "overdue", "unreadable", "on-hold"};
     return kNames.at(static_cast<std::size_t>(state));
 }
 
@@ -145,8 +157,11 @@ bool Queue::visit(const Visitor& visitor) const {
     Message message;
     Recipients recipients;
     while (const dirent* entry = ::readdir(directory.get())) {
-        const std::string_view leaf = QueuedMessage::messageOf(kDeferred, entry->d_name);
-        if (!leaf.empty() && look.read(std::string(leaf), message, recipients)) {
+        const std::string name = entry->d_name;
+        std::optional<Email::Hold> hold = Email::Hold::of(name);
+        const std::string leaf(hold ? hold->message : QueuedMessage::messageOf(kDeferred, name));
+        if (!leaf.empty() && look.read(leaf, name, message, recipients)) {
+            putOnHold(message, std::move(hold));
             visitor(message, recipients);
         }
     }
@@ -155,8 +170,21 @@ bool Queue::visit(const Visitor& visitor) const {
 
 bool Queue::find(const std::string& leaf, Message& message, Recipients& recipients) const {
     const Directory directory(::opendir(directory_.c_str()));
-    return directory && leaf.find('/') == std::string::npos && !leaf.empty() &&
-           Look(*this, ::dirfd(directory.get())).read(leaf, message, recipients);
+    if (!directory || leaf.find('/') != std::string::npos || leaf.empty()) {
+        return false;
+    }
+    const Look look(*this, ::dirfd(directory.get()));
+    if (look.read(leaf, listOf(leaf), message, recipients)) {
+        return true;
+    }
+    while (const dirent* entry = ::readdir(directory.get())) {
+        std::optional<Email::Hold> hold = Email::Hold::of(entry->d_name);
+        if (hold && hold->message == leaf && look.read(leaf, entry->d_name, message, recipients)) {
+            putOnHold(message, std::move(hold));
+            return true;
+        }
+    }
+    return false;
 }
 
 std::string nextTryText(const Message& message, std::time_t now) {
@@ -170,6 +198,9 @@ std::string nextTryText(const Message& message, std::time_t now) {
         return "overdue: will be returned";
     case State::Unreadable:
         return "unreadable: will be removed";
+    case State::OnHold:
+        return "on hold by " + userName(message.hold->by) + " for " +
+               durationText(now - message.hold->since);
     case State::Waiting:
         break;
     }

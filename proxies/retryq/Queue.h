@@ -2,12 +2,14 @@
 // that a walker finishes meanwhile are simply not there any more.
 #pragma once
 
+#include "email/spool/Hold.h"
 #include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
 
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace Retryq {
@@ -18,9 +20,10 @@ enum class State {
     Waiting,    // leave it alone: it was tried too recently
     Overdue,    // return it to its sender
     Unreadable, // remove it: its recipient file cannot be used
+    OnHold,     // nothing, until somebody releases it
 };
 
-// "due", "waiting", "overdue", "unreadable"
+// "due", "waiting", "overdue", "unreadable", "on-hold"
 [[nodiscard]] const char* stateName(State state) noexcept;
 
 struct Message {
@@ -35,7 +38,8 @@ struct Message {
     std::uint32_t recipients = 0; // still to be served
     std::int32_t code = -1;       // the result that most of them had
     State state = State::Due;
-    bool held = false; // somebody works on it now
+    bool held = false;               // somebody works on it now
+    std::optional<Email::Hold> hold; // of one that is on hold
 
     [[nodiscard]] std::int64_t age(std::time_t now) const noexcept { return now - firstTry; }
 };
@@ -52,7 +56,7 @@ public:
     // Goes over the spool once. False, with errno, when the directory cannot be opened.
     bool visit(const Visitor& visitor) const;
 
-    // One message, with its recipients. False when there is none of that name.
+    // One message, with its recipients, on hold or not. False when there is none of that name.
     bool find(const std::string& leaf, Message& message, Recipients& recipients) const;
 
     [[nodiscard]] std::string textPath(const std::string& leaf) const { return directory_ + leaf; }
@@ -65,7 +69,7 @@ private:
 };
 
 // The schedule's words for a message: "due", "in 12m", "overdue: will be returned", "being tried
-// now", "unreadable: will be removed".
+// now", "unreadable: will be removed", "on hold by root for 3h".
 [[nodiscard]] std::string nextTryText(const Message& message, std::time_t now);
 
 // The domain of an address in lower case, made printable; "-" for an address without one.

@@ -3,6 +3,7 @@
 #include "email/base/Utils.h"
 #include "email/file/BoundedLineReader.h"
 #include "email/file/FdStream.h"
+#include "email/spool/Hold.h"
 #include "email/spool/Recipients.h"
 #include "fwall/hexesc.h"
 #include "retryq/FileSystemProbe.h"
@@ -22,6 +23,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <set>
 
 namespace Retryq {
 
@@ -138,8 +140,20 @@ private:
         Limited noFile(report_.findings, "texts without recipient file");
         Limited noText(report_.findings, "recipient files without text");
         Limited unusable(report_.findings, "recipient files with faults");
+        std::set<std::string> onHold;
         for (const std::string& name : names) {
-            if (std::ranges::binary_search(names, name + suffix_)) {
+            if (const auto hold = Email::Hold::of(name)) {
+                onHold.insert(hold->message);
+            }
+        }
+        for (const std::string& name : names) {
+            if (const auto hold = Email::Hold::of(name)) {
+                if (!std::ranges::binary_search(names, hold->message) && stillThere(name)) {
+                    noText.add(name, "recipient file on hold without message text: rm");
+                }
+            } else if (onHold.contains(name)) {
+                ++report_.messages;
+            } else if (std::ranges::binary_search(names, name + suffix_)) {
                 checkMessage(name, longPaths, unusable);
             } else if (name.ends_with(Email::kTemporaryEnding)) {
                 if (untouched(name)) {

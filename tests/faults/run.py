@@ -15,7 +15,7 @@ import sweeps
 import walkers
 import world
 
-SWEEPS = {"kill": sweeps.kill_cases, "error": sweeps.error_cases, "power": sweeps.power_cases,
+SWEEPS = {"kill": sweeps.kill_cases, "hands": sweeps.hand_cases, "error": sweeps.error_cases, "power": sweeps.power_cases,
           "smtp": hostile.smtp_cases, "dns": hostile.dns_cases, "spool": hostile.spool_cases,
           "walkers": walkers.walker_cases, "run": walkers.run_cases, "run-kill": sweeps.run_kill_cases,
           "run-error": sweeps.run_error_cases, "run-smtp": hostile.by_run(hostile.smtp_cases),
@@ -28,7 +28,7 @@ def main():
     scratch = world.enter()
     sweep, part, parts, sample, seed = sys.argv[1], *map(int, sys.argv[2:6])
     passed = failed = 0
-    whole = sweep.removeprefix("run-") not in ("kill", "error", "power")  # the cases of a table share their runs
+    whole = sweep.removeprefix("run-") not in ("kill", "error", "power", "hands")  # the cases of a table share their runs
     found = SWEEPS[sweep](scratch, lambda n: (n + seed) % sample == 0, seed) if whole else SWEEPS[sweep](scratch)
     for number, (name, play) in enumerate(found):
         if not whole and ((number + seed) % sample and not name.startswith(ALWAYS.get(sweep, ("none",))) or number // sample % parts != part):

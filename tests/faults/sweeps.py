@@ -70,6 +70,45 @@ def killed_in_run(scratch, name, number):
     return faults + ledger.faults + [f"second copies of {sorted(twice)}, {killed} killed"] * (len(twice) > killed)
 
 
+# What an operator does to a message by hand: the command, and who is left in the queue afterwards.
+HANDS = {"hold": (["hold"], "all"), "release": (["release"], "all"), "retry": (["retry"], "all"),
+         "remove": (["remove"], ""), "remove one": (["remove", "--recipient", "busy@mixed.a.test"], "others"),
+         "return": (["return"], "")}
+
+
+def by_hand(scratch, what, strace=()):
+    """The scene, the run, and what is left of the names in the list."""
+    scene = Scene(scratch, ["mixed"]).fill()
+    if what == "release":
+        scene.run("hold", "-y", "mixed", binary=world.RETRYQ)
+    return scene, scene.run(*HANDS[what][0], "-y", "mixed", strace=strace, binary=world.RETRYQ)
+
+
+def hand_cases(scratch):
+    for what in HANDS:
+        for name, number, line in numbered(by_hand(scratch, what)[1].trace):
+            if name in FILES + ("sendto", "connect"):
+                yield f"{what}: {name} {number}", functools.partial(killed_by_hand, scratch, what, name, number)
+
+
+def killed_by_hand(scratch, what, name, number):
+    """The message is as before or as it should be; nothing of it needs a hand but a release."""
+    scene, _ = by_hand(scratch, what, inject(name, number, "signal=KILL"))
+    on_hold = [leaf for leaf in scene.world.spool() if ".hold-" in leaf]
+    faults = [f"{on_hold} beside a list"] * (bool(on_hold) and "mixed.rmd" in scene.world.spool())
+    if on_hold:
+        scene.run("release", "-y", "mixed", binary=world.RETRYQ)
+    ledger = Ledger(scene)
+    whole = {rcpt for rcpt, leaf in RECIPIENTS.items() if leaf == "mixed"}
+    left = {"all": [whole], "": [whole, set()], "others": [whole, whole - {"<busy@mixed.a.test>"}]}[HANDS[what][1]]
+    if ledger.kept not in left or (what == "return" and not ledger.kept and set(ledger.told) != whole):
+        faults.append(f"left: {sorted(ledger.kept)}, told: {sorted(ledger.told)}")
+    faults += scene.run_again()
+    late = Ledger(scene).check_copies(whole if what == "return" else ())
+    gone = whole - set(late.copies) - set(late.told) - late.kept
+    return faults + ledger.faults + late.faults + [f"{gone} lost"] * bool(gone and what not in ("remove", "remove one"))
+
+
 def run_error_cases(scratch):
     return error_cases(scratch, *RUN)
 

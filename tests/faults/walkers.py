@@ -21,6 +21,8 @@ def walker_cases(scratch, chosen, seed):
             for kills in (0, 6):
                 play = functools.partial(together, scratch, there, args, kills, MESSAGES if everything else SOME, number)
                 yield f"round {number} {' '.join(args)} {kills} killed", play
+        play = functools.partial(together, scratch, there, (), 0, SOME, number, hands=True)
+        yield f"round {number} with hold and release", play
 
 
 RUN = "run", "--workers", "8"
@@ -73,7 +75,16 @@ def dispatched(scratch, there, crew, victims, count, seed):
     return faults + check(spool, there, (), killed, count)
 
 
-def together(scratch, there, args, kills, count, seed):
+def hold_and_release(spool, chance):
+    """While the walkers work; nobody stays on hold."""
+    for _ in range(40):
+        leaves = [f"m{chance.randrange(SOME)}" for _ in range(5)]
+        spool.run("hold", "-y", *leaves, **DISPATCHER)
+        on_hold = [name.partition(".rmd.hold-")[0] for name in os.listdir(spool.spool_dir) if ".rmd.hold-" in name]
+        spool.run("release", "-y", *on_hold, **DISPATCHER)
+
+
+def together(scratch, there, args, kills, count, seed, hands=False):
     spool = fill(scratch, there, count)
     faults, killed, chance = [], 0, random.Random(seed)
     running = [spool.start(*args) for _ in range(8)]
@@ -83,8 +94,10 @@ def together(scratch, there, args, kills, count, seed):
         os.kill(victim.pid, 9)
         killed += spool.finish(victim).status == -9
         running.append(spool.start(*args))
+    if hands:
+        hold_and_release(spool, chance)
     faults += [f"a walker ended with {run.status}" for run in [spool.finish(one, 300) for one in running] if run.status != 0]
-    if kills:
+    if kills or hands:
         faults += ["the last run failed"] * (spool.run(*args, timeout=300).status != 0)
     for server in there:
         server.settle()

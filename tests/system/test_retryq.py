@@ -66,6 +66,38 @@ class Queue(SystemTest):
         self.run_ok()
         self.assertEqual(len(server.mails), 1)
 
+    def test_a_message_on_hold_waits_for_its_release(self):
+        server = self.smtp()
+        self.world.queue("m", ["<u@x.test>", "<v@x.test>"])
+        before = self.world.rmd("m")
+        self.assertRegex(self.retryq("hold", "-y", "m").log[0].text, r" put-on-hold msg=m from=\S+ state=due by=root uid=0$")
+        self.run_ok()
+        self.run_ok("-now")
+        found, = self.objects("list", "--state", "on-hold")
+        self.assertEqual((server.sessions, found["recipients"], found["hold_by"]), ([], 2, 0))
+        self.assertIn("on hold by root", self.retryq("list").out)
+        self.assertNotIn("m", [word for o in self.objects("check", status=1) if o["check"] == "spool" for word in o.get("text", "").split()])
+        for command in ("retry", "return"):
+            self.retryq(command, "-y", "m", status=1)
+        self.retryq("release", "-y", "m")
+        self.assertEqual(self.world.rmd("m"), before)
+        self.retryq("release", "-y", "m", status=1)
+        self.retryq("hold", "-y", "m")
+        self.retryq("remove", "-y", "m")
+        self.assertEqual(self.world.spool(), {})
+
+    def test_one_recipient_less_and_given_up(self):
+        returns = self.smtp(SENDERS)
+        self.world.queue("m", [("<u@x.test>", 450), ("<v@x.test>", -1), ("<u@y.test>", 1001)], last=-60, tries=7)
+        before = self.world.rmd("m")
+        self.retryq("remove", "-y", "m", "--recipient", "w@x.test", status=1)
+        self.retryq("remove", "-y", "m", "--recipient", "U@x.test")
+        after = self.world.rmd("m")
+        self.assertEqual((after.first, after.last, after.tries, after.recipients), (before.first, before.last, 7, before.recipients[1:]))
+        self.retryq("return", "-y", "m")
+        self.assertEqual((self.world.spool(), [mail.recipients for mail in returns.mails]), ({}, [["<sender@from.test>"]]))
+        self.assertTrue(b"<v@x.test>: " in returns.mails[0].data and b"<u@x.test>: " not in returns.mails[0].data)
+
     def test_remove(self):
         for leaf in ("m", "n", "stays"):
             self.world.queue(leaf, ["<u@x.test>", "<v@x.test>"])

@@ -73,10 +73,10 @@ void Counters::addRun(const LogEntry& entry) {
 }
 
 void Counters::add(const LogEntry& entry, std::time_t end) {
-    if (entry.time < upTo_ || entry.time >= end || entry.program != "retryer") {
+    if (entry.time < upTo_ || entry.time >= end) {
         return;
     }
-    if (entry.word == "run-ended" || entry.word == "stopped") {
+    if (entry.word == "walk-ended" || entry.word == "run-ended" || entry.word == "stopped") {
         addRun(entry);
         return;
     }

@@ -86,7 +86,7 @@ std::string reasonKey(std::string_view words) {
 }
 
 void Tally::add(const LogEntry& entry, std::time_t since) {
-    if (entry.time < since || entry.program != "retryer") {
+    if (entry.time < since) {
         return;
     }
     ++lines_;

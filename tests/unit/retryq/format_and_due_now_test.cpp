@@ -1,5 +1,5 @@
 // How things are written, and the rewriting of a recipient file's text.
-#include "retryq/DueNow.h"
+#include "retryq/ListText.h"
 #include "retryq/Format.h"
 #include "retryq/Table.h"
 
