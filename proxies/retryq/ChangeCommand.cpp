@@ -14,6 +14,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -241,7 +242,9 @@ private:
         const std::string path = context_.queue.recipientPath(message.leaf);
         Email::FdStream in(path.c_str());
         const std::string old{std::istreambuf_iterator<char>(in), {}};
-        const DateTime due = DateTime(-1) + -std::int64_t{mailscanGlobals::retry_min_interval};
+        const std::int64_t longest =
+            std::max(mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
+        const DateTime due = DateTime(-1) + -longest;
         const std::string rewritten = withLatestTry(old, due);
         if (in.bad() || rewritten.empty()) {
             return fail(message.leaf, "has a recipient file that cannot be rewritten as it stands");

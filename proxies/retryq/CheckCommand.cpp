@@ -109,7 +109,9 @@ void reportRelay(const Context& context, Judge& judge, const char* key, const cf
         std::string(key) + " " + printable(record.argv[0], kShown) + ":" + servers;
     if (servers.empty()) {
         judge.add("relay", {Weight::Warning, record.ln,
-                            text + " no server resolves to another host; the line has no effect"});
+                            text + " no server resolves to another host; " +
+                                (mailscanGlobals::dnsRules == 0 ? "the line has no effect"
+                                                                : "mail for it waits")});
     } else if (context.json) {
         writeJson(context.screen.out, {{"check", "relay"}, {"line", record.ln}, {"text", text}});
     } else {

@@ -157,11 +157,11 @@ void addRun(CLI::App& app, CommandLine& line) {
 void addJudging(CLI::App& app, CommandLine& line) {
     using Line = const CommandLine&;
     using In = const Context&;
-    add(app, line, "route", "where mail for an address would go now, and why",
-        [](Line given, In context) { return route(context, firstWord(given)); })
-        ->add_option("ADDRESS", line.words, "a recipient")
-        ->required()
-        ->expected(1);
+    CLI::App* const routing =
+        add(app, line, "route", "where mail for an address would go now, and why",
+            [](Line given, In context) { return route(context, firstWord(given), given.probe); });
+    routing->add_option("ADDRESS", line.words, "a recipient")->required()->expected(1);
+    routing->add_flag("--probe", line.probe, "connect, and tell what the server offers");
     addForAnyTable(app, line, "check",
                    "judge rule table and spool; 0 well, 1 warnings, 2 would stop",
                    [](Line, In context) { return check(context); });

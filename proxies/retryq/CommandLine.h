@@ -22,6 +22,7 @@ struct CommandLine {
     ListView view;
     SummaryView grouping;
     std::vector<std::string> words; // message leaves, the address, or the file
+    bool probe = false;
     bool body = false;
     bool yes = false;
     std::string recipient; // the only one that is removed

@@ -52,8 +52,9 @@ int show(const Context& context, const std::string& leaf, bool body);
 // Recipients by domain, result or sender, and by age.
 int summary(const Context& context, const SummaryView& view);
 
-// Where mail for the address would go now, and why. Looks names up, connects to nothing.
-int route(const Context& context, const std::string& address);
+// Where mail for the address would go now, and why. Looks names up; connects to nothing, but for a
+// probe.
+int route(const Context& context, const std::string& address, bool probing);
 
 // Judges rule table and spool directories; the status is that of the worst finding.
 int check(const Context& context);

@@ -60,12 +60,16 @@ std::int32_t mostCommonCode(const Recipients& recipients) {
     return most == counts.end() ? IDS_NO_REASON : most->code;
 }
 
+std::int32_t waitOf(const Recipients& recipients) {
+    return Email::waitAfter(recipients.firstSendTime(), recipients.lastSendTime(),
+                            mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
+}
+
 State stateOf(const Recipients& recipients, const DateTime& now) {
     if (Email::overdue(recipients.firstSendTime(), now, mailscanGlobals::retry_max_interval)) {
         return State::Overdue;
     }
-    const bool soon =
-        Email::tooSoon(recipients.lastSendTime(), now, mailscanGlobals::retry_min_interval);
+    const bool soon = Email::tooSoon(recipients.lastSendTime(), now, waitOf(recipients));
     return soon ? State::Waiting : State::Due;
 }
 
@@ -107,7 +111,7 @@ private:
         message.sender = recipients.GetSender();
         message.firstTry = universal(recipients.firstSendTime());
         message.latestTry = universal(recipients.lastSendTime());
-        message.nextTry = message.latestTry + mailscanGlobals::retry_min_interval;
+        message.nextTry = message.latestTry + waitOf(recipients);
         message.givenUp = recipients.firstSendTime().Time + mailscanGlobals::retry_max_interval;
         message.tries = recipients.tries();
         message.code = mostCommonCode(recipients);

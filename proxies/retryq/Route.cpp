@@ -2,15 +2,21 @@
 
 #include "email/site/DomainRelay.h"
 #include "email/site/Exchangers.h"
+#include "email/site/MXlookup.h"
 #include "email/site/MxAnswer.h"
+#include "email/site/TlsPolicy.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/spool/EmailAddr.h"
 #include "fwall/hexesc.h"
+
+#include <arpa/nameser.h>
+#include <netdb.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string_view>
 
 namespace Retryq {
@@ -32,6 +38,26 @@ std::string text(IPaddress address) {
 }
 
 enum class Source { Table, Outside };
+
+bool byRfc() noexcept {
+    return mailscanGlobals::dnsRules != 0;
+}
+
+// Mail that came as far as this host goes to better exchangers only.
+void leaveOutBehindThisHost(Step& step) {
+    const auto self = std::ranges::find_if(step.servers, [](const Server& server) {
+        return !server.address.empty() && !server.leftOut.empty();
+    });
+    if (self == step.servers.end()) {
+        return;
+    }
+    const std::optional<int> limit = self->preference;
+    for (Server& server : step.servers) {
+        if (server.preference >= limit && server.leftOut.empty()) {
+            server.leftOut = "not better than this host";
+        }
+    }
+}
 
 // Collects the addresses of server names, under the limits that the finders obey. Those that come
 // from outside may lead mail back to this host; the relays are the administrator's own choice.
@@ -60,11 +86,14 @@ public:
 private:
     void addAddress(const std::string& name, IPaddress address, std::optional<int> preference) {
         const bool local = HostList::isLocal(address);
-        used_ += local ? 0 : 1;
+        const bool own = source_ == Source::Outside && Email::cannotBeForeign(address, own_);
+        used_ += local || (own && byRfc()) ? 0 : 1;
         Server server{name, text(address), preference};
         if (local) {
             server.leftOut = "an address of this host (/etc/hosts)";
-        } else if (source_ == Source::Outside && Email::cannotBeForeign(address, own_)) {
+        } else if (own && byRfc()) {
+            server.leftOut = "an address of this host, or of no other";
+        } else if (own) {
             server.warning = "leads to this host: an address of its own that /etc/hosts lacks";
         }
         step_.servers.push_back(std::move(server));
@@ -112,6 +141,8 @@ public:
         }
         if (direct) {
             addDirect(port);
+        } else if (Email::tlsPolicy().wanted()) {
+            route_.tls = tlsWord(Email::tlsPolicy().levelFor(domain_.c_str()));
         }
         search(direct);
         return std::move(route_);
@@ -149,12 +180,14 @@ private:
         }
         bool missing = false;
         if (mailscanGlobals::dnsEnable) {
-            missing = !addExchangers();
+            missing = byRfc() ? !addExchangersByRfc() : !addExchangers();
         } else {
             route_.steps.push_back(
                 {"exchangers", lineOf("use-dns"), "not looked up: use-dns is off"});
         }
-        addRelays("fallback-relay");
+        if (!takesNoMail_) {
+            addRelays("fallback-relay");
+        }
         route_.failing = missing ? kReturned : kWaits;
     }
 
@@ -174,9 +207,11 @@ private:
             }
             Step step = relayStep(key, *record);
             const bool decided = step.usable();
-            step.text += decided ? "" : ": without effect, no server is left";
+            step.text += decided   ? ""
+                         : byRfc() ? ": no server is left now, the mail waits for one"
+                                   : ": without effect, no server is left";
             route_.steps.push_back(std::move(step));
-            if (decided) {
+            if (decided || byRfc()) {
                 return true;
             }
         }
@@ -213,6 +248,51 @@ private:
         }
     }
 
+    bool addExchangersByRfc() {
+        Resolver resolver;
+        std::vector<unsigned char> answer(NS_MAXMSG);
+        int length = NS_MAXMSG;
+        const int result =
+            resolver.Query(domain_.c_str(), kClassIN, kTypeMX, answer.data(), length);
+        std::optional<std::vector<Email::Exchanger>> mx;
+        if (result == QUERY_OK) {
+            mx = Email::readExchangers({answer.data(), static_cast<std::size_t>(length)});
+        } else if (result == QUERY_NO_RECORD) {
+            mx.emplace();
+        } else if (result == QUERY_NO_DOMAIN) {
+            route_.steps.push_back({"exchangers", 0, "the domain does not exist"});
+            return false;
+        }
+        if (!mx) {
+            route_.steps.push_back({"exchangers", 0, "the name service gives no answer now"});
+            return true;
+        }
+        return useByRfc(*mx);
+    }
+
+    bool useByRfc(std::vector<Email::Exchanger>& mx) {
+        takesNoMail_ = Email::isNullMx(mx);
+        if (takesNoMail_) {
+            route_.steps.push_back({"exchangers", 0, "the domain says that it takes no mail"});
+            return false;
+        }
+        const bool some = !mx.empty();
+        std::minstd_rand chance(std::random_device{}());
+        Email::orderExchangers(mx, chance, HostList::hostName());
+        if (mx.empty()) {
+            return addOwnAddress(some ? "no mail exchanger is left"
+                                      : "the domain has no mail exchanger");
+        }
+        Step step{"exchangers", 0, "MX records of the domain, best first, equal ones in any order"};
+        ServerCollector servers(step, mailscanGlobals::max_addr_to_try, Source::Outside);
+        for (const Email::Exchanger& exchanger : mx) {
+            servers.add(exchanger.name.c_str(), exchanger.preference);
+        }
+        leaveOutBehindThisHost(step);
+        route_.steps.push_back(std::move(step));
+        return true;
+    }
+
     bool useAnswer(Resolver& resolver, const unsigned char* answer, int length) {
         Email::Exchangers mx;
         if (!resolver.ParseQuery(answer, length, mx.names.data(), mx.preferences.data(),
@@ -246,7 +326,7 @@ private:
         const bool found = ServerCollector(step, mailscanGlobals::max_addr_to_try, Source::Outside)
                                .add(domain_.c_str());
         route_.steps.push_back(std::move(step));
-        return found;
+        return found || (byRfc() && h_errno != HOST_NOT_FOUND && h_errno != NO_DATA);
     }
 
     [[nodiscard]] std::int32_t lineOf(const char* key) const {
@@ -258,6 +338,7 @@ private:
     const RuleTable& table_;
     EmailAddr rcpt_;
     std::string domain_;
+    bool takesNoMail_ = false;
     Route route_;
 };
 

@@ -36,6 +36,7 @@ struct Route {
     std::string address; // as the gateway writes it into the envelope
     std::string domain;
     int port = 25;
+    std::string tls{};         // the level that the domain gets; empty when none gets any
     std::string refused{};     // why no server is asked at all; empty when one is
     std::vector<Step> steps{}; // later ones count only when no server of the earlier ones answers
     std::string failing{};     // what becomes of the mail when none answers

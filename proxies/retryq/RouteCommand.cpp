@@ -1,9 +1,11 @@
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
+#include "retryq/Probe.h"
 #include "retryq/Route.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace Retryq {
 
@@ -48,6 +50,9 @@ void print(const Screen& screen, const Route& route) {
     } else if (route.port != 25) {
         screen.out << "Port         " << route.port << '\n';
     }
+    if (!route.tls.empty()) {
+        screen.out << "TLS          " << route.tls << '\n';
+    }
     bool first = true;
     for (const Step& step : route.steps) {
         printStep(screen, step, first);
@@ -81,18 +86,53 @@ Json toJson(const Route& route) {
                          {"reason", step.text},
                          {"servers", std::move(servers)}});
     }
-    return {{"address", route.address}, {"domain", route.domain},    {"port", route.port},
-            {"refused", route.refused}, {"steps", std::move(steps)}, {"failing", route.failing}};
+    Json object{{"address", route.address},  {"domain", route.domain},
+                {"port", route.port},        {"refused", route.refused},
+                {"steps", std::move(steps)}, {"failing", route.failing}};
+    if (!route.tls.empty()) {
+        object["tls"] = route.tls;
+    }
+    return object;
+}
+
+Json toJson(const Probed& probed) {
+    return {{"server", probed.server},     {"offers", probed.offers},   {"tls", probed.tls},
+            {"verified", probed.verified}, {"trouble", probed.trouble}, {"passes", probed.passes}};
+}
+
+void print(const Screen& screen, const Probed& probed) {
+    screen.out << "Probed       " << (probed.server.empty() ? "no server" : probed.server) << '\n';
+    if (!probed.offers.empty()) {
+        screen.out << "  offers     " << probed.offers << '\n';
+    }
+    if (!probed.tls.empty()) {
+        screen.out << "  TLS        " << printable(probed.tls, kShown)
+                   << ", verified: " << probed.verified << '\n';
+    }
+    if (!probed.trouble.empty()) {
+        screen.out << "  trouble    " << printable(probed.trouble, kShown) << '\n';
+    }
+    screen.out << "  so         mail "
+               << (probed.passes ? "would be offered to it" : "would not be offered now") << '\n';
 }
 
 } // namespace
 
-int route(const Context& context, const std::string& address) {
+int route(const Context& context, const std::string& address, bool probing) {
     const Route found = findRoute(context.table, address);
+    const std::optional<Probed> probed =
+        probing ? std::optional<Probed>(probe(context.table, address)) : std::nullopt;
     if (context.json) {
-        writeJson(context.screen.out, toJson(found));
-    } else {
-        print(context.screen, found);
+        Json object = toJson(found);
+        if (probed) {
+            object["probed"] = toJson(*probed);
+        }
+        writeJson(context.screen.out, object);
+        return kDone;
+    }
+    print(context.screen, found);
+    if (probed) {
+        print(context.screen, *probed);
     }
     return kDone;
 }

@@ -80,13 +80,16 @@ std::string intervalText(std::int32_t seconds) {
 }
 
 // The word count that ends a run through a failed check, in words; null when the count will do.
-const char* wrongWordCount(Kind kind, int words) noexcept {
-    switch (kind) {
+const char* wrongWordCount(const Setting& setting, int words) noexcept {
+    switch (setting.kind) {
     case Kind::YesNo:
         return words > 1 ? "exactly one value" : nullptr;
     case Kind::Words:
         return words < 1 ? "at least one value" : nullptr;
     case Kind::Lines:
+        if (*setting.choices != '\0') {
+            return words != 2 ? "a pattern and one word" : nullptr;
+        }
         return words < 2 ? "a pattern and at least one server" : nullptr;
     default:
         return words != 1 ? "exactly one value" : nullptr;
@@ -139,16 +142,17 @@ void RuleTable::checkWords() {
     for (const Setting& setting : settings()) {
         for (cfgrec* record = find(setting.key); record != nullptr;
              record = cfg_next(setting.key, record)) {
-            const char* const needed = wrongWordCount(setting.kind, record->argc);
+            const char* const needed = wrongWordCount(setting, record->argc);
             if (needed != nullptr) {
                 faults_.push_back({Weight::Stop, record->ln,
                                    std::string(setting.key) + " takes " + needed + ", here are " +
                                        std::to_string(record->argc)});
-            } else if (setting.kind == Kind::Choice &&
-                       Email::choiceOf(setting.choices, record->argv[0]) < 0) {
+            } else if (*setting.choices != '\0' &&
+                       Email::choiceOf(setting.choices, record->argv[record->argc - 1]) < 0) {
                 faults_.push_back({Weight::Stop, record->ln,
                                    std::string(setting.key) + " takes one of " + setting.choices +
-                                       ", here is \"" + printable(record->argv[0], kShown) + '"'});
+                                       ", here is \"" +
+                                       printable(record->argv[record->argc - 1], kShown) + '"'});
             }
             if (!setting.repeats()) {
                 break; // only the first line counts
@@ -179,7 +183,7 @@ std::string RuleTable::value(const Setting& setting) const {
     if (record == nullptr) {
         return setting.builtIn;
     }
-    if (wrongWordCount(setting.kind, record->argc) != nullptr) {
+    if (wrongWordCount(setting, record->argc) != nullptr) {
         return joined(*record); // the library's readers would end the program
     }
     switch (setting.kind) {

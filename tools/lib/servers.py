@@ -14,8 +14,8 @@ from world import DNS_ADDRESS, REPO
 
 CLOSE, RST, SILENT = "<close>", "<reset>", "<silence>"
 DEFAULT = {"banner": "220 ready", "helo": "250 hello", "mail": "250 sender ok", "rcpt": "250 ok", "data": "354 go on",
-           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "other": "500 unknown"}
-COMMANDS = {b"HELO": "helo", b"EHLO": "helo", b"MAIL": "mail", b"RCPT": "rcpt", b"DATA": "data", b"QUIT": "quit",
+           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "starttls": "500 unknown", "other": "500 unknown"}
+COMMANDS = {b"HELO": "helo", b"EHLO": "ehlo", b"STAR": "starttls", b"MAIL": "mail", b"RCPT": "rcpt", b"DATA": "data", b"QUIT": "quit",
             b"RSET": "rset"}
 
 
@@ -54,11 +54,12 @@ class SmtpServer:
     "rcpt", "mail" and "helo", to a dictionary: action by a piece of the argument, "" for the rest. An
     action is a reply line, or a tuple of steps: str a line, bytes raw, a number of seconds to wait,
     ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
-    connection each, the last one all that follow. With a `gate` (threading.Event) nobody is greeted
-    before it is set."""
+    connection each, the last one all that follow. EHLO is answered as HELO unless there is an "ehlo"; with
+    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS. With a `gate` (threading.Event) nobody is
+    greeted before it is set."""
 
-    def __init__(self, address="127.0.0.2", script=None, port=25, gate=None):
-        self.sessions, self._lock, self._gate = [], threading.Lock(), gate
+    def __init__(self, address="127.0.0.2", script=None, port=25, gate=None, tls=None):
+        self.sessions, self._lock, self._gate, self._tls = [], threading.Lock(), gate, tls
         scripts = script if isinstance(script, list) else [script or {}]
         self._scripts = [{**DEFAULT, **one} for one in scripts]
         self._socket = socket.socket()
@@ -98,14 +99,14 @@ class SmtpServer:
             with client:
                 if self._gate:
                     self._gate.wait()
-                _Conversation(client, session, script).play()
-        except (OSError, EOFError):
+                _Conversation(client, session, script, self._tls).play()
+        except (OSError, EOFError):  # a failed handshake is an OSError too
             pass
 
 
 class _Conversation:
-    def __init__(self, client, session, script):
-        self.client, self.session, self.script, self.pending = client, session, script, b""
+    def __init__(self, client, session, script, tls):
+        self.client, self.session, self.script, self.tls, self.pending = client, session, script, tls, b""
 
     def play(self):
         self.act("banner")
@@ -126,6 +127,8 @@ class _Conversation:
             self.session.mails[-1].recipients.append(argument)
         if stage == "data" and reply[:1] == b"3":
             self.body()
+        if stage == "starttls" and reply[:1] == b"2" and self.tls:
+            self.client = self.tls.wrap_socket(self.client, server_side=True)
 
     def body(self):
         if "body" in self.script:
@@ -155,7 +158,7 @@ class _Conversation:
         return got
 
     def steps(self, stage, argument=""):
-        action = self.script[stage]
+        action = self.script["helo" if stage == "ehlo" and stage not in self.script else stage]
         if isinstance(action, dict):
             action = next((value for key, value in action.items() if key and key in argument), action.get("", DEFAULT[stage]))
         return action if isinstance(action, tuple) else (action,)

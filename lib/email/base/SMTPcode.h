@@ -31,4 +31,5 @@ enum SMTPcode : std::int32_t {
     SELFSEND = 1004,         // the mail would come back to this host
     DATASOURCEERROR = 1005,  // the message text cannot be read
     TIMEOUTEXPIRED = 1006,   // the deadline or the alarm has passed
+    TAKES_NO_MAIL = 1007,    // the domain says that it takes no mail
 };

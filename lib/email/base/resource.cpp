@@ -39,6 +39,7 @@ constexpr std::array kCodeTexts{
     Text{SELFSEND, "Attempt to send mail to self"},
     Text{DATASOURCEERROR, "Problem accessing internal buffer"},
     Text{TIMEOUTEXPIRED, "Timer expired"},
+    Text{TAKES_NO_MAIL, "The domain accepts no mail"},
 };
 
 constexpr std::array kResourceTexts{

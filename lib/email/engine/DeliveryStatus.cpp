@@ -56,6 +56,8 @@ std::string ownStatus(SMTPcode code) {
         return "5.1.3";
     case SELFSEND:
         return "5.4.6";
+    case TAKES_NO_MAIL:
+        return "5.1.10";
     case IDS_RTS552:
         return "5.3.4";
     default:
@@ -82,10 +84,10 @@ std::string authorOf(const ReturnedMessage& message) {
 void appendStatus(std::string& out, const FailedRecipient& rcpt) {
     out += "\nFinal-Recipient: rfc822; " + printable(withoutBrackets(rcpt.address));
     out += "\nAction: failed\nStatus: " + statusOf(rcpt.code, rcpt.reply) + "\n";
-    if (!rcpt.server.empty()) {
-        const bool dotted = rcpt.server.find_first_not_of("0123456789.") == std::string_view::npos;
-        const std::string name = printable(rcpt.server);
-        out += "Remote-MTA: dns; " + (dotted ? "[" + name + "]" : name) + "\n";
+    if (rcpt.server) {
+        std::array<char, IPaddress::kTextSize> dotted{};
+        rcpt.server->format(dotted.data());
+        out.append("Remote-MTA: dns; [").append(dotted.data()).append("]\n");
     }
     if (!rcpt.reply.empty()) {
         out += "Diagnostic-Code: smtp; " + printable(rcpt.reply) + "\n";

@@ -5,10 +5,12 @@
 // ASCII becomes a question mark in the status part, and no line there grows over 998 bytes.
 #pragma once
 
+#include "email/base/IPaddress.h"
 #include "email/base/SMTPcode.h"
 #include "email/base/Utils.h"
 
 #include <iosfwd>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,8 +21,8 @@ namespace Email {
 struct FailedRecipient {
     std::string_view address; // in angle brackets
     SMTPcode code = IDS_NO_REASON;
-    std::string_view reply;  // the server's last words, its number in front; empty: it said none
-    std::string_view server; // name or dotted address of the server that said them; may be empty
+    std::string_view reply{}; // the server's last words, its number in front; empty: it said none
+    std::optional<IPaddress> server{}; // the last server that was tried
 };
 
 // What a return mail tells beside its recipients.

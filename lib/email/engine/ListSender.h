@@ -43,6 +43,9 @@ public:
     // `text` may be null. EV_NONE does nothing.
     void logEvent(eventId event, const char* text, int value) override;
 
+    // Writes a "tls-failed" line about the recipient that a server is searched for.
+    void tlsFailed(const std::string& why) override;
+
     // Forgets the message: size, server, name and trace. The recipients stay.
     void clear() noexcept;
 
@@ -125,6 +128,7 @@ private:
 
     // One conversation of a pass.
     void converse(MailList& failed, std::istream& text, SMTPcode& code);
+    [[nodiscard]] bool needsUtf8(const EmailAddr& first) const;
     void deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
                  SMTPcode& code);
     void gather(MailList& accepted, MailList& failed, SMTPcode& code);
@@ -143,6 +147,7 @@ private:
     SendResult writeFirstList(Email::QueuedMessage& copy);
     void reportDeferred();
     void dropFailed(MailList& failed);
+    [[nodiscard]] std::string returnText(const MailList& failed, std::istream& text) const;
 
     // Log lines.
     void tellTrouble(eventId event, int error);

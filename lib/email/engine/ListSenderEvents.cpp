@@ -86,6 +86,14 @@ void ListSender::logStep(eventId event, const EmailAddr* about, int error) const
     Email::writeLine(row.line, fields);
 }
 
+void ListSender::tlsFailed(const std::string& why) {
+    LogFields fields{.message = messageName, .attempt = &conversation, .args = {why}};
+    if (searchingFor != nullptr) {
+        fields.recipient = searchingFor->text();
+    }
+    Email::writeLine(LogLine::TlsFailed, fields);
+}
+
 void ListSender::traceLine(LogLine line, const char* text) const {
     if (trace != 0) {
         Email::writeLine(line, {.args = {text != nullptr ? text : ""}});

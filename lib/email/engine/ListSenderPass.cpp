@@ -48,7 +48,11 @@ void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) 
         return;
     }
     traceLine(LogLine::TraceProtocol, name);
-    if (SendHELO(&code) && SendMAIL(recipients_.GetSender(), &code) && SendRCPT(name, &code)) {
+    const bool greeted = SendHELO(&code);
+    if (greeted && mailscanGlobals::smtpExtensions) {
+        consider(text, needsUtf8(*first));
+    }
+    if (greeted && SendMAIL(recipients_.GetSender(), &code) && SendRCPT(name, &code)) {
         deliver(std::move(first), failed, text, code);
     } else {
         traceLine(LogLine::TraceNoProtocol, name);
@@ -56,6 +60,14 @@ void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) 
     }
     SendQUIT(nullptr);
     CloseTransport();
+}
+
+bool ListSender::needsUtf8(const EmailAddr& first) const {
+    bool needed = Email::isEightBit(recipients_.GetSender()) || Email::isEightBit(first.text());
+    for (const EmailAddr* rcpt = recipients_.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
+        needed = needed || Email::isEightBit(rcpt->text());
+    }
+    return needed;
 }
 
 void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
@@ -77,7 +89,8 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
 
 void ListSender::gather(MailList& accepted, MailList& failed, SMTPcode& code) {
     const MXlookup::ServerWaits waits;
-    MailList::Gathering gathering(recipients_, serverAddress);
+    MailList::Gathering gathering(recipients_, serverAddress,
+                                  [this](const EmailAddr& rcpt) { return mayShare(rcpt); });
     while (auto rcpt = gathering.next()) {
         if (SendRCPT(rcpt->text(), &code)) {
             accepted.Add(std::move(rcpt), IDS_NO_REASON);

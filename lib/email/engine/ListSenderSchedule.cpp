@@ -37,7 +37,9 @@ bool ListSender::CheckTime() const {
 }
 
 bool ListSender::tooSoon() const {
-    const std::int32_t interval = mailscanGlobals::retry_min_interval;
+    const std::int32_t interval =
+        Email::waitAfter(recipients_.firstSendTime(), recipients_.lastSendTime(),
+                         mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
     if (interval == 0) {
         if (trace != 0) {
             Email::writeLine(Email::LogLine::TraceImmediateRetry, {});

@@ -1,6 +1,7 @@
 #include "email/site/DomainRelay.h"
 
 #include "email/base/Assert.h"
+#include "email/site/ServerNames.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/config.h"
 
@@ -87,6 +88,39 @@ bool DRinfo::matches(const char* domain) const noexcept {
     }
 }
 
+void DRinfo::lookUp(std::span<char* const> relays, int limit) {
+    limit_ = limit;
+    for (const char* relay : relays) {
+        if (count() < limit) {
+            relays_.emplace_back(count(), relay);
+            missing_ = HostList::hostLookup(relay, *this, limit, true) < 0 || missing_;
+        }
+    }
+}
+
+void DRinfo::lookUpAgain() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!missing_ || mailscanGlobals::dnsRules == 0 || now < askAgain_) {
+        return;
+    }
+    DRinfo fresh(name_.c_str());
+    std::vector<char*> names;
+    for (auto& [place, relay] : relays_) {
+        names.push_back(relay.data());
+    }
+    fresh.lookUp(names, limit_);
+    fresh.askAgain_ = now + std::chrono::seconds(kRetrySeconds);
+    *this = std::move(fresh);
+}
+
+// From the last relay on: a name that is noted stays, so each relay gets what is left behind its
+// first address.
+void DRinfo::noteServers(const char* domain) const {
+    for (auto relay = relays_.rbegin(); relay != relays_.rend(); ++relay) {
+        Email::rememberServers(domain, *this, relay->first, relay->second);
+    }
+}
+
 void DomainRelay::initialise(cfgrec* cfg) {
     relaysParam(stdRelays, "domain-relay", cfg);
     relaysParam(fallbackRelays, "fallback-relay", cfg);
@@ -118,10 +152,8 @@ void DomainRelay::relaysParamR(DomainRelay& relays, const char* key, cfgrec* lin
 void DomainRelay::AddDomain(const char* pattern, char** hosts, int n) {
     const int limit = std::min<int>(mailscanGlobals::max_addr_to_try, IPaddressList::kCapacity);
     DRinfo entry(pattern);
-    for (int i = 0; i < n && entry.count() < limit; ++i) {
-        hostLookup(hosts[i], entry, limit, true);
-    }
-    if (entry.count() > 0) {
+    entry.lookUp({hosts, static_cast<std::size_t>(std::max(0, n))}, limit);
+    if (entry.count() > 0 || mailscanGlobals::dnsRules != 0) {
         table_.push_back(std::move(entry));
     }
 }
@@ -134,5 +166,10 @@ int DomainRelay::getAddresses(const char* domain, IPaddressList& out, int max, e
     event = EV_NONE;
     const auto head = std::find_if(table_.rbegin(), table_.rend(),
                                    [&](const DRinfo& entry) { return entry.matches(domain); });
-    return head == table_.rend() ? 0 : out.Add(*head, max);
+    if (head == table_.rend()) {
+        return 0;
+    }
+    head->lookUpAgain();
+    head->noteServers(domain);
+    return head->count() == 0 ? -1 : out.Add(*head, max);
 }

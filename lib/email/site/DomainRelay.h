@@ -5,8 +5,11 @@
 
 #include "email/site/HostList.h"
 
+#include <chrono>
 #include <cstdint>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct cfgrec;
@@ -23,7 +26,22 @@ public:
     // ends in a dot matches only a domain that does so too, and the reverse.
     [[nodiscard]] bool matches(const char* domain) const noexcept;
 
+    // Looks the relays up anew, up to `limit` addresses. Names that do not resolve, and addresses
+    // of this host, are left out.
+    void lookUp(std::span<char* const> relays, int limit);
+    // The same for the relays that it was made with, where some did not resolve: when mail first
+    // comes for them, and then at most once in kRetrySeconds.
+    void lookUpAgain();
+    static constexpr int kRetrySeconds = 60;
+    // Notes those names for a domain that goes through this entry (ServerNames.h).
+    void noteServers(const char* domain) const;
+
 private:
+    std::vector<std::pair<int, std::string>> relays_; // the place of a relay's first address
+    int limit_ = 0;
+    bool missing_ = false;                             // a name did not resolve
+    std::chrono::steady_clock::time_point askAgain_{}; // not before then
+
     MatchType type_;
     std::string name_;
 };
@@ -41,14 +59,15 @@ public:
     static void relaysParamR(DomainRelay& relays, const char* key, cfgrec* line);
 
     // Resolves the relay hosts and puts the entry at the head of the table; a line whose hosts do
-    // not resolve, or are all local, has no effect.
+    // not resolve, or are all local, has no effect. With "dns-rules rfc" it stays, and names that
+    // did not resolve are asked again when mail comes for it.
     void AddDomain(const char* pattern, char** hosts, int n);
     void Clear() noexcept;
     [[nodiscard]] bool empty() const noexcept { return table_.empty(); }
 
     // Appends the addresses of the first line that matches and returns the count of `out`; later
-    // lines are not asked, even if it added nothing. 0 when none matches. The event is always
-    // EV_NONE.
+    // lines are not asked, even if it added nothing. 0 when none matches; -1 for a line that has no
+    // server now, but may have one later. The event is always EV_NONE.
     int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
 
     static DomainRelay stdRelays;      // asked before DNS

@@ -89,7 +89,7 @@ int limitDatagrams() noexcept {
 
 } // namespace
 
-LookUpLimit::LookUpLimit() noexcept {
+LookUpLimit::LookUpLimit(bool anySize) noexcept {
     // The library would itself look whether the file has changed, and forget the settings made
     // here.
     if ((_res.options & RES_INIT) != 0) { // else it would close what it has not: descriptor 0
@@ -99,6 +99,7 @@ LookUpLimit::LookUpLimit() noexcept {
         _res.options &= ~static_cast<unsigned long>(RES_INIT); // or nobody would try it again
     }
     _res.options = (_res.options & ~static_cast<unsigned long>(RES_DNSRCH)) | RES_NORELOAD;
+    _res.options |= anySize ? RES_USE_EDNS0 : 0;
     resolver = &_res;
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;

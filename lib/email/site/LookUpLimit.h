@@ -24,7 +24,8 @@ public:
 
     // Reads /etc/resolv.conf again when it has changed, and starts the time: time-out x attempts x
     // name servers of it. Without a timer (none left) nothing is asked over TCP.
-    LookUpLimit() noexcept;
+    // With `anySize` larger answers than RFC 1035's are asked for over UDP as well (EDNS).
+    explicit LookUpLimit(bool anySize = false) noexcept;
     // Keeps errno.
     ~LookUpLimit();
     LookUpLimit(const LookUpLimit&) = delete;

@@ -2,6 +2,8 @@
 
 #include "email/base/Semaphore.h"
 #include "email/site/Exchangers.h"
+#include "email/site/ServerNames.h"
+#include "email/site/mailscanGlobals.h"
 
 #include <arpa/nameser.h>
 
@@ -118,12 +120,22 @@ int MXlookup::getAddresses(const char* domain, IPaddressList& out, int max, even
 int MXlookup::lookUp(const char* domain, IPaddressList& out, int max, eventId& event) {
     event = EV_NONE;
     if (isLiteral(domain)) {
-        return hostLookup(domain, out, max, true);
+        return takeHost(domain, domain, out, max);
+    }
+    if (mailscanGlobals::dnsRules != 0) {
+        return lookUpByRfc(domain, out, max, event);
     }
     std::array<unsigned char, Resolver::kAnswerSize> msg{};
     int len = Resolver::kAnswerSize;
     const int result = resolver_.Query(domain, ns_c_in, ns_t_mx, msg.data(), len);
     return useAnswer(result, msg.data(), len, domain, out, max, event);
+}
+
+int MXlookup::takeHost(const char* name, const char* domain, IPaddressList& out, int max) {
+    const int before = out.count();
+    const int found = hostLookup(name, out, max, true);
+    Email::rememberServers(domain, out, before, name);
+    return found;
 }
 
 int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const char* domain,
@@ -144,7 +156,7 @@ int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const cha
     default:
         break;
     }
-    return hostLookup(domain, out, max, true);
+    return takeHost(domain, domain, out, max);
 }
 
 int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domain,
@@ -157,11 +169,11 @@ int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domai
     Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
     if (mx.count == 0) {
         event = EV_MX_NONE_LEFT;
-        return hostLookup(domain, out, max, true);
+        return takeHost(domain, domain, out, max);
     }
     int last = 0;
     for (int i = 0; i < mx.count; ++i) {
-        const int found = hostLookup(mx.names[static_cast<std::size_t>(i)], out, max, true);
+        const int found = takeHost(mx.names[static_cast<std::size_t>(i)], domain, out, max);
         if (Semaphore::shuttingDown()) {
             return -1;
         }

@@ -2,9 +2,12 @@
 #pragma once
 
 #include "email/site/HostList.h"
+#include "email/site/MxAnswer.h"
 #include "email/site/Resolver.h"
 
 #include <cstddef>
+#include <span>
+#include <vector>
 
 class MXlookup : public HostList {
 public:
@@ -43,6 +46,10 @@ public:
     // unusable. Answers are remembered for the exact domain, before any blacklist is applied: the
     // many recipients of one domain cost one question. An address literal asks nobody.
     //
+    // With "dns-rules rfc" kNullMx for a domain that takes no mail, 0 for whatever may pass, and
+    // exchangers of any number, equal ones in an order of chance; an exchanger with an address of
+    // this host, or one that cannot be another host's, is this host.
+    //
     // `event`: EV_MX_NO_DOMAIN with -1, EV_MX_TEMPFAIL or EV_MX_NO_ADDRESS with 0;
     // EV_MX_NO_RECORD or EV_MX_NONE_LEFT when the domain's own addresses are taken; else EV_NONE.
     int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
@@ -55,8 +62,21 @@ public:
     // Forgets every remembered answer.
     static void clearCache() noexcept;
 
+    static constexpr int kNullMx = -2;
+
+    // True for an address that DNS gives and that is, or might as well be, this host's.
+    [[nodiscard]] static bool isThisHost(IPaddress address);
+
 private:
+    int lookUpByRfc(const char* domain, IPaddressList& out, int max, eventId& event);
+    int useByRfc(std::span<const unsigned char> message, const char* domain, IPaddressList& out,
+                 int max, eventId& event);
+    bool takeEquals(const std::vector<Email::Exchanger>& exchangers, std::size_t& at,
+                    const char* domain, IPaddressList& out, int max);
+    int takeOwnAddress(const char* domain, IPaddressList& out, int max, eventId& event);
     int lookUp(const char* domain, IPaddressList& out, int max, eventId& event);
+    // hostLookup(), which also notes under which name the domain's route has the addresses.
+    int takeHost(const char* name, const char* domain, IPaddressList& out, int max);
     int useExchangers(const unsigned char* msg, int len, const char* domain, IPaddressList& out,
                       int max, eventId& event);
 

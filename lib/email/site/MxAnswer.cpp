@@ -3,14 +3,11 @@
 #include "email/site/Resolver.h"
 
 #include <arpa/nameser.h>
-#include <ifaddrs.h>
-#include <netinet/in.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
 
 namespace Email {
 
@@ -127,23 +124,6 @@ bool cannotBeForeign(IPaddress address, std::span<const IPaddress> own) noexcept
     std::array<unsigned char, 4> bytes{};
     std::memcpy(bytes.data(), &address.value, bytes.size());
     return bytes[0] == 0 || bytes[0] == 127 || std::ranges::find(own, address) != own.end();
-}
-
-std::vector<IPaddress> interfaceAddresses() {
-    std::vector<IPaddress> found;
-    ifaddrs* first = nullptr;
-    if (::getifaddrs(&first) != 0) {
-        return found;
-    }
-    const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> owner(first, &::freeifaddrs);
-    for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET) {
-            sockaddr_in inet{};
-            std::memcpy(&inet, entry->ifa_addr, sizeof inet);
-            found.emplace_back(inet.sin_addr.s_addr);
-        }
-    }
-    return found;
 }
 
 } // namespace Email

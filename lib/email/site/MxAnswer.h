@@ -38,7 +38,4 @@ void orderExchangers(std::vector<Exchanger>& exchangers, std::minstd_rand& chanc
 // True for an address that cannot be another host's: 0/8, 127/8, or one of `own`.
 [[nodiscard]] bool cannotBeForeign(IPaddress address, std::span<const IPaddress> own) noexcept;
 
-// The addresses of this host's interfaces; none when they cannot be found out.
-[[nodiscard]] std::vector<IPaddress> interfaceAddresses();
-
 } // namespace Email

@@ -101,7 +101,7 @@ int Resolver::judge(int length, int error) noexcept {
 }
 
 int Resolver::Query(const char* name, int queryClass, int type, unsigned char* answer, int& len) {
-    const Email::LookUpLimit limit;
+    const Email::LookUpLimit limit(len > kAnswerSize);
     h_errno = 0;
     const int length = ::res_search(name, queryClass, type, answer, len);
     const int result = judge(length, h_errno);

@@ -1,5 +1,7 @@
 #include "email/site/ServerNames.h"
 
+#include "email/site/TlsPolicy.h"
+
 #include <algorithm>
 #include <cctype>
 #include <map>
@@ -30,6 +32,18 @@ Key keyOf(std::string_view domain, IPaddress address) {
 
 void rememberServer(std::string_view domain, IPaddress address, std::string_view name) {
     names().try_emplace(keyOf(domain, address), name);
+}
+
+void rememberServers(std::string_view domain, const IPaddressList& list, int from,
+                     std::string_view name) {
+    if (!tlsPolicy().wanted()) {
+        return;
+    }
+    name.remove_prefix(name.starts_with('[') ? 1 : 0);
+    name.remove_suffix(name.ends_with(']') ? 1 : 0);
+    for (int i = from; i < list.count(); ++i) {
+        rememberServer(domain, list.addr(i), name);
+    }
 }
 
 std::string serverName(std::string_view domain, IPaddress address) {

@@ -2,7 +2,7 @@
 // verifies. Kept for the whole run, since addresses are remembered without their names.
 #pragma once
 
-#include "email/base/IPaddress.h"
+#include "email/site/IPaddressList.h"
 
 #include <string>
 #include <string_view>
@@ -12,6 +12,11 @@ namespace Email {
 // The first name stays: that of the exchanger that is tried first. Case and a trailing dot of the
 // domain are ignored.
 void rememberServer(std::string_view domain, IPaddress address, std::string_view name);
+
+// The same for the addresses of the list from place `from` on; brackets around a literal go.
+// Nothing is kept when no domain of this run may get TLS.
+void rememberServers(std::string_view domain, const IPaddressList& list, int from,
+                     std::string_view name);
 
 // Empty when none is known.
 [[nodiscard]] std::string serverName(std::string_view domain, IPaddress address);

@@ -46,6 +46,8 @@ constexpr const char* yesNo(bool on) {
 #define SETTING_PATH(key, member, builtIn, meaning)                                                \
     PLAIN(key, File, builtIn, &mailscanGlobals::member, meaning)
 #define SETTING_WORDS(key, member, meaning) PLAIN(key, Words, "", &mailscanGlobals::member, meaning)
+#define SETTING_CHOICE_LINES(key, choices, meaning)                                                \
+    ROW(key, Lines, "", std::monostate(), "", 0, 0, choices, meaning)
 #define SETTING_LINES(key, meaning) PLAIN(key, Lines, "", std::monostate(), meaning)
 
 constexpr Setting kSettings[] = {

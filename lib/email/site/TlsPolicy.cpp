@@ -1,5 +1,8 @@
 #include "email/site/TlsPolicy.h"
 
+#include "email/base/Assert.h"
+#include "fwall/config.h"
+
 #include <strings.h>
 
 #include <algorithm>
@@ -26,6 +29,27 @@ std::optional<TlsLevel> tlsLevel(std::string_view word) noexcept {
 
 const char* tlsWord(TlsLevel level) noexcept {
     return kWords.at(static_cast<std::size_t>(level));
+}
+
+void TlsPolicy::load(TlsLevel dflt, cfgrec* cfg) {
+    clear();
+    setDefault(dflt);
+    constexpr const char* kKey = "smtp-tls-policy";
+    // Asked with a null list, cfg_get() would go on from where the last search stopped.
+    for (cfgrec* line = cfg == nullptr ? nullptr : cfg_get(kKey, cfg); line != nullptr;
+         line = cfg_next(kKey, line)) {
+        const auto level = line->argc == 2 ? tlsLevel(line->argv[1]) : std::nullopt;
+        if (!level) {
+            assert_failure("cf->argc == 2 && tlsLevel(cf->argv[1])", "lib/email/mailscanGlobals",
+                           __LINE__);
+        }
+        add(line->argv[0], *level);
+    }
+}
+
+TlsPolicy& tlsPolicy() noexcept {
+    static TlsPolicy policy;
+    return policy;
 }
 
 TlsLevel TlsPolicy::levelFor(const char* domain) const noexcept {

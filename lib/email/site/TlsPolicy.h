@@ -28,6 +28,10 @@ enum class TlsLevel : std::uint8_t {
 // language of "domain-relay". The first pattern added that matches decides.
 class TlsPolicy {
 public:
+    // Reads "smtp-tls-policy" lines, a pattern and a level each, and the default. A line that is
+    // not so ends the run: a guess could send in the clear what must not go so.
+    void load(TlsLevel dflt, cfgrec* cfg);
+
     void setDefault(TlsLevel level) noexcept { default_ = level; }
     void add(const char* pattern, TlsLevel level) { lines_.emplace_back(DRinfo(pattern), level); }
     void clear() noexcept {
@@ -44,5 +48,8 @@ private:
     TlsLevel default_ = TlsLevel::None;
     std::vector<std::pair<DRinfo, TlsLevel>> lines_;
 };
+
+// The run's policy, which mailscanGlobals::initialise() loads.
+[[nodiscard]] TlsPolicy& tlsPolicy() noexcept;
 
 } // namespace Email

@@ -3,6 +3,7 @@
 #include "email/base/Assert.h"
 #include "email/base/Decimal.h"
 #include "email/site/Setting.h"
+#include "email/site/TlsPolicy.h"
 #include "fwall/config.h"
 
 #include <algorithm>
@@ -109,4 +110,5 @@ void mailscanGlobals::initialise(cfgrec* cfg) {
     for (const Email::Setting& setting : Email::settings()) {
         setting.load(cfg);
     }
+    Email::tlsPolicy().load(static_cast<Email::TlsLevel>(smtpTls), cfg);
 }

@@ -5,6 +5,7 @@
 #include "email/base/Semaphore.h"
 #include "email/file/BoundedLineReader.h"
 #include "email/site/DomainRelay.h"
+#include "email/site/MXlookup.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/smtp/BodyShaper.h"
 #include "email/smtp/ReplyLine.h"
@@ -159,6 +160,9 @@ int Sender::readNumber(long timeoutSecs) {
             conversation.reply = text;
         }
         const auto reply = Email::parseReplyLine(text);
+        if (reply && answer_ != nullptr) {
+            answer_->addLine(text.substr(4));
+        }
         if (!reply) {
             tellMissingReply(err, timeoutSecs);
             return COMMS_FAILED;
@@ -195,6 +199,7 @@ void Sender::CloseTransport() noexcept {
         HostList::BlackL.Add(serverAddress);
     }
     heldSince_.reset();
+    session_ = {};
     replyLost_ = false;
     silentReplies_ = 0;
 }
@@ -234,7 +239,7 @@ bool Sender::tryAddress(IPaddress address, int port) {
     if (ReadBanner() && !CommandTimeOut()) {
         heldSince_ = begun;
         logEvent(EV_CONNECTED, nullptr, 0);
-        return true;
+        return !wantsSession() || openSession(address, port);
     }
     HostList::BlackL.Add(address);
     CloseTransport();
@@ -266,11 +271,12 @@ bool Sender::tryRelays(DomainRelay& relays, const char* domain, bool& tried) {
     }
     IPaddressList list;
     eventId event = EV_NONE;
-    if (relays.getAddresses(domain, list, mailscanGlobals::max_addr_to_try, event) < 1) {
+    const int n = relays.getAddresses(domain, list, mailscanGlobals::max_addr_to_try, event);
+    tried = tried || n != 0;
+    if (n < 1) {
         logEvent(event, nullptr, 0);
         return false;
     }
-    tried = true;
     logEvent(EV_RELAY_FOUND, nullptr, 0);
     if (tryOpen(list, kMailPort)) {
         return true;
@@ -312,6 +318,9 @@ bool Sender::findServer(SMTPcode& code, EmailAddr& rcpt) {
         logEvent(EV_DIRECT, nullptr, 0);
     }
     const char* domain = direct ? HostList::hostName() : rcptDomain.data();
+    // A direct send goes to the gateway's own server.
+    level_ = direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(domain);
+    domain_ = domain;
     if (isThisHost(domain, port)) {
         logEvent(EV_SELF_SEND, nullptr, 0);
         code = SELFSEND;
@@ -347,6 +356,9 @@ bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, boo
     if (mailscanGlobals::dnsEnable && openExchangers(code, rcpt)) {
         return true;
     }
+    if (code == TAKES_NO_MAIL) {
+        return false;
+    }
     if (tryRelays(DomainRelay::fallbackRelays, domain, tried)) {
         return true;
     }
@@ -373,6 +385,10 @@ bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
     logEvent(EV_MX_START, nullptr, 0);
     IPaddressList list;
     const int n = exchangersOf(rcpt, list);
+    if (n == MXlookup::kNullMx) {
+        code = TAKES_NO_MAIL;
+        return false;
+    }
     if (n == -1 || (n >= 1 && list.count() == 0)) {
         code = MXHOST_NOT_FOUND;
         return false;
@@ -387,6 +403,10 @@ bool Sender::command(Stage stage, const char* cmd, const char* arg, long timeout
 }
 
 bool Sender::SendHELO(SMTPcode* code) {
+    if (session_.hello) {
+        store(code, *session_.hello);
+        return success(*session_.hello);
+    }
     return command(Stage::Helo, "HELO", HostList::hostName(),
                    mailscanGlobals::MAIL_command_interval, code);
 }
@@ -394,7 +414,15 @@ bool Sender::SendHELO(SMTPcode* code) {
 // In lower case, and with the blank that every command has before its argument: the gateway's other
 // programs and the filters behind them know its mail by it.
 bool Sender::SendMAIL(const char* from, SMTPcode* code) {
-    return command(Stage::Mail, "mail from:", from, mailscanGlobals::MAIL_command_interval, code);
+    if (session_.offered.tooLarge(needs_.wireSize)) {
+        conversation.begin(Stage::Mail);
+        conversation.error = Email::errorText(0, "the text is larger than the server takes");
+        store(code, IDS_RTS552);
+        return false;
+    }
+    const std::string argument = mailArgument(from);
+    return command(Stage::Mail, "mail from:", argument.c_str(),
+                   mailscanGlobals::MAIL_command_interval, code);
 }
 
 bool Sender::SendRCPT(const char* to, SMTPcode* code) {

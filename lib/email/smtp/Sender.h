@@ -14,7 +14,10 @@
 #include "email/base/Utils.h"
 #include "email/base/eventId.h"
 #include "email/site/HostList.h"
+#include "email/site/TlsPolicy.h"
 #include "email/smtp/ExtSocketClass.h"
+#include "email/smtp/ServerExtensions.h"
+#include "email/smtp/TextNeeds.h"
 #include "email/spool/EmailAddr.h"
 #include "email/telling/Attempt.h"
 
@@ -26,6 +29,10 @@
 #include <string>
 
 class DomainRelay;
+
+namespace Email {
+class TlsContext;
+} // namespace Email
 
 class Sender : public ExtSocketClass {
 public:
@@ -55,6 +62,9 @@ public:
     // For 115, 117 and 118 serverAddress is the server in question.
     virtual void logEvent(eventId event, const char* text, int value) = 0;
 
+    // Why a server did not get the TLS that it should have got, or what it tried meanwhile.
+    virtual void tlsFailed(const std::string& /*why*/) {}
+
     // True when no further command may be started: the alarm has fired or the deadline has passed.
     [[nodiscard]] bool CommandTimeOut() const noexcept;
 
@@ -73,7 +83,9 @@ public:
     // True when the server greets with 220.
     bool ReadBanner();
 
-    // Connects to the first address that greets. Those that fail go onto the blacklist, those that
+    // Connects to the first address that greets and, where the rule table asks for it, lets itself
+    // be spoken to with EHLO and TLS as the domain must have it; a server that does not is passed
+    // over. Those that do not greet go onto the blacklist, those that
     // are on it are passed over. The list holds at most max_addr_to_try entries, or the run ends.
     bool tryOpen(const IPaddressList& list, int port);
 
@@ -88,6 +100,13 @@ public:
     void CloseTransport() noexcept;
 
     bool SendHELO(SMTPcode* code);
+
+    // Before SendMAIL(): reads the text, if the server offers what may be said of it then.
+    void consider(std::istream& text, bool utf8Needed);
+    // True when the recipient's domain is content with the protection of this connection.
+    [[nodiscard]] bool mayShare(const EmailAddr& rcpt) const;
+
+    // With 552, and nothing sent, for a text that is larger than the server takes.
     bool SendMAIL(const char* from, SMTPcode* code);
     bool SendRCPT(const char* to, SMTPcode* code);
     bool SendRSET(SMTPcode* code);
@@ -100,6 +119,11 @@ public:
     bool SendDATA(std::istream& message, const char* name, SMTPcode* code);
 
 protected:
+    // What the server offered, once EHLO was said to it.
+    [[nodiscard]] const Email::ServerExtensions& offered() const noexcept {
+        return session_.offered;
+    }
+
     std::int32_t messageSize = -1;          // bytes; -1 until a body was sent
     const char* serverName = nullptr;       // for the event records; nobody here sets it
     IPaddress serverAddress;                // the server last tried or connected
@@ -126,6 +150,18 @@ private:
     bool openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct);
     bool findServer(SMTPcode& code, EmailAddr& rcpt);
 
+    // Opening with EHLO and TLS: SenderSession.cpp.
+    [[nodiscard]] bool wantsSession() const noexcept;
+    bool openAgain(IPaddress address, int port);
+    bool sayEhlo(SMTPcode& code);
+    bool sayHello(IPaddress address, int port);
+    bool openSession(IPaddress address, int port);
+    bool secure(IPaddress address, int port);
+    bool goOnInTheClear(IPaddress address, int port);
+    std::string startTls(IPaddress address);
+    std::string shakeHands(Email::TlsContext& context, IPaddress address);
+    [[nodiscard]] std::string mailArgument(const char* from) const;
+
     int readNumber(long timeoutSecs);
     bool command(Email::Stage stage, const char* cmd, const char* arg, long timeoutSecs,
                  SMTPcode* code);
@@ -139,7 +175,22 @@ private:
 
     std::unique_ptr<char[]> bodyRoom_; // a Block's, kept for the next body
 
+    // What the domain that a server is searched for must get.
+    Email::TlsLevel level_ = Email::TlsLevel::None;
+    std::string domain_;
+
+    struct Session {
+        std::optional<SMTPcode> hello; // result of EHLO or HELO, when it was said on connecting
+        Email::ServerExtensions offered;
+        std::string name; // of the server, as TLS asked for it
+        bool broken = false;
+    };
+    Email::ServerExtensions* answer_ = nullptr; // takes the lines of the reply that is read
+    Email::TextNeeds needs_;
+    bool utf8Needed_ = false;
+
     // State of one conversation, cleared when the transport closes.
+    Session session_;
     std::optional<std::chrono::steady_clock::time_point> heldSince_; // greeted, no mail taken yet
     bool replyLost_ = false;                                         // a reply did not come in time
     int silentReplies_ = 0;                                          // read time-outs in a row

@@ -76,4 +76,25 @@ void ServerExtensions::addLine(std::string_view text) noexcept {
     }
 }
 
+std::string ServerExtensions::text() const {
+    std::string out;
+    const auto add = [&](std::string_view word, std::string_view prefix = "") {
+        out.append(out.empty() ? "" : ", ").append(prefix).append(word);
+    };
+    for (const Keyword& keyword : kExtensions) {
+        if (this->*keyword.offered) {
+            add(keyword.name);
+            if (keyword.offered == &ServerExtensions::size && sizeLimit != 0) {
+                out += " " + std::to_string(sizeLimit);
+            }
+        }
+    }
+    for (const Keyword& keyword : kMechanisms) {
+        if (this->*keyword.offered) {
+            add(keyword.name, "AUTH ");
+        }
+    }
+    return out;
+}
+
 } // namespace Email

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace Email {
@@ -16,6 +17,9 @@ struct ServerExtensions {
     // Takes the text of the answer's next line: what stands behind the code and its "-" or blank.
     // The first line names the server and offers nothing.
     void addLine(std::string_view text) noexcept;
+
+    // What is offered, in the words of the documents: "SIZE 1000, STARTTLS, AUTH PLAIN".
+    [[nodiscard]] std::string text() const;
 
     // True when the server's limit (RFC 1870) rules out a text of this many bytes.
     [[nodiscard]] bool tooLarge(long long bytes) const noexcept {

@@ -145,6 +145,9 @@ bool EmailAddr::throughRelaysOrMX(IPaddress addr) {
     if (n >= 1 && relays.InList(addr)) {
         return true;
     }
+    if (n < 0) {
+        return false; // its relays are not known now: it goes nowhere else
+    }
     if (n < 1 && !doneMX_) {
         if (named && !MXlookup::mayAnswer(domain.data())) {
             return false;

@@ -103,7 +103,7 @@ std::unique_ptr<EmailAddr> MailList::Remove(IPaddress addr) {
 
 std::unique_ptr<EmailAddr> MailList::Gathering::next() {
     for (; *link_; link_ = &(*link_)->next) {
-        if ((*link_)->suitableHost(addr_)) {
+        if ((*link_)->suitableHost(addr_) && (!mayJoin_ || mayJoin_(**link_))) {
             return detach(*link_);
         }
     }

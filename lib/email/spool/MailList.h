@@ -4,7 +4,9 @@
 #include "email/base/SMTPcode.h"
 #include "email/spool/EmailAddr.h"
 
+#include <functional>
 #include <memory>
+#include <utility>
 
 class MailList {
 public:
@@ -46,12 +48,16 @@ public:
     // meanwhile.
     class Gathering {
     public:
-        Gathering(MailList& list, IPaddress addr) noexcept : link_(&list.head_), addr_(addr) {}
+        // With `mayJoin`, only records for which that holds.
+        using Judge = std::function<bool(const EmailAddr&)>;
+        Gathering(MailList& list, IPaddress addr, Judge mayJoin = nullptr) noexcept
+            : link_(&list.head_), addr_(addr), mayJoin_(std::move(mayJoin)) {}
         std::unique_ptr<EmailAddr> next();
 
     private:
         std::unique_ptr<EmailAddr>* link_;
         IPaddress addr_;
+        Judge mayJoin_;
     };
 
     [[nodiscard]] bool ReasonPresent(SMTPcode code) const noexcept;

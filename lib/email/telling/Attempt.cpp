@@ -25,6 +25,8 @@ std::string noAnswer(int error, long seconds) {
 
 void Attempt::tryServer(IPaddress address) {
     server = address;
+    tls.clear();
+    verified.clear();
     begin(Stage::Connect);
 }
 

@@ -16,7 +16,7 @@ namespace Email {
 namespace {
 
 // clang-format off
-#define ATTEMPT " stage=%g error=%e left-out=%l reply=%y"
+#define ATTEMPT " stage=%g error=%e left-out=%l reply=%y tls=%p verified=%v"
 constexpr std::array kTable{
     LogRow{LogLine::Delivered, EV_DELIVERED, LOG_INFO, LogGate::MailLog,
            "delivered msg=%m from=%f to=%t relay=%a code=%c text=%r" ATTEMPT},
@@ -63,6 +63,9 @@ constexpr std::array kTable{
            "connect-failed msg=%m to=%t relay=%a error=%e"},
     LogRow{LogLine::NoGreeting, EV_NO_GREETING, LOG_INFO, LogGate::Always,
            "no-greeting msg=%m to=%t relay=%a code=%c text=%r error=%e reply=%y"},
+
+    LogRow{LogLine::TlsFailed, EV_NONE, LOG_WARNING, LogGate::Always,
+           "tls-failed msg=%m to=%t relay=%a reason=%q"},
 
     LogRow{LogLine::FewerWorkers, EV_NONE, LOG_NOTICE, LogGate::Always,
            "fewer-workers wanted=%s used=%s because=%s"},
@@ -246,6 +249,10 @@ private:
             return given(stageName(attempt().stage), nameField);
         case 'l':
             return given(attempt().leftOut, nameField);
+        case 'p':
+            return given(attempt().tls, nameField);
+        case 'v':
+            return given(attempt().verified, nameField);
         default:
             return given(attempt().reply, quoted);
         }

@@ -48,6 +48,7 @@ enum class LogLine {
     BadDomain,
     ConnectFailed,
     NoGreeting,
+    TlsFailed,
     // A run with many workers
     FewerWorkers,
     WorkerDied,
@@ -100,9 +101,9 @@ enum class LogGate {
 
 // One line. In the text, %m is the message's leaf name, %f the envelope sender, %t the recipient,
 // %a the server's address, %c the result code, %r that code in words, %g the stage, %e an errno
-// number and its text, %l the servers left out, %y the server's reply in quotes, each %s the next
-// of the further texts and each %q the same in quotes. A name=value field whose value is not given
-// is left out.
+// number and its text, %l the servers left out, %y the server's reply in quotes, %p the TLS
+// protocol and cipher, %v by what the server was verified, each %s the next of the further texts
+// and each %q the same in quotes. A name=value field whose value is not given is left out.
 struct LogRow {
     LogLine line;
     eventId event; // the event that raises it, EV_NONE for a line without one

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+
 #include <array>
 #include <sstream>
 
@@ -41,7 +43,7 @@ TEST(DeliveryStatus, StatusIsTheServersOwnOrFollowsFromTheCode) {
         {1001, "", "4.4.7"},
         {1002, "", "5.1.2"},
         {1003, "", "5.1.3"},
-        {1004, "", "5.4.6"}};
+        {1004, "", "5.4.6"}, {1007, "", "5.1.10"}};
     for (const auto& [code, reply, status] : cases) {
         EXPECT_EQ(Email::statusOf(static_cast<SMTPcode>(code), reply), status) << code << reply;
     }
@@ -51,8 +53,9 @@ constexpr const char* kText = "Subject: x\nTo: y\n\nbody\n=_deadbeef\nlast witho
 
 std::string mailWith(int maxLines, std::string_view author, const char* text = kText) {
     const std::array<Email::FailedRecipient, 2> failed{
-        {{"<a@x.test>", IDS_RTS550, "550 5.1.1 no\r\nFake: \xff", "192.0.2.1"},
-         {"<b@y.test>", MXHOST_NOT_FOUND, "", ""}}};
+        {{"<a@x.test>", IDS_RTS550, "550 5.1.1 no\r\nFake: \xff",
+          IPaddress(::inet_addr("192.0.2.1"))},
+         {"<b@y.test>", MXHOST_NOT_FOUND, "", {}}}};
     std::istringstream in(text);
     std::string mail = Email::deliveryStatusMail(
         {"<s@from.test>", "gw.test", author, DateTime(0), maxLines}, failed, in);

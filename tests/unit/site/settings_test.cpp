@@ -32,21 +32,37 @@ struct Overloaded : Case... {
 template<class... Case>
 Overloaded(Case...) -> Overloaded<Case...>;
 
+std::string choiceAt(const Setting& setting, int place) {
+    std::string_view rest = setting.choices;
+    for (; place > 0; --place) {
+        rest.remove_prefix(rest.find('|') + 1);
+    }
+    return std::string(rest.substr(0, rest.find('|')));
+}
+
+std::string lastChoice(const Setting& setting) {
+    return std::string(setting.choices).substr(std::string_view(setting.choices).rfind('|') + 1);
+}
+
 // What a setting holds, in words that the rule table could have; a "-" for what is kept elsewhere.
 std::string held(const Setting& setting) {
     const auto yesNo = [](bool on) { return std::string(on ? "yes" : "no"); };
-    return std::visit(
-        Overloaded{[&](std::int32_t* to) {
-                       return setting.kind == Kind::YesNo ? yesNo(*to == 1) : std::to_string(*to);
-                   },
-                   [&](bool* to) { return yesNo(*to); },
-                   [](const char** to) { return std::string(*to); },
-                   [](FileName* to) { return std::string((*to)()); },
-                   [](const char*** to) {
-                       return *to == nullptr ? std::string() : std::string(**to) + " " + (*to)[1];
-                   },
-                   [](auto) { return std::string("-"); }},
-        setting.target);
+    return std::visit(Overloaded{[&](std::int32_t* to) {
+                                     return setting.kind == Kind::YesNo    ? yesNo(*to == 1)
+                                            : setting.kind == Kind::Choice ? choiceAt(setting, *to)
+                                            : setting.kind == Kind::Interval && *to == 0
+                                                ? "off"
+                                                : std::to_string(*to);
+                                 },
+                                 [&](bool* to) { return yesNo(*to); },
+                                 [](const char** to) { return std::string(*to); },
+                                 [](FileName* to) { return std::string((*to)()); },
+                                 [](const char*** to) {
+                                     return *to == nullptr ? std::string()
+                                                           : std::string(**to) + " " + (*to)[1];
+                                 },
+                                 [](auto) { return std::string("-"); }},
+                      setting.target);
 }
 
 TEST(Settings, EveryKeyReachesItsMemberAndEveryBuiltInValueComesBack) {
@@ -54,11 +70,14 @@ TEST(Settings, EveryKeyReachesItsMemberAndEveryBuiltInValueComesBack) {
     int next = 7000;
     std::vector<std::string> values;
     for (const Setting& s : Email::settings()) {
-        values.push_back(s.kind == Kind::Number  ? std::to_string(next++)
+        const bool counted = s.kind == Kind::Number || s.kind == Kind::Interval;
+        values.push_back(counted                 ? std::to_string(next++)
                          : s.kind == Kind::YesNo ? (*s.builtIn == 'y' ? "no" : "yes")
+                         : *s.choices != '\0'    ? lastChoice(s)
                                                  : "a b");
-        lines +=
-            std::string(s.key) + (s.kind == Kind::Words ? " a b\n" : " '" + values.back() + "'\n");
+        lines += s.key + (s.kind == Kind::Words ? " a b\n"
+                          : s.repeats()         ? " a " + values.back() + "\n"
+                                                : " '" + values.back() + "'\n");
     }
     G::initialise(table(lines));
     for (std::size_t i = 0; const Setting& s : Email::settings()) {

@@ -10,31 +10,17 @@ namespace {
 
 using Email::ServerExtensions;
 
-// Every property that is set, in words.
-std::string told(const ServerExtensions& server) {
-    std::string out = server.size ? "size=" + std::to_string(server.sizeLimit) + " " : "";
-    const std::pair<bool, const char*> flags[] = {
-        {server.pipelining, "pipelining "}, {server.eightBitMime, "8bit "},
-        {server.smtpUtf8, "utf8 "},         {server.startTls, "starttls "},
-        {server.enhancedCodes, "codes "},   {server.authPlain, "plain "},
-        {server.authLogin, "login "},       {server.authScram256, "scram "}};
-    for (const auto& [set, word] : flags) {
-        out += set ? word : "";
-    }
-    return out;
-}
-
 TEST(ServerExtensions, TakeWhatIsWellSaid) {
     const std::pair<std::vector<const char*>, const char*> cases[] = {
-        {{"PIPELINING", "SIZE 1000"}, "size=1000 pipelining "},
+        {{"PIPELINING", "SIZE 1000"}, "SIZE 1000, PIPELINING"},
         {{"pipelining", "8bitMIME", "SmtpUtf8", "StartTLS", "EnhancedStatusCodes"},
-         "pipelining 8bit utf8 starttls codes "},
-        {{"AUTH PLAIN login SCRAM-SHA-256 GSSAPI"}, "plain login scram "},
-        {{"AUTH=LOGIN", "AUTH SCRAM-SHA-256-PLUS SCRAM-SHA-1"}, "login "},
-        {{"SIZE", "SIZE "}, "size=0 "},
-        {{"SIZE -1", "SIZE 12k"}, "size=0 "},
-        {{"SIZE 99999999999999999999999"}, "size=0 "},
-        {{"SIZE=5"}, "size=5 "},
+         "PIPELINING, 8BITMIME, SMTPUTF8, STARTTLS, ENHANCEDSTATUSCODES"},
+        {{"AUTH PLAIN login SCRAM-SHA-256 GSSAPI"}, "AUTH PLAIN, AUTH LOGIN, AUTH SCRAM-SHA-256"},
+        {{"AUTH=LOGIN", "AUTH SCRAM-SHA-256-PLUS SCRAM-SHA-1"}, "AUTH LOGIN"},
+        {{"SIZE", "SIZE "}, "SIZE"},
+        {{"SIZE -1", "SIZE 12k"}, "SIZE"},
+        {{"SIZE 99999999999999999999999"}, "SIZE"},
+        {{"SIZE=5"}, "SIZE 5"},
         {{"", " ", "STARTTLSX", "XSTARTTLS", "PIPELINING.", "=", "AUTH", "AUTHPLAIN"}, ""}};
     for (const auto& [lines, expected] : cases) {
         ServerExtensions server;
@@ -42,7 +28,7 @@ TEST(ServerExtensions, TakeWhatIsWellSaid) {
         for (const char* line : lines) {
             server.addLine(line);
         }
-        EXPECT_EQ(told(server), expected);
+        EXPECT_EQ(server.text(), expected);
     }
 }
 
@@ -53,7 +39,7 @@ TEST(ServerExtensions, LookAtSoManyLinesAndNoMore) {
     }
     server.addLine("PIPELINING");
     server.addLine("SIZE 10");
-    EXPECT_EQ(told(server), "pipelining ");
+    EXPECT_EQ(server.text(), "PIPELINING");
     server.sizeLimit = 10;
     EXPECT_TRUE(server.tooLarge(11));
     EXPECT_FALSE(server.tooLarge(10) || server.tooLarge(-1));

@@ -18,13 +18,13 @@ TEST(LogLines, HoldTheirFieldsInOrderAndLeaveOutTheMissingAndCannotBeForged) {
                                 .error = Email::noAnswer(62, 30)};
     const Email::Attempt leftOut{.leftOut = "blacklist:127.0.0.2,127.0.0.3"};
     const Email::Attempt served{
-        .server = IPaddress(0x0100007FU), .stage = Email::Stage::Dot, .reply = "250 ok"};
+        .server = IPaddress(0x0100007FU), .stage = Email::Stage::Dot, .reply = "250 ok", .tls = "TLSv1.3/X", .verified = "no"};
     // clang-format off
     const std::tuple<LogLine, Email::LogFields, std::string> cases[] = {
         {LogLine::Delivered,
          {.message = "/q/dir/m1", .sender = "<s@a.test>", .recipient = "r@b.test",
           .attempt = &served, .code = 250},
-         "delivered msg=m1 from=<s@a.test> to=<r@b.test> relay=127.0.0.1 code=250 text=Accepted stage=dot reply=\"250 ok\""},
+         "delivered msg=m1 from=<s@a.test> to=<r@b.test> relay=127.0.0.1 code=250 text=Accepted stage=dot reply=\"250 ok\" tls=TLSv1.3/X verified=no"},
         {LogLine::Deferred, {.message = "a b=c", .recipient = "<\"x y\"> to=<v@b.test>", .attempt = &refused, .code = 450},
          "deferred msg=a%20b%3Dc to=<%22x%20y%22%3E%20to%3D%3Cv@b.test> relay=0.0.0.0 code=450"
          " text=Requested mail action not taken: mailbox unavailable. [SMTP Error Code 450]"

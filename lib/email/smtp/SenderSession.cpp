@@ -1,0 +1,191 @@
+// How Sender opens a conversation when the rule table asks for more than HELO: EHLO, and TLS as the
+// recipient's domain must have it. With neither key nothing here is called.
+#include "email/site/HostList.h"
+#include "email/site/ServerNames.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/smtp/Sender.h"
+#include "email/smtp/TlsChannel.h"
+#include "email/smtp/TlsModule.h"
+
+#include <array>
+#include <cerrno>
+#include <utility>
+
+using Email::Stage;
+using Email::TlsLevel;
+
+namespace {
+
+bool refused(int code) noexcept {
+    return code >= 500 && code <= 599;
+}
+
+bool hungUp(int error) noexcept {
+    return error == ENODATA || error == ECONNRESET || error == EPIPE;
+}
+
+} // namespace
+
+bool Sender::wantsSession() const noexcept {
+    return mailscanGlobals::smtpExtensions || level_ != TlsLevel::None;
+}
+
+bool Sender::openAgain(IPaddress address, int port) {
+    const auto held = std::exchange(heldSince_, std::nullopt);
+    CloseTransport();
+    if (openSocket(address, port) == 0 && ReadBanner() && !CommandTimeOut()) {
+        heldSince_ = held;
+        return true;
+    }
+    HostList::BlackL.Add(address);
+    CloseTransport();
+    logEvent(EV_NO_GREETING, nullptr, 0);
+    return false;
+}
+
+bool Sender::sayEhlo(SMTPcode& code) {
+    session_.offered = {};
+    answer_ = &session_.offered;
+    const bool good = command(Stage::Helo, "EHLO", HostList::hostName(),
+                              mailscanGlobals::MAIL_command_interval, &code);
+    answer_ = nullptr;
+    if (!good) {
+        session_.offered = {};
+    }
+    return good;
+}
+
+// A server that does not know EHLO says so, or hangs up; either is asked again in the old way.
+bool Sender::sayHello(IPaddress address, int port) {
+    SMTPcode code = COMMS_FAILED;
+    if (!sayEhlo(code)) {
+        const bool again = code == COMMS_FAILED && hungUp(GetExErr());
+        if (again && !openAgain(address, port)) {
+            return false;
+        }
+        if (again || refused(code)) {
+            command(Stage::Helo, "HELO", HostList::hostName(),
+                    mailscanGlobals::MAIL_command_interval, &code);
+        }
+    }
+    session_.hello = code;
+    return true;
+}
+
+// True when the conversation may go on. What the server said to EHLO or HELO is for SendHELO() to
+// tell, as ever.
+bool Sender::openSession(IPaddress address, int port) {
+    if (!sayHello(address, port)) {
+        return false;
+    }
+    const bool hopeless = level_ == TlsLevel::May && !session_.offered.startTls;
+    return level_ == TlsLevel::None || !success(*session_.hello) || hopeless ||
+           secure(address, port);
+}
+
+bool Sender::secure(IPaddress address, int port) {
+    const std::string why = startTls(address);
+    if (why.empty()) {
+        SMTPcode code = COMMS_FAILED;
+        sayEhlo(code);
+        session_.hello = code;
+        return true;
+    }
+    tlsFailed(why);
+    if (level_ == TlsLevel::May) {
+        return goOnInTheClear(address, port);
+    }
+    CloseTransport();
+    conversation.error = Email::errorText(0, "TLS is required: " + why);
+    return false;
+}
+
+// After a handshake that failed the connection is of no more use.
+bool Sender::goOnInTheClear(IPaddress address, int port) {
+    conversation.tls = "no";
+    return !session_.broken || (openAgain(address, port) && sayHello(address, port));
+}
+
+// Empty when the connection is protected, else why it is not.
+std::string Sender::startTls(IPaddress address) {
+    if (!session_.offered.startTls) {
+        return "the server does not offer it";
+    }
+    std::string trouble;
+    Email::TlsContext* const context = Email::tlsContext(mailscanGlobals::tlsAuthorities,
+                                                         mailscanGlobals::tlsCertificate, trouble);
+    if (context == nullptr) {
+        return trouble;
+    }
+    SMTPcode code = COMMS_FAILED;
+    command(Stage::Helo, "STARTTLS", nullptr, mailscanGlobals::MAIL_command_interval, &code);
+    if (code != SERVICE_READY) {
+        session_.broken = code == COMMS_FAILED;
+        return "the server answered STARTTLS with " + std::to_string(code);
+    }
+    return shakeHands(*context, address);
+}
+
+std::string Sender::shakeHands(Email::TlsContext& context, IPaddress address) {
+    session_.broken = true;
+    session_.name = Email::serverName(domain_, address);
+    auto session = context.start(theSocket, {session_.name, level_ == TlsLevel::Verify});
+    if (session == nullptr) {
+        return "the server's name is not known";
+    }
+    auto channel = std::make_unique<Email::TlsChannel>(std::move(session), theSocket);
+    if (!channel->handshake(1000L * mailscanGlobals::MAIL_command_interval)) {
+        return channel->trouble();
+    }
+    session_.broken = false;
+    conversation.tls = channel->protocol();
+    conversation.verified = channel->verified() ? "ca" : "no";
+    if (const int bytes = protect(std::move(channel)); bytes > 0) {
+        tlsFailed(std::to_string(bytes) + " bytes in the clear behind the reply to STARTTLS were"
+                                          " thrown away");
+    }
+    return {};
+}
+
+// What another recipient's domain asks of the connection that stands.
+bool Sender::mayShare(const EmailAddr& rcpt) const {
+    std::array<char, EmailAddr::kDomainSize> domain{};
+    if (!Email::tlsPolicy().wanted() || !rcpt.GetDomain(domain.data())) {
+        return true;
+    }
+    const TlsLevel level = Email::tlsPolicy().levelFor(domain.data());
+    if (level < TlsLevel::Encrypt) {
+        return true;
+    }
+    return channel() != nullptr &&
+           (level == TlsLevel::Encrypt ||
+            (channel()->verified() && !session_.name.empty() &&
+             Email::serverName(domain.data(), serverAddress) == session_.name));
+}
+
+// RFC 1870, 6152 and 6531: what the text and the addresses need, as far as the server offers it.
+std::string Sender::mailArgument(const char* from) const {
+    std::string argument = from;
+    const Email::ServerExtensions& offered = session_.offered;
+    if (!mailscanGlobals::smtpExtensions) {
+        return argument;
+    }
+    if (offered.size && needs_.wireSize > 0) {
+        argument += " SIZE=" + std::to_string(needs_.wireSize);
+    }
+    if (offered.eightBitMime && needs_.eightBit) {
+        argument += " BODY=8BITMIME";
+    }
+    if (offered.smtpUtf8 && utf8Needed_) {
+        argument += " SMTPUTF8";
+    }
+    return argument;
+}
+
+void Sender::consider(std::istream& text, bool utf8Needed) {
+    needs_ = {};
+    utf8Needed_ = utf8Needed;
+    if (session_.offered.size || session_.offered.eightBitMime) {
+        needs_ = Email::textNeeds(text);
+    }
+}

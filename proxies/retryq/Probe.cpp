@@ -1,0 +1,59 @@
+#include "retryq/Probe.h"
+
+#include "email/base/resource.h"
+#include "email/site/DomainRelay.h"
+#include "email/smtp/Sender.h"
+
+#include <array>
+
+namespace Retryq {
+
+namespace {
+
+class Prober final : public Sender {
+public:
+    void logEvent(eventId, const char*, int) override {}
+    void tlsFailed(const std::string& why) override { trouble_ = "TLS: " + why; }
+
+    Probed ask(const std::string& address) {
+        EmailAddr rcpt(address.c_str(), nullptr, IDS_NO_REASON);
+        SMTPcode code = COMMS_FAILED;
+        const bool open = OpenTransport(code, &rcpt);
+        Probed found;
+        found.passes = open && SendHELO(&code);
+        found.offers = offered().text();
+        found.tls = conversation.verified.empty() ? "" : conversation.tls;
+        found.verified = conversation.verified;
+        if (conversation.server) {
+            std::array<char, IPaddress::kTextSize> dotted{};
+            conversation.server->format(dotted.data());
+            found.server = dotted.data();
+        }
+        found.trouble = troubleOf(found.passes, code);
+        SendQUIT(nullptr);
+        CloseTransport();
+        return found;
+    }
+
+private:
+    // What TLS said comes first: the other words only follow from it.
+    std::string troubleOf(bool passes, SMTPcode code) const {
+        if (passes || !trouble_.empty()) {
+            return trouble_;
+        }
+        const std::string& words =
+            conversation.reply.empty() ? conversation.error : conversation.reply;
+        return words.empty() ? smtpString(code) : words;
+    }
+
+    std::string trouble_;
+};
+
+} // namespace
+
+Probed probe(const RuleTable& table, const std::string& address) {
+    DomainRelay::initialise(table.records());
+    return Prober().ask(address);
+}
+
+} // namespace Retryq

@@ -1,0 +1,204 @@
+#!/usr/bin/python3
+"""What the rule table may ask for beyond the old ways: EHLO and what servers offer, TLS, return mail for
+programs."""
+import email
+import os
+import re
+import ssl
+import subprocess
+import unittest
+
+import harness
+from harness import SENDERS, THERE, RELAYS, SystemTest, cases
+from servers import A, CLOSE, MX, SILENT, a, mx, reply
+from tables import outcome, route_agrees, table
+from world import DNS_ADDRESS, HOST, etc_file
+
+NAMES = {"good": "mx.test", "other": "other.test", "expired": "mx.test", "self": "mx.test"}
+TLS = {name: (lines.split("; "), server, outcome(ends), log.split(), why)
+       for name, lines, server, ends, log, *why in table("system/data/tls.txt")}
+OFFER = "250-mx.test\r\n250-SIZE 5000\r\n250-8BITMIME\r\n250-SMTPUTF8\r\n250 ENHANCEDSTATUSCODES"
+# Rule-table lines, what the server answers to EHLO, the text, the recipient, what is said up to RCPT (by connection),
+# the outcome.
+HELO = f"HELO {HOST}"
+EHLO = f"EHLO {HOST}"
+MAIL, RCPT = "mail from: <sender@from.test>", "RCPT TO: <u@secure.test>"
+TEXT = b"Subject: x\n\n.dot\n"  # 20 bytes on the wire, and the empty line at its end
+EXTENSIONS = {
+    "off": ("no", OFFER, TEXT, "u", [[HELO, MAIL, RCPT]], "delivered"),
+    "nothing offered": ("yes", "250 mx.test", TEXT, "u", [[EHLO, MAIL, RCPT]], "delivered"),
+    "size": ("yes", OFFER, TEXT, "u", [[EHLO, MAIL + " SIZE=22", RCPT]], "delivered"),
+    "8 bits": ("yes", OFFER, b"\n\xe4\n", "u", [[EHLO, MAIL + " SIZE=7 BODY=8BITMIME", RCPT]], "delivered"),
+    "8 bits, not offered": ("yes", "250 mx.test", b"\n\xe4\n", "u", [[EHLO, MAIL, RCPT]], "delivered"),
+    "address beyond ASCII": ("yes", OFFER, TEXT, "\xfc", [[EHLO, MAIL + " SIZE=22 SMTPUTF8", RCPT.replace("u@", "\xfc@")]],
+                             "delivered"),
+    "too large": ("yes", OFFER, b"x" * 4998 + b"\n", "u", [[EHLO]], "returned 552"),
+    "just fits": ("yes", OFFER, b"x" * 4996 + b"\n", "u", [[EHLO, MAIL + " SIZE=5000", RCPT]], "delivered"),
+    "EHLO refused": ("yes", "502 what", TEXT, "u", [[EHLO, HELO, MAIL, RCPT]], "delivered"),
+    "EHLO refused for now": ("yes", "451 later", TEXT, "u", [[EHLO]], "kept 451"),
+    "EHLO ends it": ("yes", (CLOSE,), TEXT, "u", [[EHLO], [HELO, MAIL, RCPT]], "delivered"),
+    "EHLO without answer": ("yes", (SILENT,), TEXT, "u", [[EHLO]], "kept 1001"),
+}
+
+
+FAR = "10.9.8.7"  # an address of this host that /etc/hosts does not know, in this world also another's
+
+
+def many(query):
+    return reply(query, *[mx(b"\xc0\x0c", 50, f"dead{n}.test") for n in range(40)], mx(b"\xc0\x0c", 5, "far.test"))
+
+
+def temporary(query):
+    return reply(query, rcode=2)
+
+
+# What the name server says, the recipient, further rule-table lines, outcome and servers reached by either rule.
+RFC = {
+    "null MX": ({("x.test", MX): [mx("x.test", 0, "")]}, "<u@x.test>", [], ("kept 1001", []), ("returned 1007", [])),
+    "null MX, fallback": ({("x.test", MX): [mx("x.test", 0, "")]}, "<u@x.test>", [f"fallback-relay * {THERE}"],
+                          ("delivered", [THERE]), ("returned 1007", [])),
+    "silent about the address": ({("x.test", MX): lambda q: reply(q), ("x.test", A): temporary}, "<u@x.test>", [],
+                                 ("returned 1002", []), ("kept 1001", [])),
+    "no address": ({("x.test", MX): lambda q: reply(q), ("x.test", A): lambda q: reply(q)}, "<u@x.test>", [],
+                   ("returned 1002", []), ("returned 1002", [])),
+    "the best behind many": ({("x.test", MX): many, ("far.test", A): [a("far.test", "192.0.2.1")]}, "<u@x.test>", [],
+                             ("kept 1001", []), ("kept 1001", [])),
+    "an address of no other": ({("x.test", MX): [mx("x.test", 10, "loop.test")], ("loop.test", A): [a("loop.test", THERE)]},
+                               "<u@x.test>", [], ("delivered", [THERE]), ("kept 1001", [])),
+    "an address of ours": ({("x.test", MX): [mx("x.test", 10, "our.test"), mx("x.test", 20, "far.test")],
+                            ("our.test", A): [a("our.test", FAR)], ("far.test", A): [a("far.test", THERE)]},
+                           "<u@x.test>", [], ("delivered", [FAR]), ("kept 1001", [])),
+    "relay without address now": ({("relay.test", A): temporary, ("x.test", MX): [mx("x.test", 10, "far.test")],
+                                   ("far.test", A): [a("far.test", THERE)]},
+                                  "<u@x.test>", ["domain-relay x.test relay.test"], ("delivered", [THERE]), ("kept 1001", [])),
+}
+
+
+def openssl(*words):
+    subprocess.run(["openssl", *words], cwd=harness.SCRATCH, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
+def make_certificates():
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "9", "-subj", "/CN=ca")
+    for kind, name in NAMES.items():
+        openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", kind + ".key", "-out", kind + ".csr", "-subj", "/CN=" + name)
+        signer = ["-signkey", kind + ".key"] if kind == "self" else ["-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial"]
+        openssl("x509", "-req", "-in", kind + ".csr", "-out", kind + ".pem", "-days", "-1" if kind == "expired" else "9", *signer)
+
+
+def context(kind):
+    made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    made.load_cert_chain(*(os.path.join(harness.SCRATCH, kind + end) for end in (".pem", ".key")))
+    return made
+
+
+class Internet(SystemTest):
+    @classmethod
+    def setUpClass(cls):
+        subprocess.run(["ip", "address", "add", FAR + "/32", "dev", "lo"], check=True)
+        zone = {"secure.test": [(10, "mx.test")], "mx.test": [THERE], "from.test": [SENDERS]}
+        cls.addClassCleanup(harness.Dnsmasq(harness.SCRATCH, zone).stop)
+        if not os.path.exists(os.path.join(harness.SCRATCH, "ca.pem")):
+            make_certificates()
+
+    def table(self, *lines, **settings):
+        ca = [] if any("smtp-tls-ca" in line for line in lines) else ["smtp-tls-ca " + os.path.join(harness.SCRATCH, "ca.pem")]
+        self.world.table(*ca, *filter(None, lines), **settings)
+
+    def server(self, does):
+        """As a row of tls.txt describes it."""
+        reply, *kind = does.split()
+        kind = kind[0] if kind else ""
+        script = {"ehlo": "250 mx.test" if reply == "-" else "250-mx.test\r\n250 STARTTLS", "starttls": reply + " here"}
+        if reply == "inject":
+            script["starttls"] = ("220 go\r\n250 injected",)
+        odd = {"nonsense": ("220 go", 0.2, "nonsense, long enough for a record", CLOSE), "close": ("220 go", CLOSE),
+               "silence": ("220 go", SILENT)}
+        script["starttls"] = odd.get(kind, script["starttls"])
+        return self.smtp(THERE, script, tls=context(kind) if kind in NAMES else None)
+
+    @cases(TLS)
+    def test_tls(self, lines, does, ends, log, why):
+        self.table(*lines)
+        server, returns = self.server(does), self.smtp(SENDERS)
+        probed = self.objects("route", "u@secure.test", "--probe")[0]["probed"]
+        self.assertEqual(probed["passes"], ends[0] == "delivered", probed)
+        self.assertEqual([probed["tls"].split("/")[0], probed["verified"]], log if len(log) == 2 else ["", ""], probed)
+        self.world.queue("m", "<u@secure.test>")
+        run = self.run_ok()
+        self.assert_outcome("m", ends, returns)
+        line, = run.lines(f" {ends[0].replace('kept', 'deferred')} ", "to=<u@secure.test>")
+        said = re.findall(r" (?:tls|verified)=([^/ ]+)", line)
+        self.assertEqual(said, [] if log == ["-"] else log, line)
+        failed = run.lines(" tls-failed ")
+        self.assertEqual(len(failed), len(why))
+        for words in why:
+            self.assertIn(words, failed[0])
+        if "TLS" in log[0]:
+            self.assertEqual(server.sessions[1].commands[2], EHLO.encode())
+
+    def test_a_shared_server_is_not_shared_below_a_domains_level(self):
+        self.zone_of_two = self.server("220 self")
+        self.table("smtp-tls-policy strict.test verify", "domain-relay * mx.test")
+        self.world.queue("m", ["<a@lax.test>", "<b@strict.test>", "<c@lax.test>"])
+        self.run_ok()
+        self.assertEqual([mail.recipients for mail in self.zone_of_two.mails], [["<c@lax.test>", "<a@lax.test>"]])
+        self.assertEqual(self.world.rmd("m").recipients, [("<b@strict.test>", 1001)])
+
+    @cases(EXTENSIONS)
+    def test_extensions(self, on, offered, text, user, said, ends):
+        self.table("smtp-extensions " + on)
+        server, returns = self.smtp(THERE, {"ehlo": offered}), self.smtp(SENDERS)
+        self.world.queue("m", f"<{user}@secure.test>", text=text)
+        self.run_ok()
+        found = [[line.decode("latin-1") for line in session.commands if line[:4] not in (b"DATA", b"QUIT")]
+                 for session in server.sessions]
+        self.assertEqual(found, said)
+        self.assert_outcome("m", outcome(ends), returns)
+
+    @cases(RFC)
+    def test_dns_by_the_internets_rules(self, answers, rcpt, lines, classic, rfc):
+        others = "127.0.0.54"
+        etc_file("resolv.conf", f"nameserver {others}\noptions timeout:1 attempts:1\n")
+        self.addCleanup(etc_file, "resolv.conf", f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n")
+        self.dns(answers, others)
+        servers, returns = [self.smtp(THERE), self.smtp(FAR)], self.smtp(SENDERS)
+        for rules, (ends, reached) in (("classic", classic), ("rfc", rfc)):
+            with self.subTest(rules):
+                self.world.table(f"domain-relay *.from.test {SENDERS}", f"dns-rules {rules}", *lines)
+                self.world.queue("m", rcpt)
+                for server in (*servers, returns):
+                    server.sessions.clear()
+                route, = self.objects("route", rcpt)
+                self.run_ok()
+                there = [session.address for server in servers for session in server.sessions]
+                self.assertEqual(there, reached)
+                self.assert_outcome("m", outcome(ends), returns)
+                self.assertTrue(route_agrees(route, outcome(ends), reached, (THERE, FAR)), route)
+                for name in self.world.spool():
+                    os.unlink(self.world.spool_dir + name)
+
+    def test_return_mail_for_programs(self):
+        self.world.table(*RELAYS, return_mail_format="dsn", badadmin="admin@home.test")
+        self.smtp(THERE, {"rcpt": {"full": "552-5.2.2 over\r\n552 5.2.2 quota", "": "550 no"}})
+        returns = self.smtp(SENDERS)
+        self.world.queue("m", ["<full@a.test>", "<u@a.test>", "nodomain"], text=b"Subject: lost\n\n\xc3\xa4\n")
+        self.run_ok()
+        self.assertEqual(self.world.spool(), {})
+        mail = email.message_from_bytes(returns.mails[0].data.replace(b"\r\n..", b"\r\n."))
+        self.assertEqual((mail["From"], mail["To"], mail["Auto-Submitted"], mail.get_content_type(), mail.defects),
+                         ("admin@home.test", "<sender@from.test>", "auto-replied", "multipart/report", []))
+        human, status, original = mail.get_payload()
+        self.assertIn("<full@a.test>: ", human.get_payload())
+        gateway, *blocks = status.get_payload()
+        self.assertEqual(gateway["Reporting-MTA"], "dns; " + HOST)
+        self.assertEqual(sorted((block["Final-Recipient"], block["Action"], block["Status"], block["Remote-MTA"],
+                                 block["Diagnostic-Code"]) for block in blocks),
+                         sorted([("rfc822; full@a.test", "failed", "5.2.2", f"dns; [{THERE}]", "smtp; 552 5.2.2 quota"),
+                                 ("rfc822; nodomain", "failed", "5.1.3", None, "x-gateway; Malformed e-mail address"),
+                                 ("rfc822; u@a.test", "failed", "5.0.0", f"dns; [{THERE}]", "smtp; 550 no")]))
+        self.assertEqual(original.get_payload()[0]["Subject"], "lost")
+
+
+if __name__ == "__main__":
+    harness.main()
