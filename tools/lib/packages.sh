@@ -1,8 +1,8 @@
 # Debian packages for the tools; sourced. Needs $root, the source tree.
 
-BUILD_PACKAGES="g++ cmake ninja-build libc6-dev libcli11-dev nlohmann-json3-dev zlib1g-dev"
+BUILD_PACKAGES="g++ cmake ninja-build libc6-dev libcli11-dev libssl-dev nlohmann-json3-dev zlib1g-dev"
 TEST_PACKAGES="googletest clang libclang-rt-14-dev g++-multilib ccache"
-WORLD_PACKAGES="python3 iproute2 dnsmasq-base mount util-linux"
+WORLD_PACKAGES="python3 iproute2 dnsmasq-base mount openssl util-linux"
 
 export PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain user's has none of these
 
