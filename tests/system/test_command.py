@@ -35,7 +35,7 @@ TABLES = {
     "no parameter": ("vorn: mail-log on\nvorn: mail-log\n", 0, ["cfgerr: {}" + TABLE + " line 2 missing parameter"]),
     "too long": ("vorn: mail-log on\nvorn: mail-log " + "x" * 8200 + "\n", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
     "no newline at the end": ("vorn: mail-log on\nvorn: use-dns no", 0, ["cfgerr: {}" + TABLE + " line 2 too long"]),
-    "two words for a number": ("vorn: smtp-max-deferral 1 2\n", 1, [], "lib/email/mailscanGlobals, line 41: cf->argc == 1"),
+    "two words for a number": ("vorn: smtp-max-deferral 1 2\n", 1, [], "lib/email/mailscanGlobals, line 42: cf->argc == 1"),
     "relay without server": ("vorn: domain-relay *\n", 1, [], "lib/email/DomainRelay, line 213: cf->argc > 1"),
     "no word for yes or no": ("vorn: mail-log  \n", 0, []),
     "NUL and 8-bit": ("vorn: mail-log \0\xff on\n", 0, []),
