@@ -79,12 +79,23 @@ class Queue(SystemTest):
         self.assertNotIn("m", [word for o in self.objects("check", status=1) if o["check"] == "spool" for word in o.get("text", "").split()])
         for command in ("retry", "return"):
             self.retryq(command, "-y", "m", status=1)
+        self.world.queue("mm", "<u@x.test>")
+        self.assertEqual([o["message"] for name in ("m", "mm") for o in self.objects("show", name)], ["m", "mm"])
+        self.retryq("remove", "-y", "mm")
         self.retryq("release", "-y", "m")
         self.assertEqual(self.world.rmd("m"), before)
         self.retryq("release", "-y", "m", status=1)
         self.retryq("hold", "-y", "m")
         self.retryq("remove", "-y", "m")
         self.assertEqual(self.world.spool(), {})
+
+    def test_the_beginning_of_a_name_is_enough_to_look(self):
+        self.world.queue("m1a", "<u@x.test>")
+        self.assertEqual(self.objects("show", "m1")[0]["message"], "m1a")
+        for command in ("remove", "hold"):
+            self.retryq(command, "-y", "m1", status=1)
+        self.world.queue("m1b", "<u@x.test>")
+        self.assertIn("perhaps m1b", self.retryq("show", "m1", status=1).out)
 
     def test_one_recipient_less_and_given_up(self):
         returns = self.smtp(SENDERS)
