@@ -1,6 +1,9 @@
 #include "fwall/hexesc.h"
+#include "retryq/ActingAs.h"
 #include "retryq/Commands.h"
+#include "retryq/HostCheck.h"
 #include "retryq/Json.h"
+#include "retryq/ServiceUnit.h"
 #include "retryq/SpoolCheck.h"
 #include "retryq/Table.h"
 
@@ -8,7 +11,9 @@
 #include "email/site/mailscanGlobals.h"
 
 #include <algorithm>
+#include <iostream>
 #include <iterator>
+#include <limits>
 #include <set>
 
 namespace Retryq {
@@ -18,6 +23,7 @@ namespace {
 using Weight = Finding::Weight;
 
 constexpr std::size_t kShown = 512;
+constexpr std::size_t kMostNamed = 20; // findings of one kind that are spelt out
 
 // Prints findings as they come and remembers the worst.
 class Judge {
@@ -25,17 +31,32 @@ public:
     explicit Judge(const Context& context) : context_(context) {}
 
     void add(const char* about, const Finding& finding) {
-        const bool stop = finding.weight == Weight::Stop;
-        status_ = std::max(status_, stop ? kStop : kTrouble);
+        struct Level {
+            Status status;
+            const char* name;
+            const char* label;
+            Colour colour;
+        };
+        constexpr std::array kLevels{
+            Level{kTrouble, "warning", "WARNING  ", Colour::Yellow},
+            Level{kStop, "stop", "STOP     ", Colour::Red},
+            Level{kLosesMail, "loses-mail", "LOSES MAIL  ", Colour::Red},
+        };
+        const Level& level = kLevels.at(static_cast<std::size_t>(finding.weight));
+        status_ = std::max(status_, level.status);
         if (context_.json) {
-            writeJson(context_.screen.out, {{"check", about},
-                                            {"level", stop ? "stop" : "warning"},
-                                            {"line", finding.line},
-                                            {"text", finding.text}});
+            Json object{{"check", about},
+                        {"level", level.name},
+                        {"line", finding.line},
+                        {"text", finding.text}};
+            if (!finding.message.empty()) {
+                object["message"] = finding.message;
+                object["fate"] = finding.fate;
+            }
+            writeJson(context_.screen.out, object);
             return;
         }
-        context_.screen.out << context_.screen.paint(stop ? "STOP     " : "WARNING  ",
-                                                     stop ? Colour::Red : Colour::Yellow)
+        context_.screen.out << context_.screen.paint(level.label, level.colour)
                             << (finding.line == 0 ? ""
                                                   : "line " + std::to_string(finding.line) + ": ")
                             << finding.text << '\n';
@@ -103,7 +124,8 @@ std::string relayServers(const cfgrec& record) {
     return text;
 }
 
-void reportRelay(const Context& context, Judge& judge, const char* key, const cfgrec& record) {
+// False when the line has no effect.
+bool reportRelay(const Context& context, Judge& judge, const char* key, const cfgrec& record) {
     const std::string servers = relayServers(record);
     const std::string text =
         std::string(key) + " " + printable(record.argv[0], kShown) + ":" + servers;
@@ -117,6 +139,34 @@ void reportRelay(const Context& context, Judge& judge, const char* key, const cf
     } else {
         context.screen.out << "line " << record.ln << ": " << text << '\n';
     }
+    return !servers.empty();
+}
+
+// True when every domain that the later pattern matches is matched by the earlier one.
+bool covers(std::string_view earlier, std::string_view later) {
+    const bool below = later.starts_with("*.");
+    if (earlier == "*" || later == "*") {
+        return earlier == "*";
+    }
+    return (earlier.starts_with("*.") || !below) &&
+           DRinfo(std::string(earlier).c_str())
+               .matches(std::string(later.substr(below ? 2 : 0)).c_str());
+}
+
+// Lines that have a server, the first one first: the first that matches decides.
+void reportShadowed(Judge& judge, const std::vector<const cfgrec*>& lines) {
+    for (auto later = lines.begin(); later != lines.end(); ++later) {
+        const auto earlier = std::find_if(lines.begin(), later, [&](const cfgrec* line) {
+            return covers(line->argv[0], (*later)->argv[0]);
+        });
+        if (earlier != later) {
+            judge.add("relay",
+                      {Weight::Warning, (*later)->ln,
+                       printable((*later)->argv[0], kShown) + " is never asked: line " +
+                           std::to_string((*earlier)->ln) + ", " +
+                           printable((*earlier)->argv[0], kShown) + ", matches all of it before"});
+        }
+    }
 }
 
 void reportRelays(const Context& context, Judge& judge) {
@@ -125,9 +175,13 @@ void reportRelays(const Context& context, Judge& judge) {
         if (record != nullptr) {
             title(context, std::string(key) == "domain-relay" ? "Relays" : "Fallback relays");
         }
+        std::vector<const cfgrec*> usable;
         for (; record != nullptr; record = cfg_next(key, record)) {
-            reportRelay(context, judge, key, *record);
+            if (reportRelay(context, judge, key, *record)) {
+                usable.push_back(record);
+            }
         }
+        reportShadowed(judge, usable);
     }
 }
 
@@ -198,6 +252,36 @@ void reportSpool(const Context& context, Judge& judge, const char* name, const S
     judge.addAll("spool", spool.findings);
 }
 
+// As the walkers find them: with the rights of their user, in their unit's sandbox.
+void reportSpools(const Context& context, Judge& judge, const std::string& wanted) {
+    constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+    const std::size_t most = context.json ? kAll : kMostNamed;
+    const auto unit = ServiceUnit::read();
+    const std::string user = wanted.empty() && unit ? unit->user() : wanted;
+    SpoolReport deferred;
+    SpoolReport outgoing;
+    {
+        const ActingAs walker(user);
+        if (walker.failed()) {
+            judge.add("user", {Weight::Warning, 0,
+                               "the user " + printable(user, kShown) +
+                                   " does not exist: the spools are judged for root"});
+        }
+        deferred = checkSpool(mailscanGlobals::deferred_mail_path(),
+                              Email::QueuedMessage::Queue::Deferred, most);
+        outgoing = checkSpool(mailscanGlobals::outgoing_mail(),
+                              Email::QueuedMessage::Queue::Outgoing, most);
+    }
+    if (unit && !unit->mayWrite(deferred.directory)) {
+        deferred.findings.push_back({Weight::Warning, 0,
+                                     "ReadWritePaths= of " + unit->path() +
+                                         " and its drop-ins lacks it: walkers that systemd starts "
+                                         "can lock and change nothing"});
+    }
+    reportSpool(context, judge, "Deferred spool", deferred);
+    reportSpool(context, judge, "Outgoing spool", outgoing);
+}
+
 void reportVerdict(const Context& context, Status status) {
     if (context.json) {
         writeJson(context.screen.out, {{"check", "verdict"}, {"status", static_cast<int>(status)}});
@@ -205,15 +289,16 @@ void reportVerdict(const Context& context, Status status) {
     }
     constexpr std::array kWords{
         "All is well.", "There are warnings.",
-        "retryer would stop: mend this first. rulbex-table(5) has a sample and every key."};
-    constexpr std::array kColours{Colour::Green, Colour::Yellow, Colour::Red};
+        "retryer would stop: mend this first. rulbex-table(5) has a sample and every key.",
+        "Mail gets lost: stop the walkers and mend this before the next run."};
+    constexpr std::array kColours{Colour::Green, Colour::Yellow, Colour::Red, Colour::Red};
     const auto at = static_cast<std::size_t>(status);
     context.screen.out << context.screen.paint(kWords.at(at), kColours.at(at)) << '\n';
 }
 
 } // namespace
 
-int check(const Context& context) {
+int check(const Context& context, const std::string& user) {
     Judge judge(context);
     const RuleTable& table = context.table;
     title(context, "Rule table " + table.path() + " (" + table.placeReason() + "), service " +
@@ -223,16 +308,25 @@ int check(const Context& context) {
         reportOtherKeys(context);
         reportSettingsInForce(context);
         reportRelays(context, judge);
+        title(context, "This host");
+        judge.addAll("host", checkHost());
         reportOwnAddresses(judge);
-        reportSpool(context, judge, "Deferred spool",
-                    checkSpool(mailscanGlobals::deferred_mail_path(),
-                               Email::QueuedMessage::Queue::Deferred));
-        reportSpool(
-            context, judge, "Outgoing spool",
-            checkSpool(mailscanGlobals::outgoing_mail(), Email::QueuedMessage::Queue::Outgoing));
+        reportSpools(context, judge, user);
     }
     reportVerdict(context, judge.status());
     return judge.status();
+}
+
+int checkFatal(const Context& context) {
+    int status = kDone;
+    for (const Finding& finding : tableFindings(context.table)) {
+        if (finding.weight == Weight::Stop) {
+            std::cerr << "retryq check: " << context.table.path() << " line " << finding.line
+                      << ": " << finding.text << '\n';
+            status = kNoTable;
+        }
+    }
+    return status;
 }
 
 } // namespace Retryq

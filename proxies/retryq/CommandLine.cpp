@@ -154,6 +154,18 @@ void addRun(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
 }
 
+void addCheck(CLI::App& app, CommandLine& line) {
+    CLI::App* const checking = addForAnyTable(
+        app, line, "check",
+        "judge table, host and spool; 0 well, 1 warnings, 2 would stop, 3 loses mail",
+        [](const CommandLine& given, const Context& context) {
+            return given.fatal ? checkFatal(context) : check(context, given.user);
+        });
+    checking->add_flag("--fatal", line.fatal,
+                       "only whether retryer would stop: status 255, else 0; quick");
+    checking->add_option("--user", line.user, "judge the spools for this user (as root)");
+}
+
 void addJudging(CLI::App& app, CommandLine& line) {
     using Line = const CommandLine&;
     using In = const Context&;
@@ -162,9 +174,7 @@ void addJudging(CLI::App& app, CommandLine& line) {
             [](Line given, In context) { return route(context, firstWord(given), given.probe); });
     routing->add_option("ADDRESS", line.words, "a recipient")->required()->expected(1);
     routing->add_flag("--probe", line.probe, "connect, and tell what the server offers");
-    addForAnyTable(app, line, "check",
-                   "judge rule table and spool; 0 well, 1 warnings, 2 would stop",
-                   [](Line, In context) { return check(context); });
+    addCheck(app, line);
     addForAnyTable(app, line, "settings", "every key of the rule table that retryer reads",
                    [](Line, In context) { return showSettings(context); });
     CLI::App* const metrics =
@@ -213,6 +223,16 @@ bool tellUnknownCommand(const CLI::App& app) {
     return true;
 }
 
+// "retryq list: --sort: ...": the program, the command that was begun, and the option.
+std::string failureText(const CLI::App& app, const CLI::Error& error) {
+    std::string text = "retryq";
+    for (const CLI::App* const command : app.get_subcommands()) {
+        text += " " + command->get_name();
+    }
+    return text + ": " + printable(error.what(), 4 * kShown) +
+           "\nRun with --help for more information.\n";
+}
+
 } // namespace
 
 CommandLine readCommandLine(int argc, char** argv) {
@@ -224,6 +244,8 @@ CommandLine readCommandLine(int argc, char** argv) {
     app.set_version_flag("--version", RETRYQ_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
+    app.failure_message(
+        [](const CLI::App* where, const CLI::Error& error) { return failureText(*where, error); });
     app.footer("retryq COMMAND --help tells more; retryq(8) tells all.");
     addCommands(app, line);
     try {

@@ -28,6 +28,8 @@ struct CommandLine {
     std::string recipient; // the only one that is removed
     History history;
     RunOptions run;
+    bool fatal = false; // of check
+    std::string user;   // whose rights check judges with
 };
 
 // Reads the arguments; help and errors are printed here.

@@ -17,6 +17,7 @@ enum Status : int {
     kDone = 0,
     kTrouble = 1,   // something could not be done, or check found warnings
     kStop = 2,      // retryer could not run with this rule table
+    kLosesMail = 3, // it could, and would return or lose mail that can be delivered
     kNoTable = 255, // the same, where the status is to be retryer's
 };
 
@@ -56,8 +57,13 @@ int summary(const Context& context, const SummaryView& view);
 // probe.
 int route(const Context& context, const std::string& address, bool probing);
 
-// Judges rule table and spool directories; the status is that of the worst finding.
-int check(const Context& context);
+// Judges rule table, host and spool directories; the status is that of the worst finding. Root
+// judges the spools with the rights of `user`; when that is empty, of the walkers' unit.
+int check(const Context& context, const std::string& user);
+
+// Looks at the rule table alone, quickly: kNoTable when retryer would stop, and says why to
+// standard error; else kDone without a word.
+int checkFatal(const Context& context);
 
 // Every key that retryer reads, its value in force, where that comes from and what it is for. Works
 // with any rule table.

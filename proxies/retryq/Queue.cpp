@@ -191,22 +191,6 @@ bool Queue::find(const std::string& leaf, Message& message, Recipients& recipien
     return false;
 }
 
-std::vector<std::string> Queue::beginningWith(std::string_view prefix, std::size_t most) const {
-    std::vector<std::string> found;
-    const Directory directory(::opendir(directory_.c_str()));
-    while (const dirent* entry =
-               directory && found.size() < most ? ::readdir(directory.get()) : nullptr) {
-        const std::string_view name = entry->d_name;
-        const std::optional<Email::Hold> hold = Email::Hold::of(name);
-        const std::string_view leaf =
-            hold ? std::string_view(hold->message) : QueuedMessage::messageOf(kDeferred, name);
-        if (!leaf.empty() && leaf.starts_with(prefix)) {
-            found.emplace_back(leaf);
-        }
-    }
-    return found;
-}
-
 std::string nextTryText(const Message& message, std::time_t now) {
     if (message.held) {
         return "being tried now";

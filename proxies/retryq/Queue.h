@@ -11,8 +11,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <vector>
 
 namespace Retryq {
 
@@ -60,10 +58,6 @@ public:
 
     // One message, with its recipients, on hold or not. False when there is none of that name.
     bool find(const std::string& leaf, Message& message, Recipients& recipients) const;
-
-    // The messages whose names begin so, in no order; at most `most` of them.
-    [[nodiscard]] std::vector<std::string> beginningWith(std::string_view prefix,
-                                                         std::size_t most) const;
 
     [[nodiscard]] std::string textPath(const std::string& leaf) const { return directory_ + leaf; }
     [[nodiscard]] std::string recipientPath(const std::string& leaf) const;

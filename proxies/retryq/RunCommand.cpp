@@ -61,6 +61,7 @@ int run(const Context& context, const RunOptions& options) {
     if (options.now) {
         mailscanGlobals::retry_min_interval = 0;
     }
+    static_cast<void>(HostList::hostName()); // here, once, and not in each worker
     DomainRelay::initialise(context.table.records());
     becomeWalker();
     const auto begin = std::chrono::steady_clock::now();

@@ -259,17 +259,22 @@ void RuleTable::adviseOnCombinations(std::vector<Finding>& out) const {
         say(Weight::Stop, "max-addr-to-try",
             "max-addr-to-try below 0 ends the run at the first delivery");
     } else if (number("max-addr-to-try") == 0 || number("max-addr-per-host") <= 0) {
-        say(Weight::Warning, "max-addr-to-try",
-            "no server address may be tried: nothing is delivered");
+        say(Weight::Loses, "max-addr-to-try",
+            "no server address may be tried: all mail is returned in the end");
     }
     if (number("smtp-max-deferral") <= number("smtp-min-deferral")) {
-        say(Weight::Warning, "smtp-max-deferral",
-            "smtp-max-deferral is not above smtp-min-deferral: mail is returned before a second "
-            "try");
+        say(Weight::Loses, "smtp-max-deferral",
+            "smtp-max-deferral of " + value(*known("smtp-max-deferral")) +
+                " is not above smtp-min-deferral: mail is returned before a second try");
     }
     if (number("smtp-direct-size-limit") != 0 && number("smtp-direct-recipient-limit") == 0) {
-        say(Weight::Warning, "smtp-direct-recipient-limit",
+        say(Weight::Loses, "smtp-direct-recipient-limit",
             "smtp-direct-size-limit with a recipient limit of 0: return mail may be lost");
+    }
+    if (value(*known("badadmin")).empty()) {
+        say(Weight::Warning, "badadmin",
+            "badadmin is not set: return mail has no From: line that names anybody, and some "
+            "servers refuse it");
     }
 }
 

@@ -20,11 +20,14 @@ using Email::settings;
 struct Finding {
     enum class Weight {
         Warning, // works, but hardly as meant
-        Stop,    // retryer ends before, or in the middle of, its work
+        Stop,    // retryer ends before, or in the middle of, its work; mail waits
+        Loses,   // retryer runs, and returns or loses mail that its servers would take
     };
     Weight weight;
     std::int32_t line; // of the rule table, 0 for none
     std::string text;
+    std::string message{};   // the leaf name of what is talked of, if it is a message
+    std::string_view fate{}; // what retryer will do with it: "untouched", "removed", "returned"
 };
 
 // The rule table of one service. Reading logs nothing and never ends the program.

@@ -105,17 +105,8 @@ void writeAllJson(const Context& context, const Message& message, const Recipien
 int show(const Context& context, const std::string& leaf, bool body) {
     Message message;
     Recipients recipients;
-    bool found = context.queue.find(leaf, message, recipients);
-    if (!found) {
-        constexpr std::size_t kTold = 10;
-        const std::vector<std::string> longer = context.queue.beginningWith(leaf, kTold);
-        found = longer.size() == 1 && context.queue.find(longer.front(), message, recipients);
-        for (const std::string& name : found ? std::vector<std::string>() : longer) {
-            std::cerr << "retryq show: perhaps " << printable(name, kAddress) << '\n';
-        }
-    }
-    if (!found) {
-        std::cerr << "retryq show: no message " << printable(leaf, kAddress) << " in "
+    if (!context.queue.find(leaf, message, recipients)) {
+        std::cerr << "retryq: no message " << printable(leaf, kAddress) << " in "
                   << context.queue.directory() << '\n';
         return kTrouble;
     }

@@ -5,6 +5,7 @@
 #include "email/file/FdStream.h"
 #include "email/spool/Hold.h"
 #include "email/spool/Recipients.h"
+#include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 #include "retryq/FileSystemProbe.h"
 
@@ -33,8 +34,10 @@ using Email::QueuedMessage;
 using Weight = Finding::Weight;
 
 constexpr std::size_t kPathLimit = 200; // a message whose path is as long is never tried
-constexpr std::size_t kMostNamed = 20;  // findings of one kind that are spelt out
 constexpr std::size_t kShown = 512;
+constexpr std::string_view kUntouched = "untouched";
+constexpr std::string_view kRemoved = "removed";
+constexpr std::string_view kReturned = "returned";
 constexpr std::time_t kSecondsToWrite = 60; // a younger temporary file may still be written
 constexpr std::uint64_t kLowBytes = std::uint64_t{64} << 20;
 constexpr std::uint64_t kLowInodes = 1000;
@@ -55,32 +58,57 @@ std::string ownerText(const struct stat& status) {
 // Says the first few of many findings of one kind, and then how many more there are.
 class Limited {
 public:
-    Limited(std::vector<Finding>& out, const char* kind) : out_(out), kind_(kind) {}
+    Limited(std::vector<Finding>& out, std::size_t most, const char* kind)
+        : out_(out), most_(most), kind_(kind) {}
     ~Limited() {
-        if (count_ > kMostNamed) {
+        if (count_ > most_) {
             out_.push_back(
-                {Weight::Warning, 0, std::to_string(count_ - kMostNamed) + " more: " + kind_});
+                {Weight::Warning, 0, std::to_string(count_ - most_) + " more: " + kind_});
         }
     }
     Limited(const Limited&) = delete;
     Limited& operator=(const Limited&) = delete;
 
-    void add(const std::string& name, const std::string& text) {
-        if (++count_ <= kMostNamed) {
-            out_.push_back({Weight::Warning, 0, printable(name, kShown) + ": " + text});
+    void add(const std::string& name, const std::string& text, const std::string& leaf = {},
+             std::string_view fate = {}) {
+        if (++count_ <= most_) {
+            out_.push_back({Weight::Warning, 0, printable(name, kShown) + ": " + text, leaf, fate});
         }
     }
 
 private:
     std::vector<Finding>& out_;
+    std::size_t most_;
     const char* kind_;
     std::size_t count_ = 0;
 };
 
+// As the lock is taken: what cannot be opened for writing is passed over.
+MessageFault lockFault(const std::string& list) {
+    struct stat status {};
+    if (::stat(list.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        return {"is no file: never delivered", kUntouched};
+    }
+    if (UniqueFd(::open(list.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)).valid()) {
+        return {};
+    }
+    return {"cannot be opened for locking (" + errorText() + "): never delivered", kUntouched};
+}
+
+MessageFault textFault(const std::string& path) {
+    const Email::OpenedText text = Email::openText(path.c_str());
+    if (text.error == 0) {
+        return {};
+    }
+    return {std::string("cannot be opened (") + std::strerror(text.error) +
+                "): the message will be removed",
+            kRemoved};
+}
+
 class SpoolCheck {
 public:
-    SpoolCheck(const std::string& directory, QueuedMessage::Queue queue)
-        : queue_(queue), suffix_(QueuedMessage::listEnding(queue)) {
+    SpoolCheck(const std::string& directory, QueuedMessage::Queue queue, std::size_t most)
+        : queue_(queue), most_(most), suffix_(QueuedMessage::listEnding(queue)) {
         report_.directory = directory + (directory.ends_with('/') ? "" : "/");
     }
 
@@ -136,10 +164,10 @@ private:
 
     void checkFiles() {
         const std::vector<std::string> names = readNames();
-        Limited longPaths(report_.findings, "paths that are too long");
-        Limited noFile(report_.findings, "texts without recipient file");
-        Limited noText(report_.findings, "recipient files without text");
-        Limited unusable(report_.findings, "recipient files with faults");
+        Limited longPaths(report_.findings, most_, "paths that are too long");
+        Limited noFile(report_.findings, most_, "texts without recipient file");
+        Limited noText(report_.findings, most_, "recipient files without text");
+        Limited unusable(report_.findings, most_, "recipient files with faults");
         std::set<std::string> onHold;
         for (const std::string& name : names) {
             if (const auto hold = Email::Hold::of(name)) {
@@ -187,12 +215,23 @@ private:
     void checkMessage(const std::string& name, Limited& longPaths, Limited& unusable) {
         ++report_.messages;
         if (report_.directory.size() + name.size() >= kPathLimit) {
-            longPaths.add(name, "its path has 200 characters or more: never delivered");
+            longPaths.add(name, "its path has 200 characters or more: never delivered", name,
+                          kUntouched);
+            return;
         }
-        const std::string fault = recipientFileFault(report_.directory + name + suffix_,
-                                                     queue_ == QueuedMessage::Queue::Deferred);
-        if (!fault.empty() && stillThere(name + suffix_)) {
-            unusable.add(name + suffix_, fault);
+        const std::string list = name + suffix_;
+        std::string about = list;
+        MessageFault fault = lockFault(report_.directory + list);
+        if (fault.text.empty()) {
+            fault = textFault(report_.directory + name);
+            about = fault.text.empty() ? list : name;
+        }
+        if (fault.text.empty()) {
+            fault = recipientFileFault(report_.directory + list,
+                                       queue_ == QueuedMessage::Queue::Deferred);
+        }
+        if (!fault.text.empty() && stillThere(list)) {
+            unusable.add(about, fault.text, name, fault.fate);
         }
     }
 
@@ -214,35 +253,40 @@ private:
     }
 
     QueuedMessage::Queue queue_;
+    std::size_t most_;
     std::string suffix_;
     SpoolReport report_;
 };
 
 // Takes the head lines of a full-form file apart. Called for files that Recipients refused, or
-// whose text may mean something else than it says.
-std::string headFault(Email::FdStream& text) {
+// whose text may mean something else than it says. A line that is no time counts only when the
+// file can be read otherwise.
+MessageFault headFault(Email::FdStream& text) {
     constexpr std::array kLines{"line 1 (first try)", "line 2 (latest try)", "line 3 (tries)",
                                 "line 4 (sender)"};
     Email::BoundedLineReader reader(text, 63, 63);
+    MessageFault odd;
     for (std::size_t i = 0; i < kLines.size(); ++i) {
         const auto item = reader.next();
+        const std::string line = kLines.at(i);
         if (item.kind == Email::BoundedLineReader::Kind::Error) {
-            return std::string("cannot be read: ") + std::strerror(text.error());
+            return {std::string("cannot be read: ") + std::strerror(text.error()), kRemoved};
         }
         if (item.kind == Email::BoundedLineReader::Kind::End) {
-            return std::string(kLines.at(i)) +
-                   " is missing or cut off: the message will be removed";
+            return {line + " is missing or cut off: the message will be removed", kRemoved};
         }
         DateTime time;
         time.Set(std::string(item.text).c_str());
         if (i < 2 && time.Time == 0) {
-            return std::string(kLines.at(i)) + " is the zero time: the message will be removed";
+            return {line + " is the zero time: the message will be removed", kRemoved};
         }
-        if (i < 2 && time.Time < 0) {
-            return std::string(kLines.at(i)) + " is no time: the message will be returned";
+        if (i == 0 && time.Time < 0) {
+            odd = {line + " is no time: the message will be returned", kReturned};
+        } else if (i == 1 && time.Time < 0 && odd.text.empty()) {
+            odd = {line + " is no time: the message is due at once"};
         }
     }
-    return {};
+    return odd;
 }
 
 bool endsInLineFeed(Email::FdStream& text) {
@@ -253,30 +297,35 @@ bool endsInLineFeed(Email::FdStream& text) {
 
 } // namespace
 
-SpoolReport checkSpool(const std::string& directory, QueuedMessage::Queue queue) {
-    return SpoolCheck(directory, queue).run();
+SpoolReport checkSpool(const std::string& directory, QueuedMessage::Queue queue, std::size_t most) {
+    return SpoolCheck(directory, queue, most).run();
 }
 
-std::string recipientFileFault(const std::string& path, bool full) {
+MessageFault recipientFileFault(const std::string& path, bool full) {
     Email::FdStream text(path.c_str());
     if (!text.is_open()) {
-        return "cannot be opened: " + std::string(std::strerror(text.error()));
+        return {"cannot be opened: " + std::string(std::strerror(text.error())), kUntouched};
     }
     if (text.peek() == std::istream::traits_type::eof()) {
-        return "is empty: the message will be removed";
+        return {"is empty: the message will be removed", kRemoved};
     }
+    const MessageFault head = full ? headFault(text) : MessageFault();
     Recipients recipients;
-    if (std::string fault = full ? headFault(text) : ""; !fault.empty()) {
-        return fault;
+    if (head.fate == kRemoved) {
+        return head;
     }
     if (!recipients.Read(FileName(path.c_str()), full)) {
-        return full ? "line 3 (tries) is no number: the message will be removed"
-                    : "has no sender line";
+        return {full ? "line 3 (tries) is no number: the message will be removed"
+                     : "has no sender line: the message will be removed",
+                kRemoved};
     }
     if (recipients.IsEmpty()) {
-        return "names no recipient";
+        return {"names no recipient: the message will be removed", kRemoved};
     }
-    return endsInLineFeed(text) ? "" : "its last line is cut off and does not count";
+    if (!head.text.empty()) {
+        return head;
+    }
+    return {endsInLineFeed(text) ? "" : "its last line is cut off and does not count"};
 }
 
 } // namespace Retryq

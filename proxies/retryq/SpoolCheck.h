@@ -23,10 +23,17 @@ struct SpoolReport {
 
 // `queue` tells the form of the recipient files in this spool. Makes and removes two small files of
 // its own; a walker passes them over.
+// Of one kind of finding, the first `most` are told one by one.
 [[nodiscard]] SpoolReport checkSpool(const std::string& directory,
-                                     Email::QueuedMessage::Queue queue);
+                                     Email::QueuedMessage::Queue queue, std::size_t most = 20);
 
-// Why a recipient file cannot be used, or a warning about one that can; empty for a sound file.
-[[nodiscard]] std::string recipientFileFault(const std::string& path, bool full);
+// What is wrong with a queued message, and what retryer does with it when its time has come.
+struct MessageFault {
+    std::string text{};      // empty: nothing is wrong
+    std::string_view fate{}; // "untouched", "removed", "returned"; empty: it is tried as usual
+};
+
+// Why a recipient file cannot be used, or a warning about one that can.
+[[nodiscard]] MessageFault recipientFileFault(const std::string& path, bool full);
 
 } // namespace Retryq

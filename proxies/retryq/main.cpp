@@ -1,6 +1,7 @@
 // retryq: the keeper's view of the deferred queue.
 #include "retryq/CommandLine.h"
 
+#include "email/site/HostList.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
 #include "fwall/processStart.h"
@@ -11,6 +12,13 @@
 namespace {
 
 using namespace Retryq;
+
+// The mail library asks for this host's name before main(). Commands that only look need none and
+// must answer while the name service is sick, so this is constructed before the library's objects.
+struct NameWhenAsked {
+    NameWhenAsked() noexcept { HostList::nameWhenAsked(); }
+};
+[[gnu::init_priority(1000)]] const NameWhenAsked nameWhenAsked;
 
 // Settings that would end retryer are told, not met: the mail library ends a program that has them
 // without a word.

@@ -39,6 +39,11 @@ class Play:
         self.world.table(f"domain-relay *.from.test {BACK}", *lines, **limits)
         self.returns, self.faults, self.log = Server(BACK), collections.defaultdict(list), []
 
+    def foretell(self):
+        """Keeps what retryq check says will become of each message."""
+        told = self.world.run("--json", "check", binary=world.RETRYQ).out.splitlines()
+        self.fates = {found["message"]: found["fate"] for found in map(json.loads, told) if "fate" in found}
+
     def run(self, meanwhile=None, walkers=WALKERS, limit=60):
         if self.dispatched:
             limit *= 4  # half of its workers wait for servers that it does not know yet
@@ -330,6 +335,12 @@ class SpoolCase:
         return {name: open(self.path + name, "rb").read() if os.path.isfile(self.path + name) else "there"
                 for name in ("", ".rmd", ".rmd~") if os.path.lexists(self.path + name)}
 
+    def kept_word(self, ends, now, given_up):
+        """Whether what retryq check said of the message before the run is what the run did with it."""
+        fate = self.play.fates.get(self.leaf)
+        return {None: not given_up, "": not given_up, "untouched": now == self.before and not ends,
+                "removed": not now and not ends, "returned": {word for word, _ in ends.values()} == {"returned"}}[fate]
+
     def check(self, accepted):
         word, code = self.ends
         ends, now = self.play.ended[self.leaf], self.files()
@@ -351,7 +362,10 @@ class SpoolCase:
             if word == "delivered":
                 bodies = {mail.data for mail in accepted if any(f"@{self.leaf}." in rcpt for rcpt in mail.recipients)}
                 good = good and (bodies == {world.wire(self.text)} or self.late)
-        return [] if good else [f"{said} instead of {self.ends}"]
+        faults = [] if good else [f"{said} instead of {self.ends}"]
+        if not self.late and not self.kept_word(ends, now, given_up):
+            faults.append(f"{said}: retryq check foretold {self.play.fates.get(self.leaf, 'the usual')!r}")
+        return faults
 
 
 def spool_rows(chosen):
@@ -376,6 +390,7 @@ def spool_cases(scratch, chosen, _):
         plays.append(Play(scratch, *lines))
         for case in some:
             case.queue(plays[-1])
+        plays[-1].foretell()
         plays[-1].run(lambda some=some: [time.sleep(0.5)] + [case.apply(case.late) for case in some], walkers)
         plays[-1].returns.stop()
     for case in found:

@@ -178,17 +178,6 @@ class Internet(SystemTest):
                 for name in self.world.spool():
                     os.unlink(self.world.spool_dir + name)
 
-    def test_old_messages_wait_longer(self):
-        self.world.table(*RELAYS, smtp_max_wait=14400)
-        server = self.smtp(THERE)
-        for leaf, age, ago in (("young", 5000, 5100), ("old", 81000, 9000), ("older", 81000, 15000), ("new", 100, 1900)):
-            self.world.queue(leaf, f"<{leaf}@x.test>", first=-age - ago, last=-ago)
-        states = {entry["message"]: entry["state"] for entry in self.objects("list")}
-        self.assertEqual(states, {"young": "due", "old": "waiting", "older": "due", "new": "waiting"})
-        self.retryq("retry", "--yes", "new")
-        self.run_ok()
-        self.assertEqual(sorted(rcpt for rcpt, _ in server.received()), ["<new@x.test>", "<older@x.test>", "<young@x.test>"])
-
     def test_return_mail_for_programs(self):
         self.world.table(*RELAYS, return_mail_format="dsn", badadmin="admin@home.test")
         self.smtp(THERE, {"rcpt": {"full": "552-5.2.2 over\r\n552 5.2.2 quota", "": "550 no"}})

@@ -5,9 +5,11 @@ import fcntl
 import gzip
 import os
 import re
+import shutil
 import time
 
 import harness
+import world
 from harness import RELAYS, SENDERS, SystemTest, cases
 
 DAY = 86400
@@ -79,23 +81,12 @@ class Queue(SystemTest):
         self.assertNotIn("m", [word for o in self.objects("check", status=1) if o["check"] == "spool" for word in o.get("text", "").split()])
         for command in ("retry", "return"):
             self.retryq(command, "-y", "m", status=1)
-        self.world.queue("mm", "<u@x.test>")
-        self.assertEqual([o["message"] for name in ("m", "mm") for o in self.objects("show", name)], ["m", "mm"])
-        self.retryq("remove", "-y", "mm")
         self.retryq("release", "-y", "m")
         self.assertEqual(self.world.rmd("m"), before)
         self.retryq("release", "-y", "m", status=1)
         self.retryq("hold", "-y", "m")
         self.retryq("remove", "-y", "m")
         self.assertEqual(self.world.spool(), {})
-
-    def test_the_beginning_of_a_name_is_enough_to_look(self):
-        self.world.queue("m1a", "<u@x.test>")
-        self.assertEqual(self.objects("show", "m1")[0]["message"], "m1a")
-        for command in ("remove", "hold"):
-            self.retryq(command, "-y", "m1", status=1)
-        self.world.queue("m1b", "<u@x.test>")
-        self.assertIn("perhaps m1b", self.retryq("show", "m1", status=1).out)
 
     def test_one_recipient_less_and_given_up(self):
         returns = self.smtp(SENDERS)
@@ -163,7 +154,9 @@ class Queue(SystemTest):
 # Rule table behind the usual lines, and the status of "check".
 CHECKS = {"well": ("", 0), "typing mistake": ("vorn: smtp-min-deferal 5\n", 1), "rejected line": ("vorn: use-dns\n", 1),
           "two values": ("vorn: use-dns no no\n", 2), "relay without server": ("vorn: domain-relay *\n", 2),
-          "relay that is local": ("vorn: domain-relay * 127.0.0.1\n", 1)}
+          "relay that is local": ("vorn: domain-relay * 127.0.0.1\n", 1), "loses mail": ("vorn: smtp-max-deferral 4d\n", 3),
+          "relay behind another": ("vorn: domain-relay *.a.test 127.0.0.2\nvorn: domain-relay *.b.a.test 127.0.0.2\n", 1),
+          "relays apart": ("vorn: domain-relay a.test 127.0.0.2\nvorn: domain-relay *.a.test 127.0.0.2\n", 0)}
 # A file system that does not do what is asked of it: the call, and what "check" says of it.
 PROMISES = {"no lock": ("flock:error=ENOLCK:when=1", "no message is ever tried (No locks available)"),
             "lock for all": ("flock:retval=0:when=2", "may send a message twice"),
@@ -190,11 +183,43 @@ class Check(SystemTest):
     def test_status(self, lines, status):
         for directory in (self.world.spool_dir, self.world.outgoing_dir):
             os.chmod(directory, 0o2770)
-        usual = f"vorn: deferred-directory {self.world.spool_dir}\nvorn: directory {self.world.outgoing_dir}\n"
+        self.zone({})
+        usual = f"vorn: deferred-directory {self.world.spool_dir}\nvorn: directory {self.world.outgoing_dir}\nvorn: badadmin a@b.test\n"
         self.world.table(raw=usual + lines)
         self.assertEqual(self.objects("check", status=status)[-1], {"check": "verdict", "status": status})
+        self.retryq("check", "--fatal", status=255 if status == 2 else 0)
         self.assertEqual(self.world.run().status, 1 if status == 2 else 0)
         self.assertEqual(os.listdir(self.world.spool_dir), [])
+
+    def test_judged_as_the_service(self):
+        units = "/run/systemd/system/retryer@.service"
+        os.makedirs(units + ".d", exist_ok=True)
+        self.addCleanup(shutil.rmtree, "/run/systemd")
+        with open(units, "w") as unit, open(units + ".d/a.conf", "w") as drop_in:
+            unit.write("[Unit]\nUser=root\n[Service]\nUser = nobody\nProtectSystem=strict\nReadWritePaths=-/var/spool/deferred\n")
+            drop_in.write(f"[Service]\nReadWritePaths=\nReadWritePaths=/x -{self.world.spool_dir}\n")
+        self.world.queue("m", "<u@d.test>")
+        for directory in (self.world.root, self.world.spool_dir):
+            os.chmod(directory, 0o755)
+        said = self.retryq("check", status=1).out
+        for fault in ("no file can be made here (Permission denied)", "m.rmd: cannot be opened for locking (Permission denied): never"):
+            self.assertIn(fault, said)
+        self.assertNotIn("ReadWritePaths", said)
+        os.unlink(units + ".d/a.conf")
+        said = self.retryq("check", "--user", "root", status=1).out
+        self.assertIn("ReadWritePaths= of /run/systemd/system/retryer@.service and", said)
+        self.assertNotIn("Permission denied", said)
+        self.assertIn("the user nobody2 does not exist", self.retryq("check", "--user", "nobody2", status=1).out)
+
+    def test_host(self):
+        world.etc_file("hosts", "127.0.0.1 localhost\n")
+        self.addCleanup(world.etc_file, "hosts", f"127.0.0.1 localhost\n127.0.0.1 {world.HOST} gateway\n")
+        self.assertIn("the name service gives no answer", self.retryq("check", status=1).out)
+        asked = self.dns({})
+        self.retryq("list")
+        self.retryq("check", "--fatal")
+        self.assertEqual(asked.questions, [])
+        self.assertIn("is not in /etc/hosts", self.retryq("check", status=1).out)
 
     def test_a_planted_link_is_not_written_through(self):
         victim, link = os.path.join(self.world.root, "victim"), os.path.join(self.world.root, "retryer.prom")

@@ -25,9 +25,10 @@ namespace {
 
 using Email::LogLine;
 
-constexpr int kEntriesATurn = 64;    // so that no worker waits for the reading
-constexpr int kTick = 1000;          // milliseconds
-constexpr std::int64_t kIdleFor = 5; // seconds until a worker is let go
+constexpr int kEntriesATurn = 64;         // so that no worker waits for the reading
+constexpr int kTick = 1000;               // milliseconds
+constexpr std::int64_t kStopSeconds = 60; // for the messages in hand, after the first signal
+constexpr std::int64_t kIdleFor = 5;      // seconds until a worker is let go
 constexpr std::chrono::milliseconds kPauseInTrouble{10};
 
 std::int64_t seconds() {
@@ -229,11 +230,21 @@ void Dispatcher::wait(int milliseconds) {
 void Dispatcher::takeSignals() {
     signalfd_siginfo signal{};
     while (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
-        if (signal.ssi_signo != SIGCHLD && ++stopRequests_ > 1) {
-            pool_.signalAll(SIGTERM);
+        if (signal.ssi_signo != SIGCHLD) {
+            askToStop();
         }
     }
+    if (stopRequests_ == 1 && stopSince_ && now_ - *stopSince_ > kStopSeconds) {
+        askToStop();
+    }
     pool_.reap([this](WorkerState& worker, int status) { ended(worker, status); });
+}
+
+void Dispatcher::askToStop() {
+    stopSince_ = stopSince_.value_or(now_);
+    if (++stopRequests_ > 1) {
+        pool_.signalAll(SIGTERM);
+    }
 }
 
 void Dispatcher::hear(WorkerState& worker) {

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace Dispatch {
@@ -47,8 +48,8 @@ public:
     void setWatcher(Watcher watcher) { watcher_ = std::move(watcher); }
 
     // Until everything due was tried once, or left. The first SIGTERM or SIGINT ends the run when
-    // the messages in hand are done, a second one at once. Returns the worst exit status of the
-    // workers; for one that a signal ended, the signal's number.
+    // the messages in hand are done, a second one, or a minute, ends it at once. Returns the worst
+    // exit status of the workers; for one that a signal ended, the signal's number.
     int run();
 
     // True when a second signal has ended the workers: nobody waits for a result any more.
@@ -72,6 +73,7 @@ private:
 
     void wait(int milliseconds);
     void takeSignals();
+    void askToStop();
     void hear(WorkerState& worker);
     void take(WorkerState& worker, const Report& report);
     void chose(WorkerState& worker, const std::string& destination);
@@ -95,6 +97,7 @@ private:
     std::int64_t now_ = 0;                      // seconds of a clock that never goes back
     bool allRead_ = false;
     int stopRequests_ = 0;
+    std::optional<std::int64_t> stopSince_; // when the first signal came
     int worst_ = 0;
 };
 

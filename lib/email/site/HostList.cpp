@@ -57,20 +57,31 @@ const hostent* resolve(const char* name) noexcept {
 
 constinit std::array<char, 256> HostList::privateHostName{};
 constinit std::vector<IPaddress> HostList::m_selfaddr;
+constinit bool HostList::nameWhenAsked_ = false;
 BlackList HostList::BlackL;
 
 HostList::HostList() {
-    if (privateHostName[0] == '\0') {
-        ::gethostname(privateHostName.data(), privateHostName.size() - 2);
-        const hostent* self = Email::hostByName(privateHostName.data());
-        if (self != nullptr && self->h_name != nullptr) {
-            std::snprintf(privateHostName.data(), privateHostName.size(), "%s", self->h_name);
-        }
+    if (!nameWhenAsked_) {
+        findName();
     }
     InitialiseLocals();
 }
 
+void HostList::findName() noexcept {
+    if (privateHostName[0] != '\0') {
+        return;
+    }
+    ::gethostname(privateHostName.data(), privateHostName.size() - 2);
+    const hostent* self = Email::hostByName(privateHostName.data());
+    if (self != nullptr && self->h_name != nullptr) {
+        std::snprintf(privateHostName.data(), privateHostName.size(), "%s", self->h_name);
+    }
+}
+
 const char* HostList::hostName() noexcept {
+    if (nameWhenAsked_) {
+        findName();
+    }
     return privateHostName.data();
 }
 

@@ -16,7 +16,8 @@ struct sockaddr;
 
 class HostList {
 public:
-    // The first construction fills this host's name and its local addresses.
+    // The first construction fills this host's name (unless nameWhenAsked() came before) and its
+    // local addresses.
     HostList();
     virtual ~HostList() = default;
     HostList(const HostList&) = delete;
@@ -30,8 +31,13 @@ public:
     int getGoodAddr(const char* name, IPaddressList& out, int max);
 
     // This host's canonical name, or the name that gethostname(2) gives when it has none. Empty
-    // until the first HostList is constructed.
+    // until the first HostList is constructed, unless it is looked up when asked for.
     [[nodiscard]] static const char* hostName() noexcept;
+
+    // From now on the name is looked up when it is asked for, and not by the first construction:
+    // for programs that mostly need none, and shall not wait for a name service. Call it before any
+    // HostList is constructed.
+    static void nameWhenAsked() noexcept { nameWhenAsked_ = true; }
 
     // Reads the local addresses from /etc/hosts; does nothing once some are known.
     static void InitialiseLocals();
@@ -69,6 +75,11 @@ protected:
     // Ready before any constructor of the program runs: the relay tables are built that early.
     static std::array<char, 256> privateHostName;
     static std::vector<IPaddress> m_selfaddr;
+
+private:
+    static void findName() noexcept;
+
+    static bool nameWhenAsked_;
 };
 
 // "fam:<family> <address>:<port>"

@@ -85,13 +85,13 @@ TEST_F(QueueTest, TellsWhatIsWrongWithARecipientFile) {
         {t + t, "line 3 (tries) is missing"}, {t + t + "x\n<s@x>\n", "line 3 (tries) is no number"},
         {t + t + "1\n<s@x>", "line 4 (sender) is missing or cut off"},
         {"1970/00/01@00:00:00_GMT\n" + t + "1\n<s@x>\n", "line 1 (first try) is the zero time"},
-        {"garbage\n" + t + "1\n<s@x>\n", "line 1 (first try) is no time"},
+        {"garbage\n" + t + "1\n<s@x>\n<a@b>\t1\n", "line 1 (first try) is no time"},
         {t + t + "1\n<s@x>\n", "names no recipient"}, {t + t + "1\n\n<a@b>\t1\n", ""},
         {t + t + "1\n<s@x>\n<a@b>\t1\n<c@d>\t1", "its last line is cut off"}};
     // clang-format on
     for (const auto& [text, fault] : kFiles) {
         write("m.rmd", text);
-        const std::string said = recipientFileFault(deferred("m.rmd"), true);
+        const std::string said = recipientFileFault(deferred("m.rmd"), true).text;
         EXPECT_TRUE(said.starts_with(fault) && said.empty() == (*fault == '\0')) << text << said;
     }
 }

@@ -4,6 +4,7 @@
 #include "support/mail.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 
 using namespace Retryq;
@@ -15,7 +16,11 @@ std::string findings(const RuleTable& table) {
     std::ranges::copy(table.advice(), std::back_inserter(all));
     std::string out;
     for (const Finding& f : all) {
-        out += f.weight == Finding::Weight::Stop ? "stop " : "warn ";
+        if (f.text.starts_with("badadmin is not set")) {
+            continue; // in no table here
+        }
+        constexpr std::array kWeights{"warn ", "stop ", "loses "};
+        out += kWeights.at(static_cast<std::size_t>(f.weight));
         out += std::to_string(f.line) + " " + f.text + "\n";
     }
     return out;
@@ -53,13 +58,15 @@ TEST_F(Spool, FindsWhatIsWrongInTheRuleTable) {
         {"vorn: send-prot 5\n", "warn 2 unknown key send-prot: did you mean send-port?"},
         {"vorn: max-addr-to-try -1\n",
          "warn 2 max-addr-to-try of -1: sensible is 1 to 100\nstop 2 max-addr-to-try below 0"},
-        {"vorn: smtp-max-deferral 2000\n", "warn 2 smtp-max-deferral is not above"},
+        {"vorn: smtp-max-deferral 2000\n", "loses 2 smtp-max-deferral of 2000 is not above"},
+        {"vorn: smtp-max-deferral 4d\n", "warn 2 smtp-max-deferral: \"4d\" is no whole number and "
+         "reads as 4\nloses 2 smtp-max-deferral of 4 is"},
         {"vorn: smtp-data-timeout 0\n", "warn 2 smtp-data-timeout of 0: sensible is 1 to 86400"},
         {"vorn: send-port 65536\n", "warn 2 send-port of 65536"},
         {"vorn: smtp-min-deferral -1\n", "warn 2 smtp-min-deferral of -1: sensible is 0 or more"},
         {"vorn: directory /tmp\n", "warn 2 directory: \"/tmp\" does not end in a slash"},
         {"vorn: smtp-direct-size-limit 1\nvorn: smtp-direct-recipient-limit 0\n",
-         "warn 3 smtp-direct-size-limit with"}};
+         "loses 3 smtp-direct-size-limit with"}};
     // clang-format on
     EXPECT_TRUE(RuleTable("vorn").stops()); // no file
     for (const auto& [lines, said] : kCases) {

@@ -1,0 +1,45 @@
+#include "retryq/ActingAs.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace Retryq {
+
+ActingAs::ActingAs(const std::string& user) : group_(::getegid()) {
+    if (user.empty() || ::geteuid() != 0) {
+        return;
+    }
+    const passwd* const entry = ::getpwnam(user.c_str());
+    const int count = ::getgroups(0, nullptr);
+    groups_.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    if (entry == nullptr || ::getgroups(count, groups_.data()) < 0) {
+        failed_ = true;
+        return;
+    }
+    changed_ = true;
+    failed_ = ::initgroups(user.c_str(), entry->pw_gid) != 0 || ::setegid(entry->pw_gid) != 0 ||
+              ::seteuid(entry->pw_uid) != 0;
+    if (failed_) {
+        giveBack();
+        changed_ = false;
+    }
+}
+
+ActingAs::~ActingAs() {
+    if (changed_) {
+        giveBack();
+    }
+}
+
+// With rights that are neither the one's nor the other's nothing may go on.
+void ActingAs::giveBack() const noexcept {
+    if (::seteuid(0) != 0 || ::setegid(group_) != 0 ||
+        ::setgroups(groups_.size(), groups_.data()) != 0) {
+        std::abort();
+    }
+}
+
+} // namespace Retryq

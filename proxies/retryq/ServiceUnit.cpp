@@ -1,0 +1,130 @@
+#include "retryq/ServiceUnit.h"
+
+#include "fwall/UniqueFd.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+
+namespace Retryq {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMostBytes = 65536;
+constexpr std::size_t kMostDropIns = 100;
+constexpr std::string_view kName = "retryer@.service";
+constexpr std::string_view kBlanks = " \t\r";
+
+std::string_view trimmed(std::string_view text) noexcept {
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+// Nothing for what is no readable file of bounded size.
+std::optional<std::string> contents(const std::string& path) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd.valid() || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    std::string text(kMostBytes + 1, '\0');
+    const ssize_t length = ::read(fd.get(), text.data(), text.size());
+    if (length < 0 || static_cast<std::size_t>(length) > kMostBytes) {
+        return std::nullopt;
+    }
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+// By name; one of an earlier place stands for those of the same name in later ones.
+std::map<std::string, std::string> dropIns(const std::vector<std::string>& places) {
+    std::map<std::string, std::string> found;
+    for (const std::string& place : places) {
+        std::error_code error;
+        for (fs::directory_iterator at(place + "/" + std::string(kName) + ".d", error), end;
+             !error && at != end && found.size() < kMostDropIns; at.increment(error)) {
+            if (at->path().extension() == ".conf") {
+                found.emplace(at->path().filename(), at->path());
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+const std::vector<std::string>& ServiceUnit::places() {
+    static const std::vector<std::string> kPlaces{"/etc/systemd/system", "/run/systemd/system",
+                                                  "/usr/local/lib/systemd/system",
+                                                  "/usr/lib/systemd/system", "/lib/systemd/system"};
+    return kPlaces;
+}
+
+std::optional<ServiceUnit> ServiceUnit::read(const std::vector<std::string>& places) {
+    ServiceUnit unit;
+    for (const std::string& place : places) {
+        unit.path_ = place + "/" + std::string(kName);
+        const auto text = contents(unit.path_);
+        if (!text) {
+            continue;
+        }
+        unit.take(*text);
+        for (const auto& [name, path] : dropIns(places)) {
+            unit.take(contents(path).value_or(""));
+        }
+        return unit;
+    }
+    return std::nullopt;
+}
+
+void ServiceUnit::take(std::string_view text) {
+    std::string_view section;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        const std::string_view line = trimmed(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        const std::size_t equals = line.find('=');
+        if (line.starts_with('[')) {
+            section = line;
+        } else if (section == "[Service]" && equals != std::string_view::npos) {
+            takeSetting(trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)));
+        }
+    }
+}
+
+void ServiceUnit::takeSetting(std::string_view key, std::string_view value) {
+    if (key == "User") {
+        user_ = value;
+    } else if (key == "ProtectSystem") {
+        strict_ = value == "strict";
+    } else if (key == "ReadWritePaths" && value.empty()) {
+        writable_.clear();
+    } else if (key == "ReadWritePaths") {
+        while (!value.empty()) {
+            const std::string_view word = value.substr(0, value.find_first_of(kBlanks));
+            value = trimmed(value.substr(word.size()));
+            const std::size_t at = word.find('/');
+            writable_.emplace_back(at < word.size() ? word.substr(at) : word);
+        }
+    }
+}
+
+bool ServiceUnit::mayWrite(const std::string& directory) const {
+    const auto real = [](const std::string& path) {
+        std::error_code error;
+        const fs::path found = fs::weakly_canonical(path, error);
+        return (error ? fs::path(path) : found) / ""; // whole names are compared
+    };
+    const std::string place = real(directory);
+    return !strict_ || std::ranges::any_of(writable_, [&](const std::string& path) {
+        return place.starts_with(real(path).string());
+    });
+}
+
+} // namespace Retryq
