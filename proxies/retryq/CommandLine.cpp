@@ -166,6 +166,19 @@ void addCheck(CLI::App& app, CommandLine& line) {
     checking->add_option("--user", line.user, "judge the spools for this user (as root)");
 }
 
+void addDeliver(CLI::App& app, CommandLine& line) {
+    CLI::App* const delivering =
+        add(app, line, "deliver", "try these messages now, and show what becomes of them",
+            [](const CommandLine& given, const Context& context) {
+                return deliver(context, given.delivery);
+            });
+    delivering->add_option("MESSAGE", line.delivery.names, "leaf names, or how they begin");
+    addFilter(*delivering, line.delivery.filter);
+    delivering->add_flag("--trace", line.delivery.trace, "show each command and reply");
+    add(app, line, "who", "what each walker and worker does now, and who holds which lock",
+        [](const CommandLine&, const Context& context) { return who(context); });
+}
+
 void addJudging(CLI::App& app, CommandLine& line) {
     using Line = const CommandLine&;
     using In = const Context&;
@@ -190,6 +203,7 @@ void addJudging(CLI::App& app, CommandLine& line) {
 
 void addCommands(CLI::App& app, CommandLine& line) {
     addRun(app, line);
+    addDeliver(app, line);
     addLooking(app, line);
     addJudging(app, line);
     addHistory(app, line);

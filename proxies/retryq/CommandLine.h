@@ -30,6 +30,7 @@ struct CommandLine {
     RunOptions run;
     bool fatal = false; // of check
     std::string user;   // whose rights check judges with
+    Delivery delivery;
 };
 
 // Reads the arguments; help and errors are printed here.

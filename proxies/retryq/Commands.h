@@ -92,6 +92,18 @@ struct RunOptions {
 // Tries what is due, with many conversations at once. The status is the worst of its workers'.
 int run(const Context& context, const RunOptions& options);
 
+struct Delivery {
+    std::vector<std::string> names; // of messages, or how they begin
+    Filter filter;
+    bool trace = false; // show the conversations
+};
+// Tries these messages now, whatever their schedule, and shows what becomes of each recipient.
+// kTrouble when there are none, or some were not tried.
+int deliver(const Context& context, const Delivery& delivery);
+
+// What each walker and worker does now, and who holds each lock.
+int who(const Context& context);
+
 // Reports that the spool cannot be opened (errno tells why); kTrouble.
 int cannotOpenSpool(const Context& context);
 

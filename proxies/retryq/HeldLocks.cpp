@@ -65,15 +65,21 @@ HeldLocks HeldLocks::parse(std::istream& locks, const std::string& device) {
         std::string place;
         words >> number >> kind >> advisory >> mode >> owner >> place;
         if (kind == "FLOCK" && mode == "WRITE" && place.starts_with(device + ":")) {
-            held.inodes_.push_back(std::strtoull(place.c_str() + device.size() + 1, nullptr, 10));
+            held.locks_.push_back({std::strtoull(place.c_str() + device.size() + 1, nullptr, 10),
+                                   static_cast<pid_t>(std::strtol(owner.c_str(), nullptr, 10))});
         }
     }
-    std::ranges::sort(held.inodes_);
+    std::ranges::sort(held.locks_, {}, &Lock::inode);
     return held;
 }
 
 bool HeldLocks::holds(ino_t inode) const noexcept {
-    return std::ranges::binary_search(inodes_, inode);
+    return std::ranges::binary_search(locks_, inode, {}, &Lock::inode);
+}
+
+pid_t HeldLocks::holder(ino_t inode) const noexcept {
+    const auto found = std::ranges::lower_bound(locks_, inode, {}, &Lock::inode);
+    return found == locks_.end() || found->inode != inode ? 0 : found->holder;
 }
 
 } // namespace Retryq

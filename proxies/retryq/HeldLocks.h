@@ -22,11 +22,21 @@ public:
     // two digits at least each).
     static HeldLocks parse(std::istream& locks, const std::string& device);
 
-    [[nodiscard]] bool none() const noexcept { return inodes_.empty(); }
+    [[nodiscard]] bool none() const noexcept { return locks_.empty(); }
     [[nodiscard]] bool holds(ino_t inode) const noexcept;
+    // The process that took the lock; 0 when nobody is known to hold it. Its children may have it
+    // as well.
+    [[nodiscard]] pid_t holder(ino_t inode) const noexcept;
+
+    struct Lock {
+        ino_t inode;
+        pid_t holder;
+    };
+    // In the order of the inodes.
+    [[nodiscard]] const std::vector<Lock>& all() const noexcept { return locks_; }
 
 private:
-    std::vector<ino_t> inodes_; // ascending
+    std::vector<Lock> locks_;
 };
 
 } // namespace Retryq

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """retryq run: what it tries, what it leaves, and how it ends."""
+import fcntl
 import os
 import re
 import signal
@@ -88,6 +89,83 @@ class Run(SystemTest):
         self.assertEqual((run.status, self.world.spool()), (0, {}), run.out)
         line, = run.lines(" fewer-workers ")
         self.assertTrue(re.search("wanted=200 used=8 because=open files", line), line)
+
+    def test_shows_on_a_terminal_how_it_comes_along_and_wipes_it_in_the_end(self):
+        self.smtp(script={"rcpt": (1.1, "250 ok")})
+        for n in range(4):
+            self.world.queue(f"m{n}", f"<u{n}@x.test>")
+        terminals = "mkdir -p /dev/pts; mount -t devpts -o newinstance,ptmxmode=666 none /dev/pts; mount --bind /dev/pts/ptmx /dev/ptmx"
+        run = self.world.run("-c", f"{terminals}; exec script -qec 'stty cols 50; {world.RETRYQ} run' /dev/null", binary="/bin/sh")
+        shown, end = run.out.rsplit("\x1b[J", 1)
+        pictures = re.split("\x1b\\[\\d+A\r\x1b\\[J", shown)
+        self.assertGreater(len(pictures), 1, run.out)
+        self.assertTrue(all(len(line) < 50 for picture in pictures for line in picture.splitlines()), run.out)
+        self.assertRegex(shown, r"4 of 4 messages seen, \d in hand,\s+0 tried \(0.0/s\),\s+- left")
+        self.assertRegex(shown, r"slow: relay 127\.0\.0\.2, \d in hand,\s+the longest for 1s")
+        self.assertTrue(end.startswith("4 of 4 due messages tried, "), end)
+
+
+class Deliver(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.world.table(*RELAYS)
+        self.server = self.smtp(script={"rcpt": {"busy": "450 busy \x1b[2J", "bad": "550 no", "": "250 ok"}})
+        for leaf, rcpts, sender in (("q1", ["<a@x.test>", "<busy@y.test>"], "<s@one.test>"), ("q2", ["<b@y.test>"], "<s@two.test>"),
+                                    ("q20", ["<bad@z.test>"], "<>")):
+            self.world.queue(leaf, rcpts, sender=sender, last=-5)
+
+    @cases({"name": (["q1"], {"q1"}), "beginning": (["q20"], {"q20"}), "name that begins another": (["q2"], {"q2"}),
+            "domain": (["--domain", "Y.test"], {"q1", "q2"}), "recipient": (["--recipient", "b*@*"], {"q1", "q2", "q20"}),
+            "sender": (["--sender", "<>"], {"q20"}), "both": (["q1", "q2", "--sender", "s@two.test"], {"q2"})})
+    def test_tries_by(self, args, leaves):
+        given = {leaf: self.world.rmd(leaf).recipients for leaf in ("q1", "q2", "q20")}
+        told = self.objects("deliver", *args)
+        self.assertEqual({(one["message"], one["recipient"]) for one in told if one["report"] == "outcome"},
+                         {(leaf, rcpt) for leaf in leaves for rcpt, _ in given[leaf]})
+        asked = {line[9:].decode() for session in self.server.sessions for line in session.commands if line.startswith(b"RCPT")}
+        self.assertEqual(asked, {rcpt for leaf in leaves for rcpt, _ in given[leaf]})
+
+    @cases({"nothing": ([], "needs a message"), "no such": (["x"], "x is not in the queue"), "several": (["q"], "q may be q1, q2, q20"),
+            "one of them wrong": (["q1", "x"], "x is not in the queue"), "no message": (["--domain", "none.test"], "no such message")})
+    def test_tries_nothing_for(self, args, says):
+        before = self.world.spool()
+        self.assertIn(says, self.retryq("deliver", *args, status=1).out)
+        self.assertEqual((self.world.spool(), self.server.sessions), (before, []))
+
+    def test_shows_outcomes_and_on_request_the_conversation(self):
+        run = self.retryq("deliver", "q1", "--trace")
+        self.assertIn("q1 delivered <a@x.test> by 127.0.0.2 at dot: 250 ", run.out)
+        self.assertIn("q1 deferred <busy@y.test> by 127.0.0.2 at RCPT: 450 busy %1B[2J", run.out)
+        for line in ("-> RCPT TO: <busy@y.test>", "<- 450 busy %1B[2J", "-> DATA", "-> .", "** connected to 127.0.0.2"):
+            self.assertRegex(run.out, r"(?m)^\d\d:\d\d:\d\d\.\d{3} q1 " + re.escape(line) + "$")
+
+    def test_names_who_holds_a_message_and_leaves_it(self):
+        with open(self.world.spool_dir + "q2.rmd", "rb") as file:
+            fcntl.flock(file, fcntl.LOCK_EX)
+            self.assertIn(f"q2 is being worked on by process {os.getpid()}\n", self.retryq("deliver", "q2", status=1).out)
+            row, = self.objects("who")
+        self.assertEqual((row["pid"], row["message"], row["recipients"], row["user"]), (os.getpid(), "q2", ["<b@y.test>"], "root"))
+        self.assertIn("python", row["program"])
+        self.assertEqual((self.server.sessions, self.objects("who")), ([], []))
+
+
+class Who(SystemTest):
+    @cases({"walker": ((), None, "talking"), "worker": (("run", "--workers", "2"), world.RETRYQ, "RCPT")})
+    def test_tells_of_a(self, args, binary, stage):
+        self.world.table(*RELAYS)
+        server = self.smtp(script={"rcpt": (3.0, "250 ok")})
+        self.world.queue("m", ["<u@x.test>", "<v@x.test>"])
+        running = self.world.start(*args, binary=binary)
+        while not any(line.startswith(b"RCPT") for session in server.sessions for line in session.commands):
+            time.sleep(0.01)
+        rows = {row["message"]: row for row in self.objects("who")}
+        self.assertEqual(set(rows), {"m"} if binary is None else {"m", None})
+        row = rows["m"]
+        self.assertEqual((row["server"], row["stage"], sorted(row["recipients"])), ("127.0.0.2", stage, ["<u@x.test>", "<v@x.test>"]))
+        self.assertEqual(running.pid, row["pid" if binary is None else "parent"])
+        nobody = self.world.run("--reuid=65534", "--clear-groups", "--", world.RETRYQ, "who", binary="/usr/bin/setpriv")
+        self.world.finish(running)
+        self.assertIn("cannot open", nobody.out)
 
 
 if __name__ == "__main__":

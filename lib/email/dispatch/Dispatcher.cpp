@@ -73,7 +73,10 @@ Dispatcher::Dispatcher(const Options& options)
     : before_(blockOwnSignals()), signals_(signalDescriptor()),
       reader_(mailscanGlobals::deferred_mail_path()),
       destinations_(std::max(options.perDestination, 1), HostList::BlackL.timeout()),
-      pool_(possibleWorkers(std::max(options.workers, 1)), before_) {
+      pool_(possibleWorkers(std::max(options.workers, 1)), before_, options.tells) {
+    if (options.only) {
+        reader_.readOnly(*options.only);
+    }
     if (!signals_.valid()) { // then a signal ends the run at once, and the workers after it
         ::sigprocmask(SIG_SETMASK, &before_, nullptr);
     }
@@ -189,11 +192,30 @@ void Dispatcher::give(WorkerState& worker, DueMessage message) {
     }
 }
 
+void Dispatcher::tryEach(MailReSender& walker) {
+    const auto any = [](const std::string&) { return true; };
+    do {
+        while (walker.stopped() == 0) {
+            const std::optional<DueMessage> message = window_.take(any);
+            if (!message) {
+                break;
+            }
+            FileName entry(mailscanGlobals::deferred_mail_path(), message->leaf.c_str());
+            walker.tryFile(&entry);
+        }
+        (void)readOn();
+    } while (walker.stopped() == 0 && (!window_.empty() || !allRead_));
+}
+
 // Not a single worker can be had: the run is made as a walker makes it.
 void Dispatcher::walkAlone() {
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
     MailReSender walker;
-    walker.RetryAll(0);
+    if (reader_.onlySome()) {
+        tryEach(walker);
+    } else {
+        walker.RetryAll(0);
+    }
     worst_ = walker.stopped() == 0 ? worst_ : 1;
     ended_ += walker.counts();
     blockOwnSignals();
@@ -262,9 +284,12 @@ void Dispatcher::hear(WorkerState& worker) {
 }
 
 void Dispatcher::take(WorkerState& worker, const Report& report) {
+    if (listener_) {
+        listener_(worker, report);
+    }
     switch (report.step) {
     case Step::Chose:
-        chose(worker, report.destination);
+        chose(worker, report.text);
         break;
     case Step::Connected:
         destinations_.connected(worker.talk, report.server);
@@ -277,7 +302,7 @@ void Dispatcher::take(WorkerState& worker, const Report& report) {
         }
         break;
     case Step::Lost:
-        destinations_.lost(worker.talk, report.destination);
+        destinations_.lost(worker.talk, report.text);
         break;
     case Step::Done:
         worker.counts = report.counts;
@@ -286,6 +311,10 @@ void Dispatcher::take(WorkerState& worker, const Report& report) {
             stopRequests_ = std::max(stopRequests_, 1);
         }
         break;
+    case Step::Outcome:
+    case Step::Said:
+    case Step::Heard:
+        break; // for the listener
     }
 }
 

@@ -17,12 +17,17 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
+
+class MailReSender;
 
 namespace Dispatch {
 
 struct Options {
     int workers = 200;
     int perDestination = Destinations::kDefaultMost;
+    std::optional<std::vector<std::string>> only{}; // these messages, and no others
+    Tells tells = Tells::Steps;
 };
 
 // What a run has come to so far, in messages.
@@ -47,6 +52,10 @@ public:
     using Watcher = std::function<void(const Dispatcher&)>;
     void setWatcher(Watcher watcher) { watcher_ = std::move(watcher); }
 
+    // Called for each report of a worker, before it is acted upon.
+    using Listener = std::function<void(const WorkerState&, const Report&)>;
+    void setListener(Listener listener) { listener_ = std::move(listener); }
+
     // Until everything due was tried once, or left. The first SIGTERM or SIGINT ends the run when
     // the messages in hand are done, a second one, or a minute, ends it at once. Returns the worst
     // exit status of the workers; for one that a signal ended, the signal's number.
@@ -55,11 +64,17 @@ public:
     // True when a second signal has ended the workers: nobody waits for a result any more.
     [[nodiscard]] bool cutShort() const noexcept { return stopRequests_ > 1; }
 
+    // Messages of dead destinations that were left, by destination.
+    [[nodiscard]] const std::map<std::string, std::uint64_t>& left() const noexcept {
+        return left_;
+    }
     [[nodiscard]] const Tally& tally() const noexcept { return tally_; }
     // Recipients by outcome, so far; `entries` are the messages found, due or not.
     [[nodiscard]] Email::RunCounts counts() const noexcept;
     [[nodiscard]] const std::list<WorkerState>& workers() const noexcept { return pool_.workers(); }
     [[nodiscard]] std::size_t known() const noexcept { return window_.size(); }
+    // Of the same clock as WorkerState::since.
+    [[nodiscard]] std::int64_t now() const noexcept { return now_; }
 
 private:
     [[nodiscard]] bool finished() const noexcept;
@@ -70,6 +85,7 @@ private:
     [[nodiscard]] bool mayBegin(const std::string& destination) const;
     void give(WorkerState& worker, DueMessage message);
     void walkAlone();
+    void tryEach(MailReSender& walker);
 
     void wait(int milliseconds);
     void takeSignals();
@@ -90,6 +106,7 @@ private:
     Destinations destinations_;
     WorkerPool pool_;
     Watcher watcher_;
+    Listener listener_;
     Tally tally_;
     Email::RunCounts ended_; // of the workers that are gone
     std::int64_t began_ = 0;

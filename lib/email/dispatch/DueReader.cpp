@@ -25,13 +25,31 @@ DueReader::DueReader(std::string directory)
     }
 }
 
-DueReader::Found DueReader::next(DueMessage& message) {
+void DueReader::readOnly(std::vector<std::string> leaves) {
+    only_ = std::move(leaves);
+}
+
+// The name of the next entry; empty at the end.
+std::string DueReader::nextEntry() {
+    if (only_) {
+        if (only_->empty() || !directory_) {
+            return {};
+        }
+        std::string entry = std::move(only_->back()).append(kListSuffix);
+        only_->pop_back();
+        return entry;
+    }
     const dirent* const entry = directory_ ? ::readdir(directory_.get()) : nullptr;
-    if (entry == nullptr) {
+    return entry == nullptr ? std::string() : entry->d_name;
+}
+
+DueReader::Found DueReader::next(DueMessage& message) {
+    const std::string entry = nextEntry();
+    if (entry.empty()) {
         directory_.reset();
         return Found::End;
     }
-    std::string_view leaf = entry->d_name;
+    std::string_view leaf = entry;
     if (!leaf.ends_with(kListSuffix)) {
         return Found::Nothing;
     }

@@ -8,8 +8,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Dispatch {
 
@@ -17,6 +19,10 @@ class DueReader {
 public:
     // `directory` as the setting has it. Without one that can be opened there is nothing to read.
     explicit DueReader(std::string directory);
+
+    // Goes over these messages in place of the directory's.
+    void readOnly(std::vector<std::string> leaves);
+    [[nodiscard]] bool onlySome() const noexcept { return only_.has_value(); }
 
     // Looks at the next entry.
     enum class Found { Nothing, Waiting, Due, End };
@@ -30,7 +36,10 @@ private:
     [[nodiscard]] bool hasText(std::string_view leaf) const;
     Found judge(DueMessage& message) const;
 
-    std::string path_; // ends in "/"
+    [[nodiscard]] std::string nextEntry();
+
+    std::string path_;                             // ends in "/"
+    std::optional<std::vector<std::string>> only_; // the next one at the back
     std::unique_ptr<DIR, Close> directory_;
 };
 

@@ -5,6 +5,8 @@
 #include "email/site/HostList.h"
 #include "email/site/mailscanGlobals.h"
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -14,16 +16,38 @@ namespace {
 
 constexpr int kStoppedStatus = 1;
 
+// For whoever looks at the processes of this host: the step, and nothing of the mail.
+void showStage(std::string_view stage) {
+    const std::string name = std::string("retryq:").append(stage);
+    ::prctl(PR_SET_NAME, name.c_str());
+}
+
+const char* outcomeWord(Email::LogLine line) noexcept {
+    switch (line) {
+    case Email::LogLine::Delivered:
+        return "delivered";
+    case Email::LogLine::ReturnDelivered:
+        return "return-delivered";
+    case Email::LogLine::Deferred:
+        return "deferred";
+    case Email::LogLine::Returned:
+        return "returned";
+    default:
+        return "dropped";
+    }
+}
+
 // A walker whose steps are reported. While it holds a message it never waits for the dispatcher: a
 // report for which there is no room is left out.
 class ReportingWalker : public MailReSender {
 public:
-    explicit ReportingWalker(const WorkerChannel& channel) : channel_(channel) {}
+    ReportingWalker(const WorkerChannel& channel, Tells tells) : channel_(channel), tells_(tells) {}
 
     void logEvent(eventId event, const char* text, int value) override {
         MailReSender::logEvent(event, text, value);
         switch (event) {
         case EV_CHOOSE_SERVER:
+            showStage("search");
             report(Step::Chose, 0);
             break;
         case EV_CONNECTED:
@@ -48,6 +72,37 @@ public:
 private:
     static constexpr int kServiceCloses = 421; // RFC 5321, 3.8
 
+    void tellOutcome(Email::LogLine line, const EmailAddr& rcpt, int code,
+                     const Email::Attempt* known) override {
+        MailReSender::tellOutcome(line, rcpt, code, known);
+        if (tells_ == Tells::Steps) {
+            return;
+        }
+        RecipientOutcome outcome{outcomeWord(line), rcpt.text(), {}, {}};
+        IPaddress server = IPaddress::null;
+        if (known != nullptr) {
+            server = known->server.value_or(IPaddress::null);
+            outcome.stage = stageName(known->stage);
+            outcome.words = !known->error.empty()  ? known->error
+                            : known->reply.empty() ? known->leftOut
+                                                   : known->reply;
+        }
+        (void)channel_.send(encode(Report{Step::Outcome, server, code, outcome.text()}),
+                            WorkerChannel::Wait::No);
+    }
+
+    void lineSaid(Side by, std::string_view line) override {
+        showStage(by == Side::Server && conversation.stage == Email::Stage::Data
+                      ? "body"
+                      : stageName(conversation.stage));
+        if (tells_ == Tells::Conversation) {
+            line.remove_suffix(line.size() - (line.find_last_not_of("\r\n") + 1));
+            (void)channel_.send(encode(Report{by == Side::Us ? Step::Said : Step::Heard,
+                                              serverAddress, 0, std::string(line)}),
+                                WorkerChannel::Wait::No);
+        }
+    }
+
     void report(Step step, int value) {
         const EmailAddr* const recipient = currentRecipient();
         const bool named = recipient != nullptr && (step == Step::Chose || step == Step::Lost);
@@ -58,6 +113,7 @@ private:
     }
 
     const WorkerChannel& channel_;
+    Tells tells_;
 };
 
 void leaveAlone(const std::vector<IPaddress>& servers) {
@@ -70,9 +126,9 @@ void leaveAlone(const std::vector<IPaddress>& servers) {
 
 } // namespace
 
-int work(const WorkerChannel& channel) {
+int work(const WorkerChannel& channel, Tells tells) {
     using Wait = WorkerChannel::Wait;
-    ReportingWalker walker(channel);
+    ReportingWalker walker(channel, tells);
     while (const auto record = channel.receive(Wait::Yes)) {
         const auto order = decodeOrder(*record);
         if (!order && record->empty()) {
@@ -85,6 +141,7 @@ int work(const WorkerChannel& channel) {
         FileName entry(mailscanGlobals::deferred_mail_path(), order->leaf.c_str());
         walker.tryFile(&entry);
         const Report done{Step::Done, IPaddress::null, walker.stopped(), {}, walker.counts()};
+        showStage("idle");
         if (!channel.send(encode(done), Wait::Yes) || walker.stopped() != 0) {
             break;
         }

@@ -8,6 +8,6 @@ namespace Dispatch {
 
 // Until the dispatcher closes the channel or is gone; a message in hand is finished first. Also
 // until a trouble that would meet the next message as well. Returns the process's exit status.
-int work(const WorkerChannel& channel);
+int work(const WorkerChannel& channel, Tells tells);
 
 } // namespace Dispatch

@@ -1,7 +1,5 @@
 #include "email/dispatch/WorkerChannel.h"
 
-#include "email/dispatch/DestinationName.h"
-
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -23,7 +21,7 @@ static_assert(sizeof(OrderHeader) == 4);
 struct ReportHeader {
     std::uint32_t server;
     std::int32_t value;
-    std::uint16_t destinationLength;
+    std::uint16_t textLength;
     std::uint8_t step;
     std::uint8_t unused;
 };
@@ -37,7 +35,7 @@ constexpr std::array kCounts{&Email::RunCounts::entries,  &Email::RunCounts::att
 using CountsBlock = std::array<std::int64_t, kCounts.size()>;
 
 static_assert(sizeof(OrderHeader) + Order::kMaxLeaf + Order::kMaxDead * 4 <= kRecordLimit);
-static_assert(sizeof(ReportHeader) + sizeof(CountsBlock) + kMaxDestination <= kRecordLimit);
+static_assert(sizeof(ReportHeader) + sizeof(CountsBlock) + Report::kMaxText <= kRecordLimit);
 
 template<typename Value>
 void put(std::string& out, const Value& value) {
@@ -73,19 +71,18 @@ std::string encode(const Order& order) {
 }
 
 std::string encode(const Report& report) {
-    const std::string_view destination =
-        std::string_view(report.destination).substr(0, kMaxDestination);
+    const std::string_view text = std::string_view(report.text).substr(0, Report::kMaxText);
     std::string record;
-    put(record, ReportHeader{report.server.value, report.value,
-                             static_cast<std::uint16_t>(destination.size()),
-                             static_cast<std::uint8_t>(report.step), 0});
+    put(record,
+        ReportHeader{report.server.value, report.value, static_cast<std::uint16_t>(text.size()),
+                     static_cast<std::uint8_t>(report.step), 0});
     if (report.step == Step::Done) {
         CountsBlock block{};
         std::ranges::transform(kCounts, block.begin(),
                                [&](auto member) { return report.counts.*member; });
         put(record, block);
     }
-    return record.append(destination);
+    return record.append(text);
 }
 
 std::optional<Order> decodeOrder(std::string_view record) {
@@ -113,14 +110,37 @@ std::optional<Report> decodeReport(std::string_view record) {
     }
     Report report{static_cast<Step>(header.step), IPaddress(header.server), header.value, {}, {}};
     if ((report.step == Step::Done && !take(record, block)) ||
-        header.destinationLength > kMaxDestination || record.size() != header.destinationLength) {
+        header.textLength > Report::kMaxText || record.size() != header.textLength) {
         return std::nullopt;
     }
     for (std::size_t i = 0; i < kCounts.size(); ++i) {
         report.counts.*kCounts[i] = static_cast<long>(block[i]);
     }
-    report.destination = record;
+    report.text = record;
     return report;
+}
+
+std::string RecipientOutcome::text() const {
+    std::string text;
+    for (const std::string* const field : {&word, &recipient, &stage}) {
+        text.append(*field).append(1, '\0');
+    }
+    return text + words;
+}
+
+// The last one may hold zero bytes: it is the server's.
+RecipientOutcome RecipientOutcome::from(std::string_view text) {
+    const auto field = [&text] {
+        const std::string_view taken = text.substr(0, text.find('\0'));
+        text.remove_prefix(std::min(taken.size() + 1, text.size()));
+        return std::string(taken);
+    };
+    RecipientOutcome outcome;
+    outcome.word = field();
+    outcome.recipient = field();
+    outcome.stage = field();
+    outcome.words = text;
+    return outcome;
 }
 
 std::pair<WorkerChannel, WorkerChannel> WorkerChannel::pair() noexcept {

@@ -32,16 +32,37 @@ enum class Step : std::uint8_t {
     ConnectFailed, // value: error number
     NoGreeting,
     Lost, // a recipient was left by a broken connection: its destination
-    Done, // with the message; value: the error number that ends the run, or 0
+    // Only on request (Tells):
+    Outcome, // of a recipient: value: code, text: the fields of RecipientOutcome
+    Said,    // a line of the conversation, without its end: to the server
+    Heard,   // and from it
+    Done,    // with the message; value: the error number that ends the run, or 0
 };
 inline constexpr auto kLastStep = Step::Done;
+
+// How much a worker reports: the steps alone, what becomes of each recipient, or every line of the
+// conversation as well.
+enum class Tells : std::uint8_t { Steps, Outcomes, Conversation };
 
 struct Report {
     Step step = Step::Done;
     IPaddress server = IPaddress::null;
     std::int32_t value = 0;
-    std::string destination;   // cut to kMaxDestination
+    std::string text{};        // a destination, or what the step says; cut to kMaxText
     Email::RunCounts counts{}; // with Done: of all that the worker has done
+
+    static constexpr std::size_t kMaxText = 900;
+};
+
+// What has become of one recipient, as an outcome report's text tells it. All from outside.
+struct RecipientOutcome {
+    std::string word; // that of its log line: delivered, deferred, returned, dropped
+    std::string recipient;
+    std::string stage; // how far its conversation came
+    std::string words; // of the server, or the error
+
+    [[nodiscard]] std::string text() const;
+    [[nodiscard]] static RecipientOutcome from(std::string_view text);
 };
 
 inline constexpr std::size_t kRecordLimit = 1024; // bytes of any record

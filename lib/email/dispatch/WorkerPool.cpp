@@ -82,7 +82,7 @@ void WorkerPool::become(WorkerChannel& own) {
     }
     ::signal(SIGINT, SIG_IGN);
     ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
-    ::_exit(work(own));
+    ::_exit(work(own, tells_));
 }
 
 void WorkerPool::releaseIdle(std::int64_t time) {

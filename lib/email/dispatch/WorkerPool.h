@@ -32,7 +32,8 @@ struct WorkerState {
 class WorkerPool {
 public:
     // At most that many at once; `mask` is the signal mask that a worker runs with.
-    WorkerPool(int most, const sigset_t& mask) noexcept : most_(most), mask_(mask) {}
+    WorkerPool(int most, const sigset_t& mask, Tells tells) noexcept
+        : most_(most), mask_(mask), tells_(tells) {}
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
@@ -67,6 +68,7 @@ private:
 
     int most_;
     sigset_t mask_;
+    Tells tells_;
     std::list<WorkerState> workers_;
 };
 

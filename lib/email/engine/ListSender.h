@@ -96,6 +96,11 @@ public:
     [[nodiscard]] const Email::RunCounts& counts() const noexcept { return counts_; }
 
 protected:
+    // What became of a recipient in this attempt, with its line: exactly once for each that was
+    // tried. `known` may be null.
+    virtual void tellOutcome(Email::LogLine line, const EmailAddr& rcpt, int code,
+                             const Email::Attempt* known);
+
     // Ends the run because of this message, with a line.
     void stop(const char* message, int error);
 
@@ -154,8 +159,6 @@ private:
     void traceLine(Email::LogLine line, const char* text) const;
     void logStep(eventId event, const EmailAddr* about, int error) const;
     void reportStep(eventId event, const char* text, int value);
-    void tellOutcome(Email::LogLine line, const EmailAddr& rcpt, int code,
-                     const Email::Attempt* known);
     void tellEach(Email::LogLine line, const MailList& list);
 
     Email::QueuedMessage* queued_ = nullptr; // the deferred queue's message that is being attempted

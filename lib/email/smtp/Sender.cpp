@@ -121,6 +121,7 @@ bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMT
         conversation.error = Email::errorText(ETIME, "the server has fallen silent");
         return false;
     }
+    lineSaid(Side::Us, line);
     WriteN(line.data(), static_cast<int>(line.size()), milliseconds(timeoutSecs), err);
     if (err != 0) {
         conversation.error = Email::errorText(err);
@@ -158,6 +159,7 @@ int Sender::readNumber(long timeoutSecs) {
         const std::string_view text(line.data(), static_cast<std::size_t>(length));
         if (err == 0) {
             conversation.reply = text;
+            lineSaid(Side::Server, text);
         }
         const auto reply = Email::parseReplyLine(text);
         if (reply && answer_ != nullptr) {
@@ -549,6 +551,7 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
         return giveUp(code, COMMS_FAILED);
     }
     conversation.begin(Stage::Dot);
+    lineSaid(Side::Us, ".\r\n");
     if (!success(readReply(mailscanGlobals::DATA_final_interval, code))) {
         return false;
     }

@@ -27,6 +27,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 class DomainRelay;
 
@@ -123,6 +124,10 @@ protected:
     [[nodiscard]] const Email::ServerExtensions& offered() const noexcept {
         return session_.offered;
     }
+    // Each line of the conversation as it stands on the wire, a command's with its end; of a body
+    // nothing but its closing dot.
+    enum class Side { Us, Server };
+    virtual void lineSaid(Side /*by*/, std::string_view /*line*/) {}
 
     std::int32_t messageSize = -1;          // bytes; -1 until a body was sent
     const char* serverName = nullptr;       // for the event records; nobody here sets it

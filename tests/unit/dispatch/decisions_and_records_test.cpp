@@ -154,12 +154,12 @@ TEST(Records, AreReadBackWholeAndRefusedWhenAnythingIsMissing) {
     counts.delivered = 3;
     counts.dropped = 9;
     const std::string up =
-        encode(Report{Step::Done, IPaddress(7), -5, std::string(500, 'd'), counts});
+        encode(Report{Step::Done, IPaddress(7), -5, std::string(5000, 'd'), counts});
     ASSERT_TRUE(decodeReport(up));
     EXPECT_EQ(decodeReport(up)->value, -5);
     EXPECT_EQ(decodeReport(up)->counts.delivered + decodeReport(up)->counts.dropped, 12);
     EXPECT_EQ(decodeReport(up)->server, IPaddress(7));
-    EXPECT_EQ(decodeReport(up)->destination, std::string(kMaxDestination, 'd'));
+    EXPECT_EQ(decodeReport(up)->text, std::string(Report::kMaxText, 'd'));
     for (std::size_t size = 0; size < std::max(down.size(), up.size()); ++size) {
         EXPECT_EQ(decodeOrder(down.substr(0, size)).has_value(), size >= down.size());
         EXPECT_FALSE(decodeReport(up.substr(0, size)));

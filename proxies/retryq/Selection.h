@@ -1,0 +1,17 @@
+// The messages that a command is to work on: by name, or by what the filter says.
+#pragma once
+
+#include "retryq/Commands.h"
+
+#include <string>
+#include <vector>
+
+namespace Retryq {
+
+// Those that the filter accepts; with names, of these only. A name may be the beginning of one
+// message's name. Nothing, with a line on standard error, when a name fits no message or several,
+// or the spool cannot be opened.
+[[nodiscard]] bool select(const Context& context, const std::vector<std::string>& names,
+                          const Filter& filter, std::vector<std::string>& leaves);
+
+} // namespace Retryq
