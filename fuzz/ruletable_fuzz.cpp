@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const std::size_t nameLength = std::min<std::size_t>(data[0] % 16U, size - 1);
     const std::string service(data + 1, data + 1 + nameLength);
-    const std::size_t lineLength = std::min(size - 1 - nameLength, ruleLineLimit);
+    const std::size_t lineLength = std::min(size - 1 - nameLength, kRuleLineLimit);
     const auto* start = data + 1 + nameLength;
     std::vector<char> line(start, start + lineLength);
 

@@ -11,13 +11,13 @@
 #include <unistd.h>
 
 namespace {
-constexpr std::string_view collectorPath = "/var/run/stdlog";
+constexpr std::string_view kCollectorPath = "/var/run/stdlog";
 static_assert(sizeof(sockaddr_un) == 110);
 } // namespace
 
 CLogBase::CLogBase(int options) {
     address_.sun_family = AF_UNIX;
-    collectorPath.copy(address_.sun_path, sizeof address_.sun_path - 1);
+    kCollectorPath.copy(address_.sun_path, sizeof address_.sun_path - 1);
     if ((options & LOG_NDELAY) == 0) {
         return;
     }

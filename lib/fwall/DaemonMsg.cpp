@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* furtherEscaped = ",";
+constexpr const char* kFurtherEscaped = ",";
 
 // At most `limit` bytes of a text that may be null.
 template<std::size_t N>
@@ -25,7 +25,7 @@ void copyField(char (&field)[N], const char* text, std::size_t limit) noexcept {
 // `size` counts the terminator.
 template<std::size_t N>
 void escapeField(char (&field)[N], const char* text, std::size_t size = N) noexcept {
-    hexescNonAsciiPlus(field, text, size < N ? size : N, furtherEscaped);
+    hexescNonAsciiPlus(field, text, size < N ? size : N, kFurtherEscaped);
 }
 
 void fillConnection(DaemonMsg& message, const CConnectionContext& connection) {

@@ -21,9 +21,9 @@ cfgrec* savp = nullptr;
 
 namespace {
 
-constexpr const char* defaultTable = "/usr/local/etc/rulbex-table";
-constexpr const char* profilePath = "/var/QELENV/.profile.vars";
-constexpr std::string_view profileKey = "install_location";
+constexpr const char* kDefaultTable = "/usr/local/etc/rulbex-table";
+constexpr const char* kProfilePath = "/var/QELENV/.profile.vars";
+constexpr std::string_view kProfileKey = "install_location";
 
 enum MessageCode : std::int32_t {
     TABLE_NOT_OPENED = 11500,
@@ -99,7 +99,7 @@ cfgrec* cannotOpen(const char* service, CfgFaults& faults) {
 cfgrec* readOpened(LineFile& file, const char* service, CfgFaults& faults) {
     ListBuilder list;
     RuleLine rule;
-    std::array<char, ruleLineLimit> buffer{};
+    std::array<char, kRuleLineLimit> buffer{};
     std::int32_t number = 0;
     while (const auto line = file.next(buffer)) {
         ++number;
@@ -116,7 +116,7 @@ cfgrec* readOpened(LineFile& file, const char* service, CfgFaults& faults) {
 
 cfgrec* readTable(const char* service, CfgFaults& faults) {
     if (pfile == nullptr) {
-        cfg_setpfile(defaultTable);
+        cfg_setpfile(kDefaultTable);
     }
     if (pfile == nullptr) {
         throw std::bad_alloc();
@@ -163,7 +163,7 @@ void setHome(std::string_view location) noexcept {
 // True when the line names the install location, which homedir then holds.
 bool homeFromProfileLine(std::string_view line) noexcept {
     const std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || line.substr(0, equals) != profileKey) {
+    if (equals == std::string_view::npos || line.substr(0, equals) != kProfileKey) {
         return false;
     }
     const std::string_view value = line.substr(equals + 1);
@@ -172,7 +172,7 @@ bool homeFromProfileLine(std::string_view line) noexcept {
 }
 
 void homeFromProfile() noexcept {
-    LineFile file(profilePath);
+    LineFile file(kProfilePath);
     std::array<char, 255> buffer{};
     while (file.isOpen()) {
         const auto line = file.next(buffer);

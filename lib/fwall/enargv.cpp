@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr std::string_view whiteSpace = " \t\n\r\v\f";
+constexpr std::string_view kWhiteSpace = " \t\n\r\v\f";
 
 // By hand and not by <cctype>: no locale may change what an argument is.
 bool isSpace(char c) noexcept {
-    return whiteSpace.find(c) != std::string_view::npos;
+    return kWhiteSpace.find(c) != std::string_view::npos;
 }
 bool isPrintable(char c) noexcept {
     return c >= 0x20 && c <= 0x7e;

@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr std::string_view cutMark = "...";
+constexpr std::string_view kCutMark = "...";
 
 bool isUnsafe(char c) noexcept {
     return c < ' ' || c > '~' || c == '%';
@@ -61,7 +61,7 @@ std::string printable(std::string_view text, std::size_t maxBytes, std::string_v
         text.find_first_of(further) == std::string_view::npos) {
         return std::string(text);
     }
-    const std::string_view mark = cutMark.substr(0, maxBytes);
+    const std::string_view mark = kCutMark.substr(0, maxBytes);
     std::string result;
     std::size_t lastWithMark = 0;
     for (const char c : text) {

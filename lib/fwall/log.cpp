@@ -19,7 +19,7 @@ constinit std::unique_ptr<Log> logObj;
 
 namespace {
 
-constexpr std::int32_t debugMessage = 19000;
+constexpr std::int32_t kDebugMessage = 19000;
 
 struct ModeName {
     std::string_view value;
@@ -173,7 +173,7 @@ void RVSendLog(std::int32_t messageId, const char* format, ...) {
 }
 
 void impDebugSendLog(const char* format, ...) {
-    const UNIQUE_DATA_T data{.messageId = debugMessage};
+    const UNIQUE_DATA_T data{.messageId = kDebugMessage};
     va_list arguments;
     va_start(arguments, format);
     vSendLog(servContext, connContext, &data, LOG_NOTICE, format, arguments);

@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr std::string_view blanks = " \t";
-constexpr std::string_view nameSeparators = " \t\n,";
+constexpr std::string_view kBlanks = " \t";
+constexpr std::string_view kNameSeparators = " \t\n,";
 
 struct Prefix {
     std::string_view text;
@@ -18,7 +18,7 @@ constexpr Prefix prefixes[] = {
 
 bool isSelected(std::string_view whoList, std::string_view service) noexcept {
     while (!whoList.empty()) {
-        const std::size_t end = std::min(whoList.find_first_of(nameSeparators), whoList.size());
+        const std::size_t end = std::min(whoList.find_first_of(kNameSeparators), whoList.size());
         const std::string_view name = whoList.substr(0, end);
         if (!name.empty() && (name == service || name == "*")) {
             return true;
@@ -33,7 +33,7 @@ std::string_view viewOf(std::span<char> bytes) noexcept {
 }
 
 std::span<char> withoutLeadingBlanks(std::span<char> bytes) noexcept {
-    return bytes.subspan(std::min(viewOf(bytes).find_first_not_of(blanks), bytes.size()));
+    return bytes.subspan(std::min(viewOf(bytes).find_first_not_of(kBlanks), bytes.size()));
 }
 
 } // namespace
@@ -80,7 +80,7 @@ RuleLine::Kind RuleLine::parseRule(std::span<char> rule) noexcept {
         return reject(CfgFault::Malformed);
     }
     // The newline does not end the keyword, so a keyword without arguments swallows it.
-    const std::size_t end = viewOf(rule).find_first_of(blanks);
+    const std::size_t end = viewOf(rule).find_first_of(kBlanks);
     if (end == std::string_view::npos || end + 2 >= rule.size()) {
         return reject(CfgFault::MissingParameter);
     }

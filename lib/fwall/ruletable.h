@@ -13,7 +13,7 @@
 #include <string_view>
 
 // Longest line with its newline, in bytes.
-inline constexpr std::size_t ruleLineLimit = 8191;
+inline constexpr std::size_t kRuleLineLimit = 8191;
 
 // Why a line was rejected.
 enum class CfgFault : std::uint8_t {
@@ -61,5 +61,5 @@ private:
     std::string_view keyword_;
     std::size_t argc_ = 0;
     std::array<char*, 256> argv_{};
-    std::array<char, ruleLineLimit + 1> text_{};
+    std::array<char, kRuleLineLimit + 1> text_{};
 };

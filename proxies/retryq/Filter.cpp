@@ -1,5 +1,7 @@
 #include "retryq/Filter.h"
 
+#include "email/base/LowerCase.h"
+
 #include <strings.h>
 
 #include <algorithm>
@@ -24,8 +26,7 @@ std::string_view withoutBrackets(std::string_view address) noexcept {
 }
 
 bool same(char a, char b) noexcept {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-    return lower(a) == lower(b);
+    return Email::lowerCase(a) == Email::lowerCase(b);
 }
 
 // Goes back to the latest "*" and lets it take one character more whenever the rest does not fit:

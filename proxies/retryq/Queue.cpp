@@ -1,5 +1,6 @@
 #include "retryq/Queue.h"
 
+#include "email/base/LowerCase.h"
 #include "email/engine/RetrySchedule.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/UniqueFd.h"
@@ -35,7 +36,8 @@ struct CloseDirectory {
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
-// The stamps of a recipient file stand for universal time, whatever the local zone is.
+// A stamp's digits are universal time. `DateTime::Time` reads them as local time, which is off by
+// the zone's offset where a host does not keep UTC.
 std::time_t universal(const DateTime& time) noexcept {
     std::tm fields = time.normalised;
     return ::timegm(&fields);
@@ -112,6 +114,8 @@ private:
         message.firstTry = universal(recipients.firstSendTime());
         message.latestTry = universal(recipients.lastSendTime());
         message.nextTry = message.latestTry + waitOf(recipients);
+        // The service reckons with the digits for the pause between tries, and with Time for the
+        // whole deferral: what is shown follows it in both.
         message.givenUp = recipients.firstSendTime().Time + mailscanGlobals::retry_max_interval;
         message.tries = recipients.tries();
         message.code = mostCommonCode(recipients);
@@ -216,9 +220,7 @@ std::string domainOf(const EmailAddr& address) {
     if (!address.GetDomain(domain.data()) || domain[0] == '\0') {
         return "-";
     }
-    std::ranges::transform(domain, domain.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
+    std::ranges::transform(domain, domain.begin(), Email::lowerCase);
     return printable(domain.data(), domain.size());
 }
 

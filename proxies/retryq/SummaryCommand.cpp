@@ -1,10 +1,10 @@
+#include "email/base/LowerCase.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
 #include "retryq/Table.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iterator>
 #include <unordered_map>
 
@@ -134,10 +134,7 @@ void printTable(const Context& context, const Totals& totals, const SummaryView&
 Json rowJson(const Row& row) {
     Json ages = Json::object();
     for (std::size_t i = 0; i < kBuckets.size(); ++i) {
-        std::string title = kBuckets[i].title;
-        std::ranges::transform(title, title.begin(),
-                               [](char c) { return static_cast<char>(std::tolower(c)); });
-        ages[title] = row.count[i];
+        ages[Email::inLowerCase(kBuckets[i].title)] = row.count[i];
     }
     return {{"oldest", row.oldest}, {"recipients", row.total}, {"ages", std::move(ages)}};
 }

@@ -1,12 +1,12 @@
 #include "email/dispatch/DestinationName.h"
 
+#include "email/base/LowerCase.h"
 #include "email/site/DomainRelay.h"
 #include "email/spool/EmailAddr.h"
 #include "email/spool/Recipients.h"
 
 #include <strings.h>
 
-#include <algorithm>
 #include <array>
 
 namespace Dispatch {
@@ -39,11 +39,7 @@ std::string destinationOf(const EmailAddr& recipient) {
     if (std::string relay = relayFor(domain.data()); !relay.empty()) {
         return relay;
     }
-    std::string name = domain.data();
-    std::ranges::transform(name, name.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
-    return name;
+    return Email::inLowerCase(domain.data());
 }
 
 std::string returnDestination(const char* sender) {

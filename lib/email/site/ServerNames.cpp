@@ -1,9 +1,8 @@
 #include "email/site/ServerNames.h"
 
+#include "email/base/LowerCase.h"
 #include "email/site/TlsPolicy.h"
 
-#include <algorithm>
-#include <cctype>
 #include <map>
 #include <utility>
 
@@ -22,10 +21,7 @@ Key keyOf(std::string_view domain, IPaddress address) {
     if (domain.ends_with('.')) {
         domain.remove_suffix(1);
     }
-    std::string lower(domain);
-    std::ranges::transform(lower, lower.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return {std::move(lower), address.value};
+    return {inLowerCase(std::string(domain)), address.value};
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // there is to say of it. The rows stand in email/site/Settings.inc.
 #pragma once
 
+#include "email/base/LowerCase.h"
 #include "email/file/FileName.h"
 
 #include <cstddef>
@@ -49,12 +50,11 @@ struct Setting {
 // The place of a word in a list "a|b|c", whatever its case; -1 for none of them.
 [[nodiscard]] constexpr std::int32_t choiceOf(std::string_view choices,
                                               std::string_view word) noexcept {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
     for (std::int32_t place = 0;; ++place) {
         const std::string_view choice = choices.substr(0, choices.find('|'));
         bool same = choice.size() == word.size() && !word.empty();
         for (std::size_t i = 0; same && i < word.size(); ++i) {
-            same = lower(choice[i]) == lower(word[i]);
+            same = lowerCase(choice[i]) == lowerCase(word[i]);
         }
         if (same) {
             return place;

@@ -252,7 +252,8 @@ bool ExtSocketClass::awaitProtected(long limitMs, int& err) noexcept {
         return err == 0;
     }
     if (waitFor(theSocket, channel_->events(), limitMs) <= 0) {
-        return fail(err, ETIME) != 0;
+        fail(err, ETIME);
+        return false;
     }
     return receive(urgent, err);
 }

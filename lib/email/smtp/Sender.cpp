@@ -513,34 +513,32 @@ bool Sender::sendText(std::istream& message, Block& block, SMTPcode* code) {
     }
 }
 
-bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
+bool Sender::beginData(SMTPcode* code) {
     conversation.begin(Stage::Data);
     store(code, ACTION_OKA);
     const long limit = mailscanGlobals::DATA_initiation_interval;
     if (!sendCommand("DATA", nullptr, limit, code)) {
         return false;
     }
-    if (const int number = readReply(limit, code); number != START_DATA) {
-        if (success(number)) {
-            conversation.error = Email::errorText(0, "DATA was not answered with 354");
-        }
-        return false;
+    const int number = readReply(limit, code);
+    if (success(number)) {
+        conversation.error = Email::errorText(0, "DATA was not answered with 354");
     }
+    return number == START_DATA;
+}
+
+// Goes to the beginning of the text, which an earlier server's turn may have left at its end.
+bool Sender::rewind(std::istream& message, SMTPcode* code) {
     conversation.begin(Stage::Body);
-    message.clear(); // an earlier server's turn ended at the end of the text
+    message.clear();
     messageSize = GetFileSize(message);
     message.clear();
     message.seekg(0);
-    if (!message) {
-        return textUnreadable(code, Email::errorText(errno));
-    }
-    if (bodyRoom_ == nullptr) {
-        bodyRoom_ = std::make_unique_for_overwrite<char[]>(Block::kRoom);
-    }
-    Block block{bodyRoom_.get()};
-    if (!sendText(message, block, code)) {
-        return false;
-    }
+    return message ? true : textUnreadable(code, Email::errorText(errno));
+}
+
+// The last block of the text, the dot behind it, and the server's word on both.
+bool Sender::endBody(Block& block, SMTPcode* code) {
     if (CommandTimeOut()) {
         store(code, TIMEOUTEXPIRED);
         return false;
@@ -552,7 +550,18 @@ bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
     }
     conversation.begin(Stage::Dot);
     lineSaid(Side::Us, ".\r\n");
-    if (!success(readReply(mailscanGlobals::DATA_final_interval, code))) {
+    return success(readReply(mailscanGlobals::DATA_final_interval, code));
+}
+
+bool Sender::SendDATA(std::istream& message, const char*, SMTPcode* code) {
+    if (!beginData(code) || !rewind(message, code)) {
+        return false;
+    }
+    if (bodyRoom_ == nullptr) {
+        bodyRoom_ = std::make_unique_for_overwrite<char[]>(Block::kRoom);
+    }
+    Block block{bodyRoom_.get()};
+    if (!sendText(message, block, code) || !endBody(block, code)) {
         return false;
     }
     heldSince_.reset();

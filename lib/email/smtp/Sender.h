@@ -1,6 +1,6 @@
 // The SMTP client (RFC 5321): chooses the servers of one destination, connects to the first that
-// greets, and carries out single commands under time limits. The order of the commands, and what
-// becomes of a recipient, is the deriving class's business.
+// greets, and carries out single commands under time limits. The engine, which derives from it,
+// gives the commands in order and decides what becomes of a recipient.
 //
 // Every operation that fails returns false with the code stored: the server's number, or 1001 when
 // the conversation broke, 1002 no such host, 1003 no domain, 1004 this host itself, 1005 the text
@@ -84,10 +84,10 @@ public:
     // True when the server greets with 220.
     bool ReadBanner();
 
-    // Connects to the first address that greets and, where the rule table asks for it, lets itself
-    // be spoken to with EHLO and TLS as the domain must have it; a server that does not is passed
-    // over. Those that do not greet go onto the blacklist, those that
-    // are on it are passed over. The list holds at most max_addr_to_try entries, or the run ends.
+    // Connects to the first address that greets and, where the rule table asks for EHLO and TLS,
+    // gives the domain the protection that it must have. Servers on the blacklist are passed over;
+    // one that cannot be reached or does not greet goes onto it. The list holds at most
+    // max_addr_to_try entries, or the run ends.
     bool tryOpen(const IPaddressList& list, int port);
 
     // Connects through the relays for the domain, on port 25; `tried` is set when there were any.
@@ -134,7 +134,7 @@ protected:
     IPaddress serverAddress;                // the server last tried or connected
     std::optional<std::string> messageName; // the message in hand: set by the engine
     DateTime commandDeadline;               // DateTime(0): none
-    DateTime finalDeadline;                 // kept for the deriving class
+    DateTime finalDeadline;                 // kept for the engine
     std::int32_t greeting = 0;              // reply code of the last greeting, 1001 without one
     // What is known of it, from the search for a server on. QUIT is no step of it.
     Email::Attempt conversation;
@@ -174,6 +174,9 @@ private:
 
     struct Block;
     bool writeBlock(Block& block);
+    bool beginData(SMTPcode* code);
+    bool rewind(std::istream& message, SMTPcode* code);
+    bool endBody(Block& block, SMTPcode* code);
     bool sendText(std::istream& message, Block& block, SMTPcode* code);
     bool giveUp(SMTPcode* code, SMTPcode value) noexcept;
     bool textUnreadable(SMTPcode* code, std::string why);

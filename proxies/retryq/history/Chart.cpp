@@ -10,6 +10,12 @@ namespace {
 
 constexpr std::time_t kHour = 3600;
 
+// The picture, in pixels.
+constexpr int kBarWidth = 12;
+constexpr int kHeight = 240; // of the tallest bar
+constexpr int kTop = 40;     // above it, for the legend
+constexpr int kMargin = 10;
+
 struct Series {
     const char* name;
     char mark;
@@ -35,6 +41,33 @@ std::uint64_t largest(const std::vector<HourBar>& bars) {
         most = std::max(most, sum(bar.outcomes));
     }
     return most;
+}
+
+void writeLegend(std::ostream& out) {
+    int x = kMargin;
+    for (const Series& series : kSeries) {
+        out << "<rect x=\"" << x << R"(" y="10" width="10" height="10" fill=")" << series.colour
+            << "\"/><text x=\"" << x + 14 << "\" y=\"19\">" << series.name << "</text>\n";
+        x += 110;
+    }
+}
+
+// One hour: its parts on top of each other, with a title that tells the numbers.
+void writeBar(std::ostream& out, const HourBar& bar, int x, double most) {
+    const Parts parts = partsOf(bar.outcomes);
+    out << "<g><title>" << hourText(bar.hour);
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        out << ", " << parts[i] << ' ' << kSeries[i].name;
+    }
+    out << "</title>";
+    double y = kTop + kHeight;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        const double height = static_cast<double>(parts[i]) / most * kHeight;
+        y -= height;
+        out << "<rect x=\"" << x << "\" y=\"" << y << "\" width=\"" << kBarWidth - 2
+            << "\" height=\"" << height << "\" fill=\"" << kSeries[i].colour << "\"/>";
+    }
+    out << "</g>\n";
 }
 
 } // namespace
@@ -79,37 +112,16 @@ std::string barText(const HourBar& bar, const std::vector<HourBar>& all, int wid
 }
 
 std::string svgChart(const std::vector<HourBar>& bars) {
-    constexpr int kBar = 12;
-    constexpr int kHeight = 240;
-    constexpr int kTop = 40;
-    const int width = std::max<int>(360, static_cast<int>(bars.size()) * kBar + 20);
+    const int width = std::max<int>(360, static_cast<int>(bars.size()) * kBarWidth + 2 * kMargin);
     const auto most = static_cast<double>(largest(bars));
     std::ostringstream out;
     out << R"(<svg xmlns="http://www.w3.org/2000/svg" width=")" << width << R"(" height=")"
         << kTop + kHeight + 30 << R"(" font-family="sans-serif" font-size="11">)" << '\n';
-    int x = 10;
-    for (const Series& series : kSeries) {
-        out << "<rect x=\"" << x << R"(" y="10" width="10" height="10" fill=")" << series.colour
-            << "\"/><text x=\"" << x + 14 << "\" y=\"19\">" << series.name << "</text>\n";
-        x += 110;
-    }
-    x = 10;
+    writeLegend(out);
+    int x = kMargin;
     for (const HourBar& bar : bars) {
-        const Parts parts = partsOf(bar.outcomes);
-        out << "<g><title>" << hourText(bar.hour);
-        double y = kTop + kHeight;
-        for (std::size_t i = 0; i < parts.size(); ++i) {
-            out << ", " << parts[i] << ' ' << kSeries[i].name;
-        }
-        out << "</title>";
-        for (std::size_t i = 0; i < parts.size(); ++i) {
-            const double height = static_cast<double>(parts[i]) / most * kHeight;
-            y -= height;
-            out << "<rect x=\"" << x << "\" y=\"" << y << "\" width=\"" << kBar - 2
-                << "\" height=\"" << height << "\" fill=\"" << kSeries[i].colour << "\"/>";
-        }
-        out << "</g>\n";
-        x += kBar;
+        writeBar(out, bar, x, most);
+        x += kBarWidth;
     }
     if (!bars.empty()) {
         out << "<text x=\"10\" y=\"" << kTop + kHeight + 20 << "\">" << hourText(bars.front().hour)

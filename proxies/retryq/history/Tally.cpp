@@ -1,5 +1,7 @@
 #include "retryq/history/Tally.h"
 
+#include "email/base/LowerCase.h"
+
 #include <algorithm>
 #include <string_view>
 
@@ -31,9 +33,7 @@ void assignDomain(std::string_view address, std::string& domain) {
     address.remove_prefix(at == std::string_view::npos ? address.size() : at + 1);
     address = address.substr(0, address.find('>'));
     domain.assign(address.empty() ? "-" : address);
-    std::ranges::transform(domain, domain.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
+    std::ranges::transform(domain, domain.begin(), Email::lowerCase);
 }
 
 template<typename Value>
