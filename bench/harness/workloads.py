@@ -163,7 +163,7 @@ class Maker:
         spool.fill(where, spool.text(200), people(count))
         disc.forget()
         scan, walker = self.floor("scan", where), self.walker("w12")
-        keeper = str(self.options.retryer.parent.parent / "retryq/retryq")
+        retryq = str(self.options.retryer.parent.parent / "retryq/retryq")
 
         def ready():
             space.run(*scan)
@@ -171,9 +171,9 @@ class Maker:
         def subjects(name, argv, against=""):
             yield Subject(name, argv, ready, against=against, rounds=SLOW_ROUNDS)
             yield Subject(name + ", cold", argv, disc.forget, against=against and against + ", cold", rounds=1)
-        of_keeper = [subjects(f"retryq {word}", ["/bin/sh", "-c", f"exec {keeper} -as w12 {word} >/dev/null"])
+        of_retryq = [subjects(f"retryq {word}", ["/bin/sh", "-c", f"exec {retryq} -as w12 {word} >/dev/null"])
                      for word in ("list", "summary", "check")]
-        pairs = [subjects("floor", scan), subjects("retryer", walker, "floor"), *of_keeper]
+        pairs = [subjects("floor", scan), subjects("retryer", walker, "floor"), *of_retryq]
         yield Workload("W12", f"{count} small messages, none due", count, [s for pair in pairs for s in pair])
 
     def idle_peers(self, count):

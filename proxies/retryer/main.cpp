@@ -57,8 +57,9 @@ void tellEnd(const Email::RunCounts& counts, std::chrono::steady_clock::time_poi
     }
 }
 
-// An exception ends the process, but not before the walker has let go of its message. True when
-// every entry was offered.
+// True when every entry was offered. An exception is caught and thrown on, for one that nobody
+// catches may end the process at once: the message's lock and the room kept for its list would not
+// be given back in order.
 bool walk(std::unique_ptr<MailReSender> walker) {
     try {
         const auto start = std::chrono::steady_clock::now();
@@ -85,6 +86,8 @@ int main(int argc, char** argv) {
     if (!arguments.valid) {
         return printUsage(argv[0]);
     }
+    // Before the configuration, which may wait for names of relays: making the walker clears an
+    // alarm that the starter left running.
     auto walker = std::make_unique<MailReSender>();
     configure(arguments);
     if (walk(std::move(walker))) {

@@ -29,8 +29,8 @@ using Email::MessageLock;
 constexpr std::size_t kShown = 256;
 constexpr std::int32_t kNever = -2000000000; // seconds: whatever was tried once is overdue
 
-// The person behind the command, also behind sudo; whoever calls can claim that, so that the line
-// has the real user's number as well.
+// The person behind the command, also behind sudo. Anybody can set SUDO_USER: so the line has the
+// real user's number as well.
 std::string operatorName() {
     const char* const behind = std::getenv("SUDO_USER");
     if (behind != nullptr && *behind != '\0') {

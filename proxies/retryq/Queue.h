@@ -1,5 +1,5 @@
-// The deferred queue as its keeper sees it. Looking takes no lock and changes nothing; messages
-// that a walker finishes meanwhile are simply not there any more.
+// The deferred queue as the administrator sees it. Looking takes no lock and changes nothing;
+// messages that a walker finishes meanwhile are simply not there any more.
 #pragma once
 
 #include "email/spool/Hold.h"

@@ -1,5 +1,5 @@
-// The rule table as its keeper sees it: the settings retryer takes from it, what it rejects, and
-// what would end a run before it begins.
+// The rule table as the administrator sees it: the settings retryer takes from it, what it rejects,
+// and what would end a run before it begins.
 #pragma once
 
 #include "email/site/Setting.h"
@@ -16,7 +16,7 @@ namespace Retryq {
 using Email::Setting;
 using Email::settings;
 
-// Something to tell the keeper.
+// Something to tell the administrator.
 struct Finding {
     enum class Weight {
         Warning, // works, but hardly as meant
@@ -76,7 +76,7 @@ private:
     std::unique_ptr<cfgrec, Free> list_;
 };
 
-// The sensible values of a number, for the keeper: "1 to 100", "0 or more".
+// The sensible values of a number, for the administrator: "1 to 100", "0 or more".
 [[nodiscard]] std::string rangeText(const Setting& setting);
 
 // The known key that is most like the word, or null when none comes near.

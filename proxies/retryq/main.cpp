@@ -1,4 +1,4 @@
-// retryq: the keeper's view of the deferred queue.
+// retryq: the administrator's view of the deferred queue.
 #include "retryq/CommandLine.h"
 
 #include "email/site/HostList.h"
@@ -20,8 +20,8 @@ struct NameWhenAsked {
 };
 [[gnu::init_priority(1000)]] const NameWhenAsked nameWhenAsked;
 
-// Settings that would end retryer are told, not met: the mail library ends a program that has them
-// without a word.
+// The mail library ends a program whose rule table has such settings, without a word: so they are
+// told, and the table is not loaded.
 void tellWhyNot(const RuleTable& table) {
     for (const Finding& fault : table.faults()) {
         if (fault.weight == Finding::Weight::Stop) {

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The keeper's program beside the real retryer: what it tells must be what a run then does."""
+"""The administrator's program beside the real retryer: what it tells must be what a run then does."""
 import calendar
 import fcntl
 import gzip

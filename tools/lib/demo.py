@@ -179,8 +179,8 @@ def show_log(log):
         print(f"  {levels[line.priority % 8]:7} {line.text}")
 
 
-def show_keepers_view(house):
-    """What the keeper of the gateway sees of the same spool."""
+def show_administrators_view(house):
+    """What the gateway's administrator sees of the same spool."""
     env = {"TAVORIX": house.root, "TZ": "UTC", "COLUMNS": "120"}
     status = 0
     for command in ("list", "summary"):
@@ -268,8 +268,8 @@ def main():
     wrong += show_comparison(evidence)
     heading("The system log of the run")
     show_log(run.log)
-    heading("The keeper's view of what is left, and one recipient's story")
-    wrong += show_keepers_view(house)
+    heading("The administrator's view of what is left, and one recipient's story")
+    wrong += show_administrators_view(house)
     show_story(run.log, "emil@busy.test")
     print(f"\n{'Everything came out as expected.' if not wrong else f'{wrong} things did not come out as expected.'}")
     if "--keep" in sys.argv:

@@ -19,7 +19,7 @@ bool ready(const WorkerState& worker) noexcept {
     return worker.idle() && !worker.retiring;
 }
 
-// The first worker is worth some patience; whoever has others goes on with them.
+// The first worker is worth some patience; with others at work, the run goes on with those.
 pid_t forkPatiently(bool first) {
     constexpr int kRetries = 3;
     constexpr std::chrono::milliseconds kPause{100};

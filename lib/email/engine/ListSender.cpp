@@ -16,7 +16,7 @@ using Queue = Email::QueuedMessage::Queue;
 
 namespace {
 
-// So many texts in a row that may not be opened are no fault of theirs.
+// When so many texts in a row may not be opened, the fault is this host's and not theirs.
 constexpr int kMostDenied = 10;
 
 // A message is the engine's only while it is being attempted, however that ends.
@@ -60,7 +60,7 @@ bool ListSender::Send(const FileName& entry, bool deferred, int traceLevel) {
         return true;
     }
     clear();
-    // Whoever is left in a list that could not be read stays unknown.
+    // Only a list that was read can be written back, without recipients, if it cannot be deleted.
     const Recipients* const head = result == SEND_FINISHED && deferred ? &recipients_ : nullptr;
     if (const Trouble trouble = message.remove(head)) {
         Email::writeLine(LogLine::DeleteFailed, {.message = message.text()(), .error = *trouble});
@@ -213,7 +213,8 @@ void ListSender::reportDeferred() {
     }
 }
 
-// A list that could not be rewritten keeps its old content: nobody is lost.
+// A list that cannot be rewritten keeps its old content: all on it are tried again, and those
+// served in the last conversation get a second copy.
 SendResult ListSender::rewriteDeferred(Email::QueuedMessage& message) {
     if (const Trouble trouble = message.rewrite(recipients_)) {
         tellTrouble(EV_RMD_REWRITE_FAILED, *trouble);

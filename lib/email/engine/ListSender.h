@@ -49,6 +49,10 @@ public:
     // Forgets the message: size, server, name and trace. The recipients stay.
     void clear() noexcept;
 
+    // --- Four ways to hand a message in. Their results differ, as the gateway's other programs
+    // expect them: true is good in the two that take an entry or a stream with its name, bad in the
+    // one that takes sender and recipient; in the core's SendResult the best is 0.
+
     // Delivers a message of a queue directory (the deferred one, or the outgoing one) and deletes
     // its files unless it is kept. A message whose text cannot be opened, or whose recipient file
     // cannot be read, is deleted too, unless it is this host that is short of descriptors or
@@ -62,7 +66,8 @@ public:
     // A text in memory; true unless its deferred copy could not be written.
     bool Send(std::istream& text, const char* name);
 
-    // A text in memory to one recipient, under a new "rjct" name. True when it was not finished.
+    // A text in memory to one recipient, under a new "rjct" name. True when it is not done
+    // with at once, whether it could be queued or not.
     bool Send(const char* sender, const char* recipient, std::istream& text);
 
     // One delivery pass. Recipients that were not delivered end in `failed` with their codes; true

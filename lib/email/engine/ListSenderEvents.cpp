@@ -12,7 +12,7 @@ using Email::LogLine;
 
 namespace {
 
-// Whoever raises these has written a line for each recipient that they speak for.
+// One such event speaks for several recipients; each has got a line of its own where it was raised.
 bool hasItsLines(eventId event) {
     return event == EV_DELIVERED || event == EV_RETURN_DELIVERED || event == EV_DEFERRED ||
            event == EV_NULL_SENDER_DROP;

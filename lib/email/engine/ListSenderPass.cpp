@@ -11,7 +11,8 @@
 using Email::LogLine;
 
 bool ListSender::SendOnce(MailList& failed, std::istream& text, bool deferred) {
-    // Once per pass: a step that fails without a code of its own leaves the one before it.
+    // One for all conversations of the pass: a step that fails and stores no code leaves that of
+    // the step before it, perhaps of the conversation before, as the recipient's result.
     SMTPcode code = COMMS_FAILED;
     const MXlookup::Pass pass;
     lookedAhead_ = false;
@@ -38,6 +39,8 @@ void ListSender::beforeConnecting(IPaddress server) {
     }
 }
 
+// The first recipient decides about the server. QUIT is said whatever happened, but its reply must
+// not replace the code.
 void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) {
     std::unique_ptr<EmailAddr> first = recipients_.Remove();
     const char* name = first->text();

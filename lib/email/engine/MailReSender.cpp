@@ -46,6 +46,7 @@ void MailReSender::tryFile(FileName* entry) {
         }
         return;
     }
+    // A recipient file falls out here by itself: nothing is called L.rmd.rmd.
     std::string lockFile = path.data();
     lockFile += QueuedMessage::listEnding(QueuedMessage::Queue::Deferred);
     try {
@@ -55,7 +56,8 @@ void MailReSender::tryFile(FileName* entry) {
     }
 }
 
-// Its files are as they were, or say whom it was done with; a later run may have more memory.
+// Its list is as it was, or as it was written in the middle of the attempt; a later run may have
+// more memory.
 void MailReSender::passOver(const FileName& entry) {
     listLock_ = nullptr;
     CloseTransport();

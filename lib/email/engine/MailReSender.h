@@ -1,7 +1,7 @@
 // The queue walker: offers every entry of the deferred spool once, under its lock, to the engine.
 //
-// A message is whatever has a recipient file: no entry is judged by its name, and nothing is sorted
-// or counted beforehand. Nothing that happens to one entry stops the walk.
+// A message is whatever has a recipient file, whatever its name looks like; nothing is sorted or
+// counted beforehand. Nothing that happens to one entry stops the walk.
 #pragma once
 
 #include "email/engine/ListSender.h"

@@ -2,9 +2,9 @@
 //
 // Its recipient file L.rmd stands under another name, L.rmd.hold-UID-TIME, which tells who put it
 // on hold, and when (seconds since the epoch). What makes L a message to a walker is a file L.rmd,
-// and the other name is no recipient file of anything: so each walker, of whatever age, passes it
-// over. Both ways it is one rename of the file that carries the lock. A crash leaves one name or
-// the other.
+// and the other name is no recipient file of anything: so every walker passes it over, also
+// one of an older version. Hold and release are one rename each of the file that carries the lock:
+// a crash leaves one name or the other.
 #pragma once
 
 #include <sys/types.h>

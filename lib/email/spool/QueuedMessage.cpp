@@ -105,7 +105,7 @@ Trouble QueuedMessage::read(Recipients& into, const MessageLock* held) const {
 
 Trouble QueuedMessage::secure(const Recipients& untried, const MailList& failed) {
     Trouble trouble;
-    if (served_) {
+    if (served_) { // else the list on disc still says who is left
         bytes_.clear();
         untried.appendTo(bytes_, failed);
         trouble = write(bytes_, &lock_);

@@ -3,10 +3,11 @@
 //
 //   file     | what it is
 //   L        | the text
-//   L.rmd    | in the deferred queue: the recipient file. It says at every moment whom nobody is
-//   done
-//            | with yet, makes L a message and carries the lock. In the outgoing spool: L.rcp
+//   L.rmd    | the recipient file (in the outgoing spool: L.rcp). It makes L a message, carries the
+//            | lock, and names at every moment at least those who have to be tried yet
 //   L.rmd~   | a recipient file being written, or room kept for it. Nobody reads it
+//
+// On hold, L.rmd has another name: Hold.h.
 //
 //   state    | L   | L.rmd | left by
 //   queued   | yes | yes   | a rename of L.rmd~ (the first list, or a newer one)
@@ -68,9 +69,9 @@ public:
     // To be called before each conversation, and before a return mail: writes the list anew if
     // somebody was served since it was written, and then keeps the room for the list that follows
     // when more than one recipient is left. So no conversation begins whose outcome could not be
-    // written down, and no run begins again with those whom an earlier one had served; whom a
-    // killed run was just serving gets a second copy. After a trouble the message must be left
-    // alone.
+    // written down, and a later run does not try those again who have the mail; if a run is killed,
+    // only the recipients of its last conversation may get a second copy. After a trouble the
+    // message must be left alone.
     [[nodiscard]] Trouble secure(const Recipients& untried, const MailList& failed);
     void noteServed() noexcept { served_ = true; }
     [[nodiscard]] bool stuck() const noexcept { return stuck_; }
@@ -99,7 +100,7 @@ public:
     // are gone afterwards.
     [[nodiscard]] Trouble writeFirstList(Recipients& recipients);
 
-    // Syncs the directory: the names outlive a power cut then.
+    // Syncs the directory, so that new names outlive a power cut.
     [[nodiscard]] Trouble sync() const;
 
 private:

@@ -25,7 +25,7 @@ enum class Stage : std::uint8_t { None, Connect, Greeting, Helo, Mail, Rcpt, Dat
 // The same for a time-out: "62 (no answer in 30 s)".
 [[nodiscard]] std::string noAnswer(int error, long seconds);
 
-// The texts are as they came from outside; whoever writes them out makes them safe.
+// The texts are as they came from outside; they are escaped where they are written out.
 struct Attempt {
     std::optional<IPaddress> server{}; // the last one tried; 0.0.0.0 is a server like any other
     Stage stage = Stage::None;         // how far it came: the step that was decisive

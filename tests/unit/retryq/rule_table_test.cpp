@@ -1,4 +1,4 @@
-// The rule table through the keeper's eyes.
+// The rule table as the administrator sees it.
 #include "email/site/mailscanGlobals.h"
 #include "retryq/Settings.h"
 #include "support/mail.h"
