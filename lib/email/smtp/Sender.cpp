@@ -391,7 +391,7 @@ bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
         code = TAKES_NO_MAIL;
         return false;
     }
-    if (n == -1 || (n >= 1 && list.count() == 0)) {
+    if (n == -1) {
         code = MXHOST_NOT_FOUND;
         return false;
     }

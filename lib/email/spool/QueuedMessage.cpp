@@ -105,14 +105,15 @@ Trouble QueuedMessage::read(Recipients& into, const MessageLock* held) const {
 
 Trouble QueuedMessage::secure(const Recipients& untried, const MailList& failed) {
     Trouble trouble;
+    std::size_t size = 0; // counted on the way: a walk over 100,000 records is no small thing
     if (served_) { // else the list on disc still says who is left
         bytes_.clear();
-        untried.appendTo(bytes_, failed);
+        size = untried.appendTo(bytes_, failed);
         trouble = write(bytes_, &lock_);
         served_ = trouble.has_value();
     }
     if (!trouble && !room_ && !atMostOne(untried, failed)) {
-        trouble = keepRoom(untried.textSize(failed));
+        trouble = keepRoom(size != 0 ? size : untried.textSize(failed));
     }
     stuck_ = trouble.has_value();
     return trouble;

@@ -16,9 +16,10 @@ namespace {
 
 using Email::BoundedLineReader;
 
-constexpr std::size_t kHeadLine = 63;      // characters of a time or count line
-constexpr std::size_t kAddressLine = 2047; // characters of a sender or recipient line
-constexpr mode_t kFileMode = 0664;         // before the umask
+constexpr std::size_t kHeadLine = 63;        // characters of a time or count line
+constexpr std::size_t kAddressLine = 2047;   // characters of a sender or recipient line
+constexpr std::size_t kTabCodeLineFeed = 13; // behind an address, at most
+constexpr mode_t kFileMode = 0664;           // before the umask
 
 template<std::size_t N>
 using LineBuffer = std::array<char, N + 1>;
@@ -146,14 +147,16 @@ void Recipients::appendHead(std::string& out, const DateTime& latest) const {
     out.append(1, '\n').append(sender.data()) += '\n';
 }
 
-void Recipients::appendTo(std::string& out, const MailList& failed) const {
-    out.reserve(out.size() + textSize(failed));
+std::size_t Recipients::appendTo(std::string& out, const MailList& failed) const {
+    std::size_t size = headSize();
     appendHead(out, previousTry);
     for (const MailList* list : {static_cast<const MailList*>(this), &failed}) {
         for (const EmailAddr* record = list->first(); record; record = record->next.get()) {
             appendRecord(out, *record);
+            size += record->size() + kTabCodeLineFeed;
         }
     }
+    return size;
 }
 
 void Recipients::takeTo(std::string& out) {
@@ -169,9 +172,12 @@ void Recipients::takeTo(std::string& out) {
     }
 }
 
+std::size_t Recipients::headSize() const noexcept {
+    return 2 * DateTime::kTextSize + kTabCodeLineFeed + std::strlen(sender.data());
+}
+
 std::size_t Recipients::textSize(const MailList& failed) const noexcept {
-    constexpr std::size_t kTabCodeLineFeed = 13;
-    std::size_t size = 2 * DateTime::kTextSize + kTabCodeLineFeed + std::strlen(sender.data());
+    std::size_t size = headSize();
     for (const MailList* list : {static_cast<const MailList*>(this), &failed}) {
         for (const EmailAddr* record = list->first(); record; record = record->next.get()) {
             size += record->size() + kTabCodeLineFeed;

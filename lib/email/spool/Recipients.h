@@ -33,8 +33,9 @@ public:
     bool OverWrite(const FileName& file);
 
     // Appends the full form as it stands, with those who failed behind those still to be tried:
-    // what a list that is written in the middle of an attempt says. No try is counted.
-    void appendTo(std::string& out, const MailList& failed) const;
+    // what a list that is written in the middle of an attempt says. No try is counted. Returns
+    // what textSize() would.
+    std::size_t appendTo(std::string& out, const MailList& failed) const;
     // Appends the full form at the end of an attempt: counts one try more and empties the list.
     void takeTo(std::string& out);
     // At least what either appends.
@@ -51,6 +52,7 @@ public:
 private:
     void readRecipients(Email::BoundedLineReader& in, bool full);
     void appendHead(std::string& out, const DateTime& latest) const;
+    [[nodiscard]] std::size_t headSize() const noexcept;
 
     std::array<char, EmailAddr::kTextSize> sender{};
     DateTime firstTry;

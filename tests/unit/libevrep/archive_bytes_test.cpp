@@ -151,6 +151,12 @@ TEST(Bag, CountsAKeyWithoutValueButDoesNotWriteIt) {
     EXPECT_EQ(copy(archive.Bytes()), hex("01 00 00 00 00 00 00 00 01 00 00 00"));
     EXPECT_EQ(empty.GetStorageSize(), 12U);
     EXPECT_EQ(empty.GetElementNumber(0), nullptr);
+    CPropertyBag texts = bag();
+    texts.Set(EPROP_PORT, "four");
+    texts.Set(EPROP_SIZE, L"wide");
+    CMemArchive whole;
+    texts.Write(whole);
+    EXPECT_EQ(texts.GetStorageSize(), whole.Bytes().size());
 }
 
 } // namespace
