@@ -3,6 +3,7 @@
 #include "email/dispatch/DestinationName.h"
 #include "email/engine/RetrySchedule.h"
 #include "email/site/mailscanGlobals.h"
+#include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
 
 #include <fcntl.h>
@@ -14,7 +15,8 @@ namespace Dispatch {
 
 namespace {
 
-constexpr std::string_view kListSuffix = ".rmd";
+using Email::QueuedMessage;
+constexpr QueuedMessage::Queue kDeferred = QueuedMessage::Queue::Deferred;
 
 } // namespace
 
@@ -35,7 +37,7 @@ std::string DueReader::nextEntry() {
         if (only_->empty() || !directory_) {
             return {};
         }
-        std::string entry = std::move(only_->back()).append(kListSuffix);
+        std::string entry = std::move(only_->back()).append(QueuedMessage::listEnding(kDeferred));
         only_->pop_back();
         return entry;
     }
@@ -49,11 +51,7 @@ DueReader::Found DueReader::next(DueMessage& message) {
         directory_.reset();
         return Found::End;
     }
-    std::string_view leaf = entry;
-    if (!leaf.ends_with(kListSuffix)) {
-        return Found::Nothing;
-    }
-    leaf.remove_suffix(kListSuffix.size());
+    const std::string_view leaf = QueuedMessage::messageOf(kDeferred, entry);
     // What a walker would not be shown as an entry of its own is no message.
     if (leaf.find_first_not_of('.') == std::string_view::npos || !hasText(leaf)) {
         return Found::Nothing;
@@ -71,7 +69,9 @@ bool DueReader::hasText(std::string_view leaf) const {
 
 DueReader::Found DueReader::judge(DueMessage& message) const {
     Recipients list;
-    if (!list.Read(FileName((path_ + message.leaf).append(kListSuffix).c_str()), true)) {
+    if (!list.Read(
+            FileName((path_ + message.leaf).append(QueuedMessage::listEnding(kDeferred)).c_str()),
+            true)) {
         return Found::Due; // the engine gives it up, or passes it over
     }
     const DateTime now(-1);
