@@ -46,7 +46,7 @@ int timerSignal() noexcept {
 struct Timer {
     timer_t id{};
     bool made = false;
-    pid_t process = 0; // a child does not inherit it
+    pid_t process = 0; // the one that it was made for: a child does not inherit it
 };
 
 // Made once, for each process. Not the delivery alarm's signal: that goes on meanwhile.
@@ -64,19 +64,23 @@ Timer makeTimer() noexcept {
     return timer;
 }
 
-const Timer& timer() noexcept {
-    static Timer made = makeTimer();
-    if (made.process != ::getpid()) {
-        made = makeTimer();
-    }
-    return made;
-}
+constinit Timer timer;
 
 bool start(int seconds) noexcept {
+    if (timer.process != ::getpid()) {
+        timer = makeTimer();
+    }
     itimerspec when{};
     when.it_value.tv_sec = seconds;
     when.it_interval.tv_nsec = kRepeatNs;
-    return timer().made && ::timer_settime(timer().id, 0, &when, nullptr) == 0;
+    return timer.made && ::timer_settime(timer.id, 0, &when, nullptr) == 0;
+}
+
+void stop() noexcept {
+    if (timer.made) {
+        const itimerspec never{};
+        ::timer_settime(timer.id, 0, &never, nullptr);
+    }
 }
 
 // The seconds that all attempts with all name servers take, those limited to what may be.
@@ -113,10 +117,7 @@ LookUpLimit::LookUpLimit(bool anySize) noexcept {
 LookUpLimit::~LookUpLimit() {
     const int saved = errno;
     asking = false;
-    if (timer().made) {
-        const itimerspec never{};
-        ::timer_settime(timer().id, 0, &never, nullptr);
-    }
+    stop();
     ::sigaction(SIGPIPE, &oldPipe_, nullptr);
     errno = saved;
 }

@@ -12,10 +12,21 @@ const char* fileOrNull(const std::string& name) noexcept {
     return name.empty() ? nullptr : name.c_str();
 }
 
+#ifdef RETRYER_TLS
+// By its name alone a program of the build finds the module that was built with it; an installed
+// one finds it where it was installed.
+void* openModule() {
+    constexpr int kHow = RTLD_NOW | RTLD_LOCAL;
+    void* const built = ::dlopen(kTlsModule, kHow);
+    return built != nullptr ? built
+                            : ::dlopen((std::string(RETRYER_TLS "/") + kTlsModule).c_str(), kHow);
+}
+#endif
+
 // The module is never unloaded: sessions and the library's own state live until the run ends.
 TlsEntry loadModule(std::string& trouble) {
 #ifdef RETRYER_TLS
-    void* const module = ::dlopen(kTlsModule, RTLD_NOW | RTLD_LOCAL);
+    void* const module = openModule();
     void* const entry = module == nullptr ? nullptr : ::dlsym(module, kTlsEntry);
     if (entry == nullptr) {
         const char* const reason = ::dlerror();
