@@ -1,10 +1,11 @@
-// One owner for one file descriptor, which is opened close-on-exec. Held otherwise: a message's
-// lock and the SMTP socket (theSocket, a member that other programs know), each by the class of its
-// own.
+// One owner for one file descriptor, which is opened close-on-exec, or for one open directory. Held
+// otherwise: only the SMTP socket, a member that other programs know (ExtSocketClass).
 #pragma once
 
+#include <dirent.h>
 #include <unistd.h>
 
+#include <memory>
 #include <utility>
 
 class UniqueFd {
@@ -42,3 +43,8 @@ public:
 private:
     int fd_ = -1;
 };
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { ::closedir(directory); }
+};
+using UniqueDirectory = std::unique_ptr<DIR, CloseDirectory>;

@@ -1,18 +1,18 @@
 #include "fwall/processStart.h"
 
+#include "fwall/UniqueFd.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
 
 void openStandardDescriptors() noexcept {
-    int fd = 0;
+    UniqueFd fd;
     do {
-        fd = ::open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= 2);
-    if (fd > 2) {
-        ::close(fd);
-    }
+        static_cast<void>(fd.release()); // 0 to 2 stay open
+        fd.reset(::open("/dev/null", O_RDWR));
+    } while (fd.valid() && fd.get() <= 2);
 }
 
 void ignoreWriteSignals() noexcept {

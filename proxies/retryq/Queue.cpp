@@ -31,11 +31,6 @@ std::string listOf(const std::string& leaf) {
     return std::string(leaf).append(QueuedMessage::listEnding(kDeferred));
 }
 
-struct CloseDirectory {
-    void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
 // A stamp's digits are universal time. `DateTime::Time` reads them as local time, which is off by
 // the zone's offset where a host does not keep UTC.
 std::time_t universal(const DateTime& time) noexcept {
@@ -157,7 +152,7 @@ QueuedMessage Queue::message(const std::string& leaf) const {
 }
 
 bool Queue::visit(const Visitor& visitor) const {
-    const Directory directory(::opendir(directory_.c_str()));
+    const UniqueDirectory directory(::opendir(directory_.c_str()));
     if (!directory) {
         return false;
     }
@@ -177,7 +172,7 @@ bool Queue::visit(const Visitor& visitor) const {
 }
 
 bool Queue::find(const std::string& leaf, Message& message, Recipients& recipients) const {
-    const Directory directory(::opendir(directory_.c_str()));
+    const UniqueDirectory directory(::opendir(directory_.c_str()));
     if (!directory || leaf.find('/') != std::string::npos || leaf.empty()) {
         return false;
     }

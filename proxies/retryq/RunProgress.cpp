@@ -1,6 +1,7 @@
 #include "retryq/RunProgress.h"
 
 #include "email/spool/QueuedMessage.h"
+#include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 
 #include <dirent.h>
@@ -63,9 +64,7 @@ std::string nameOf(const std::string& destination) {
 
 std::uint64_t countMessages(const std::string& directory) {
     using Email::QueuedMessage;
-    const std::unique_ptr<DIR, int (*)(DIR*)> spool(::opendir(directory.c_str()), [](DIR* open) {
-        return open == nullptr ? 0 : ::closedir(open);
-    });
+    const UniqueDirectory spool(::opendir(directory.c_str()));
     std::uint64_t count = 0;
     while (const dirent* entry = spool ? ::readdir(spool.get()) : nullptr) {
         const bool list =

@@ -237,17 +237,16 @@ private:
 
     std::vector<std::string> readNames() {
         std::vector<std::string> names;
-        DIR* const directory = ::opendir(report_.directory.c_str());
-        if (directory == nullptr) {
+        const UniqueDirectory directory(::opendir(report_.directory.c_str()));
+        if (!directory) {
             warn("cannot be read: " + errorText());
             return names;
         }
-        while (const dirent* entry = ::readdir(directory)) {
+        while (const dirent* entry = ::readdir(directory.get())) {
             if (std::string_view(entry->d_name).find_first_not_of('.') != std::string_view::npos) {
                 names.emplace_back(entry->d_name);
             }
         }
-        ::closedir(directory);
         std::ranges::sort(names);
         return names;
     }

@@ -1,4 +1,5 @@
 #include "email/spool/QueuedMessage.h"
+#include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/HeldLocks.h"
@@ -30,9 +31,7 @@ struct Row {
 
 // The messages whose lock somebody holds, with the process that took it.
 bool heldMessages(const Context& context, std::map<pid_t, std::vector<std::string>>& held) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> spool(
-        ::opendir(context.queue.directory().c_str()),
-        [](DIR* open) { return open == nullptr ? 0 : ::closedir(open); });
+    const UniqueDirectory spool(::opendir(context.queue.directory().c_str()));
     if (!spool) {
         return false;
     }

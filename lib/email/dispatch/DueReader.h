@@ -3,11 +3,9 @@
 #pragma once
 
 #include "email/dispatch/DueWindow.h"
-
-#include <dirent.h>
+#include "fwall/UniqueFd.h"
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,10 +27,6 @@ public:
     Found next(DueMessage& message);
 
 private:
-    struct Close {
-        void operator()(DIR* directory) const noexcept { ::closedir(directory); }
-    };
-
     [[nodiscard]] bool hasText(std::string_view leaf) const;
     Found judge(DueMessage& message) const;
 
@@ -40,7 +34,7 @@ private:
 
     std::string path_;                             // ends in "/"
     std::optional<std::vector<std::string>> only_; // the next one at the back
-    std::unique_ptr<DIR, Close> directory_;
+    UniqueDirectory directory_;
 };
 
 } // namespace Dispatch

@@ -3,8 +3,7 @@
 
 #include "email/base/Utils.h"
 #include "email/file/FileName.h"
-
-#include <dirent.h>
+#include "fwall/UniqueFd.h"
 
 #include <memory>
 
@@ -60,15 +59,11 @@ public:
     void close() noexcept;
 
 private:
-    struct Closer {
-        void operator()(DIR* dir) const noexcept { ::closedir(dir); }
-    };
-
     DIR* stream() noexcept;
     const char* nextName();
     const dirent* read(DIR* dir) noexcept;
 
-    std::unique_ptr<DIR, Closer> currentDir;
+    UniqueDirectory currentDir;
     filetype type_ = unknownfile; // of the open directory
     int error_ = 0;
     bool unopened_ = true;

@@ -95,6 +95,8 @@ public:
     static void test();
 
 protected:
+    // Closed by Close() and by the destructor; not in an owner of its own, since the gateway's
+    // other classes that derive from this one use the number.
     std::int32_t theSocket = -1;
 
 private:

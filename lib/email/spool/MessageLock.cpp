@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -29,18 +28,19 @@ MessageLock::MessageLock(const std::string& recipientFile) noexcept
 
 MessageLock::~MessageLock() {
     // Descriptor 0 never belongs to a message: it stands for a failure, and is left open.
-    if (fd_ > 0) {
-        ::close(fd_);
+    if (fd_.get() == 0) {
+        static_cast<void>(fd_.release());
     }
 }
 
 MessageLock::State MessageLock::acquire(const char* path) noexcept {
     struct stat opened {};
-    if (fd_ < 1 || ::fstat(fd_, &opened) != 0 || !S_ISREG(opened.st_mode)) {
-        error_ = fd_ < 1 ? errno : EINVAL;
+    const int fd = fd_.get();
+    if (fd < 1 || ::fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) {
+        error_ = fd < 1 ? errno : EINVAL;
         return State::NotOpened;
     }
-    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         return State::Busy;
     }
     // A walker replaces the file by rename: what was opened before that is no message any more,

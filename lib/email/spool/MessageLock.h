@@ -2,6 +2,8 @@
 // number of walkers, and other programs that honour it, may work on one spool.
 #pragma once
 
+#include "fwall/UniqueFd.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -28,13 +30,13 @@ public:
     [[nodiscard]] int error() const noexcept { return error_; } // errno
 
     // While it is held: the recipient file, open for reading, and its size in bytes.
-    [[nodiscard]] int fd() const noexcept { return fd_; }
+    [[nodiscard]] int fd() const noexcept { return fd_.get(); }
     [[nodiscard]] off_t size() const noexcept { return size_; }
 
 private:
     [[nodiscard]] State acquire(const char* path) noexcept;
 
-    int fd_;
+    UniqueFd fd_;
     int error_ = 0;
     off_t size_ = 0;
     State state_;

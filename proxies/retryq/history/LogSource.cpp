@@ -65,17 +65,17 @@ struct CloseGz {
 };
 
 // An open file for reading; a FIFO or device is refused and never waited for.
-int openRegular(const std::string& path) {
+UniqueFd openRegular(const std::string& path) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
-        return -1;
+        return {};
     }
     if (!S_ISREG(status.st_mode)) {
         errno = ENXIO;
-        return -1;
+        return {};
     }
-    return fd.release();
+    return fd;
 }
 
 // Runs journalctl with its output in a pipe. -1 when it cannot be run.
@@ -141,16 +141,17 @@ std::int64_t duration(std::string_view text) {
 } // namespace
 
 bool readLogFile(const std::string& path, const LineVisitor& visit) {
-    const int fd = openRegular(path);
-    if (fd < 0) {
+    UniqueFd fd = openRegular(path);
+    if (!fd.valid()) {
         return false;
     }
-    const std::unique_ptr<gzFile_s, CloseGz> file(::gzdopen(fd, "rb")); // plain text passes through
+    // Plain text passes through.
+    const std::unique_ptr<gzFile_s, CloseGz> file(::gzdopen(fd.get(), "rb"));
     if (!file) {
-        ::close(fd);
         errno = ENOMEM;
         return false;
     }
+    static_cast<void>(fd.release()); // `file` closes it
     ::gzbuffer(file.get(), kBlock);
     const auto room = std::make_unique_for_overwrite<char[]>(kBlock);
     LineCutter cutter(visit);
