@@ -78,7 +78,7 @@ std::string resultText(std::int32_t code) {
         return "not tried yet";
     }
     if (code >= 200 && code <= 299) {
-        return "accepted";
+        return "Unexpected reply"; // an accepted one is in the queue no more
     }
     std::string text = smtpString(static_cast<SMTPcode>(code));
     text.resize(std::min(text.find(" [SMTP"), text.size()));

@@ -20,7 +20,7 @@ namespace Retryq {
 [[nodiscard]] std::string isoTimeText(std::time_t time);
 
 // A recipient's result in words, without the gateway's trailing remark: "not tried yet", "Mail
-// Server is down or unreachable", "accepted".
+// Server is down or unreachable", "Unexpected reply" (a code of 2xx that did not count).
 [[nodiscard]] std::string resultText(std::int32_t code);
 
 // The result's number and words: "450 Requested mail action ...", or words alone for -1.

@@ -20,6 +20,7 @@ TEST(Text, DurationsSizesAndResults) {
         {durationText(172799), "47h"}, {durationText(172800), "2d"},
         {sizeText(1023), "1023"}, {sizeText(1024), "1.0K"}, {sizeText(10240), "10K"},
         {sizeText(std::int64_t{5} << 40), "5.0T"}, {codeAndText(-1), "not tried yet"},
+        {codeAndText(250), "250 Unexpected reply"},
         {codeAndText(1001), "1001 Mail Server is down or unreachable"},
         {codeAndText(450), "450 Requested mail action not taken: mailbox unavailable"}};
     // clang-format on
