@@ -53,7 +53,8 @@ void configure(const Arguments& arguments) {
 void tellEnd(const Email::RunCounts& counts, std::chrono::steady_clock::time_point start) {
     const auto passed = std::chrono::steady_clock::now() - start;
     if (counts.entries > 0) {
-        tellRunEnd(counts, std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(passed).count();
+        tellRunEnd(counts, static_cast<long>(seconds));
     }
 }
 

@@ -170,7 +170,7 @@ private:
     }
 
     // One recipient off the list; a message that nobody is left of goes as a whole.
-    bool removeRecipient(Message& message) {
+    bool removeRecipient(const Message& message) {
         const std::string path = context_.queue.recipientPath(message.leaf);
         if (message.hold) {
             return fail(message.leaf, "is on hold: release it first");

@@ -1,7 +1,7 @@
 # Debian packages for the tools; sourced. Needs $root, the source tree.
 
 BUILD_PACKAGES="g++ cmake ninja-build libc6-dev libcli11-dev libssl-dev nlohmann-json3-dev zlib1g-dev"
-TEST_PACKAGES="googletest clang libclang-rt-14-dev g++-multilib ccache"
+TEST_PACKAGES="googletest clang libclang-rt-14-dev g++-multilib lib32z1-dev ccache"
 WORLD_PACKAGES="python3 iproute2 dnsmasq-base mount openssl util-linux"
 
 export PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain user's has none of these

@@ -239,7 +239,7 @@ void Dispatcher::wait(int milliseconds) {
     const std::int64_t before = std::exchange(now_, seconds());
     for (std::size_t i = 1; i < watched.size(); ++i) {
         if (failed || watched[i].revents != 0) {
-            hear(*whose[i]);
+            hear(*whose.at(i));
         }
     }
     takeSignals();

@@ -56,11 +56,12 @@ WorkerState* WorkerPool::find() {
 }
 
 WorkerState* WorkerPool::start() {
-    auto [ours, theirs] = WorkerChannel::pair();
+    std::pair<WorkerChannel, WorkerChannel> ends = WorkerChannel::pair();
+    WorkerChannel& ours = ends.first;
     const pid_t pid = ours.open() ? forkPatiently(workers_.empty()) : -1;
     if (pid == 0) {
         ours.close();
-        become(theirs);
+        become(ends.second);
     }
     if (pid < 0) {
         most_ = static_cast<int>(workers_.size());
@@ -76,7 +77,7 @@ WorkerState* WorkerPool::start() {
 // A worker that kept another's socket open would hide from it that the dispatcher is gone. An
 // interrupt from the terminal is for the dispatcher, which ends the run in order. Nothing of what
 // the dispatcher has buffered may be written a second time: no exit handlers.
-void WorkerPool::become(WorkerChannel& own) {
+void WorkerPool::become(const WorkerChannel& own) {
     for (WorkerState& worker : workers_) {
         worker.channel.close();
     }

@@ -64,7 +64,7 @@ public:
 
 private:
     WorkerState* start();
-    [[noreturn]] void become(WorkerChannel& own);
+    [[noreturn]] void become(const WorkerChannel& own);
 
     int most_;
     sigset_t mask_;

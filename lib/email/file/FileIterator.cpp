@@ -32,6 +32,8 @@ FileIterator::FileIterator(const FileName& parent, const FileName& leaf, const c
 
 FileIterator::FileIterator(const FileName& name, const char* suffix) : FileName(name, suffix) {}
 
+// What the other one has read stays its own; this one begins anew.
+// cppcheck-suppress operatorEqVarError
 FileIterator& FileIterator::operator=(const FileIterator& other) {
     FileName::operator=(other);
     Reset();

@@ -131,7 +131,7 @@ bool FileReplacement::write(std::string_view bytes) noexcept {
            sync(fd_.get());
 }
 
-bool FileReplacement::release(UniqueFd* lock) noexcept {
+bool FileReplacement::release(const UniqueFd* lock) noexcept {
     return lock == nullptr ? fd_.close() : ::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
 }
 

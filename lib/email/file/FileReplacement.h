@@ -51,7 +51,7 @@ public:
 
 private:
     [[nodiscard]] bool write(std::string_view bytes) noexcept;
-    [[nodiscard]] bool release(UniqueFd* lock) noexcept;
+    [[nodiscard]] bool release(const UniqueFd* lock) noexcept;
     void discard() noexcept;
 
     std::string target_;

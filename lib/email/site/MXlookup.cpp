@@ -100,6 +100,7 @@ MXlookup::Pass::~Pass() {
 }
 
 bool MXlookup::mayAnswer(const char* domain) {
+    // cppcheck-suppress knownConditionTrueFalse ; ServerWaits sets it
     return !serverWaits_ || isLiteral(domain) ||
            cache().find(domain, IPaddressList::kCapacity) != nullptr;
 }
