@@ -6,6 +6,7 @@
 #include "email/site/MxAnswer.h"
 #include "email/site/TlsPolicy.h"
 #include "email/site/mailscanGlobals.h"
+#include "email/smtp/Destination.h"
 #include "email/spool/EmailAddr.h"
 #include "fwall/hexesc.h"
 
@@ -23,7 +24,6 @@ namespace Retryq {
 
 namespace {
 
-constexpr int kMailPort = 25;
 constexpr int kClassIN = 1;
 constexpr int kTypeMX = 15;
 constexpr std::size_t kShown = 256;
@@ -126,25 +126,28 @@ public:
     }
 
     Route find() {
-        std::array<char, EmailAddr::kDomainSize> domain{};
-        if (!rcpt_.GetDomain(domain.data())) {
+        using Kind = Email::Destination::Kind;
+        const Email::Destination to = Email::Destination::of(rcpt_);
+        if (to.kind == Kind::NoDomain) {
             return refuse("the address has no domain");
         }
-        domain_ = domain.data();
+        domain_ = to.domain.data();
         route_.domain = domain_;
-        const bool direct = rcpt_.CheckForDirectSend();
-        const int port = direct ? mailscanGlobals::mailSendPort : kMailPort;
-        if (isThisHost(direct ? HostList::hostName() : domain_.c_str()) &&
-            port == mailscanGlobals::mailReadPort) {
+        if (to.kind == Kind::ThisHost) {
             return refuse("the destination is this host, whose own proxy listens on that port "
                           "(bind-port)");
         }
-        if (direct) {
-            addDirect(port);
+        if (to.kind == Kind::Direct) {
+            addDirect(to.port);
         } else if (Email::tlsPolicy().wanted()) {
             route_.tls = tlsWord(Email::tlsPolicy().levelFor(domain_.c_str()));
         }
-        search(direct);
+        route_.failing = kWaits;
+        if (to.kind == Kind::Literal) {
+            addLiteral();
+        } else {
+            search(to.direct);
+        }
         return std::move(route_);
     }
 
@@ -153,12 +156,6 @@ private:
         route_.refused = why;
         route_.failing = kReturned;
         return std::move(route_);
-    }
-
-    // Either name beginning with the other one is enough, case counting: so the client judges.
-    static bool isThisHost(std::string_view domain) noexcept {
-        const std::string_view host = HostList::hostName();
-        return domain.starts_with(host) || host.starts_with(domain);
     }
 
     void addDirect(int port) {
@@ -170,11 +167,6 @@ private:
     }
 
     void search(bool direct) {
-        route_.failing = kWaits;
-        if (!direct && domain_.find_first_not_of("[0123456789.]") == std::string::npos) {
-            addLiteral();
-            return;
-        }
         if (!direct && addRelays("domain-relay")) {
             return;
         }

@@ -8,6 +8,7 @@
 #include "email/site/MXlookup.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/smtp/BodyShaper.h"
+#include "email/smtp/Destination.h"
 #include "email/smtp/ReplyLine.h"
 
 #include <arpa/inet.h>
@@ -27,7 +28,6 @@
 namespace {
 
 constexpr const char* kUnit = "lib/email/Sender";
-constexpr int kMailPort = 25;
 constexpr long kQuitLimitMs = 1000;
 
 constexpr long kConnectLimit = 30; // seconds, as ExtSocketClass waits
@@ -70,10 +70,6 @@ std::string_view makeLine(std::array<char, Sender::kCommandLimit>& line, std::st
     *end++ = '\r';
     *end = '\n';
     return {line.data(), length};
-}
-
-bool beginsWithShorter(std::string_view a, std::string_view b) noexcept {
-    return a.starts_with(b) || b.starts_with(a);
 }
 
 } // namespace
@@ -280,17 +276,11 @@ bool Sender::tryRelays(DomainRelay& relays, const char* domain, bool& tried) {
         return false;
     }
     logEvent(EV_RELAY_FOUND, nullptr, 0);
-    if (tryOpen(list, kMailPort)) {
+    if (tryOpen(list, Email::kMailPort)) {
         return true;
     }
     logEvent(EV_RELAYS_FAILED, nullptr, 0);
     return false;
-}
-
-// The names count as one when either begins with the other; case matters. Mail that would come back
-// through the local proxy's own port is refused, also on the name alone.
-bool Sender::isThisHost(const char* domain, int port) const noexcept {
-    return beginsWithShorter(domain, HostList::hostName()) && port == mailscanGlobals::mailReadPort;
 }
 
 bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
@@ -302,47 +292,46 @@ bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
 }
 
 bool Sender::findServer(SMTPcode& code, EmailAddr& rcpt) {
-    const bool direct = rcpt.CheckForDirectSend();
-    const int port = direct ? mailscanGlobals::mailSendPort : kMailPort;
+    using Kind = Email::Destination::Kind;
+    const Email::Destination to = Email::Destination::of(rcpt);
     if (CommandTimeOut()) {
         code = TIMEOUTEXPIRED;
         return false;
     }
     code = COMMS_FAILED;
     logEvent(EV_CHOOSE_SERVER, nullptr, 0);
-    std::array<char, EmailAddr::kDomainSize> rcptDomain{};
-    if (!rcpt.GetDomain(rcptDomain.data())) {
+    if (to.kind == Kind::NoDomain) {
         logEvent(EV_BAD_DOMAIN, nullptr, 0);
         code = BADHOSTNAME;
         return false;
     }
-    if (direct) {
+    if (to.direct) {
         logEvent(EV_DIRECT, nullptr, 0);
     }
-    const char* domain = direct ? HostList::hostName() : rcptDomain.data();
+    domain_ = to.asked();
     // A direct send goes to the gateway's own server.
-    level_ = direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(domain);
-    domain_ = domain;
-    if (isThisHost(domain, port)) {
+    level_ = to.direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(to.asked());
+    switch (to.kind) {
+    case Kind::ThisHost:
         logEvent(EV_SELF_SEND, nullptr, 0);
         code = SELFSEND;
         return false;
-    }
-    if (direct) {
-        IPaddressList loopback;
-        loopback.Add(IPaddress::loopback);
-        if (tryOpen(loopback, port)) {
-            return true;
-        }
-    } else if (HostList::onlyLiteralCharacters(domain)) {
+    case Kind::Literal:
         return openLiteral(rcpt);
+    default:
+        return (to.direct && openDirect(to.port)) || openRouted(code, to.asked(), rcpt, to.direct);
     }
-    return openRouted(code, domain, rcpt, direct);
+}
+
+bool Sender::openDirect(int port) {
+    IPaddressList loopback;
+    loopback.Add(IPaddress::loopback);
+    return tryOpen(loopback, port);
 }
 
 bool Sender::openLiteral(EmailAddr& rcpt) {
     IPaddressList list;
-    return exchangersOf(rcpt, list) >= 1 && tryOpen(list, kMailPort);
+    return exchangersOf(rcpt, list) >= 1 && tryOpen(list, Email::kMailPort);
 }
 
 bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct) {
@@ -395,7 +384,7 @@ bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
         code = MXHOST_NOT_FOUND;
         return false;
     }
-    return tryOpen(list, kMailPort);
+    return tryOpen(list, Email::kMailPort);
 }
 
 bool Sender::command(Stage stage, const char* cmd, const char* arg, long timeoutSecs,

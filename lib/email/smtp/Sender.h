@@ -148,7 +148,7 @@ private:
 
     int openSocket(IPaddress address, int port) noexcept;
     bool tryAddress(IPaddress address, int port);
-    bool isThisHost(const char* domain, int port) const noexcept;
+    bool openDirect(int port);
     int exchangersOf(EmailAddr& rcpt, IPaddressList& list);
     bool openLiteral(EmailAddr& rcpt);
     bool openExchangers(SMTPcode& code, EmailAddr& rcpt);
