@@ -134,7 +134,8 @@ def failing(scratch, fault, early, file, usual, usual_log, args=(), how={}):
     ledger = Ledger(scene).check_accounted()
     faults = ledger.faults
     stopped = bool(run.lines(" run-stopped ")) if fault[-1].endswith("+") else 0  # a short shortage is waited out
-    if run.status != stopped and not (early and not scene.mails() and scene.world.spool() == before):
+    untold = bool(args) and fault[1] == "trace=write" and run.status == 1  # retryq's own words met the fault
+    if run.status != stopped and not untold and not (early and not scene.mails() and scene.world.spool() == before):
         faults.append(f"the run ended with {run.status}: {run.out}")
     moved = {RECIPIENTS[rcpt] for rcpt, place in ledger.places().items() if place != usual[rcpt]}
     moved |= {RECIPIENTS[rcpt] for rcpt in ledger.copies if rcpt in ledger.kept}

@@ -188,7 +188,7 @@ void Dispatcher::give(WorkerState& worker, DueMessage message) {
     worker.talk = destinations_.begin(message.destination, now_);
     if (!worker.channel.send(encode(order), WorkerChannel::Wait::No)) {
         worker.retiring = true;
-        worker.channel.close();
+        worker.channel.end();
     }
 }
 
@@ -274,7 +274,7 @@ void Dispatcher::hear(WorkerState& worker) {
         const auto record = worker.channel.receive(WorkerChannel::Wait::No);
         if (!record) {
             worker.retiring = true;
-            worker.channel.close();
+            worker.channel.end();
         } else if (record->empty()) {
             return;
         } else if (const auto report = decodeReport(*record)) {

@@ -151,6 +151,11 @@ std::pair<WorkerChannel, WorkerChannel> WorkerChannel::pair() noexcept {
     return {WorkerChannel(UniqueFd(fds[0])), WorkerChannel(UniqueFd(fds[1]))};
 }
 
+void WorkerChannel::end() noexcept {
+    ::shutdown(fd_.get(), SHUT_RDWR);
+    close();
+}
+
 bool WorkerChannel::send(std::string_view record, Wait wait) const noexcept {
     const int flags = MSG_NOSIGNAL | (wait == Wait::No ? MSG_DONTWAIT : 0);
     ssize_t sent = -1;

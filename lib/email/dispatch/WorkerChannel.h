@@ -83,7 +83,10 @@ public:
 
     [[nodiscard]] int fd() const noexcept { return fd_.get(); }
     [[nodiscard]] bool open() const noexcept { return fd_.valid(); }
+    // This process's hold on it only.
     void close() noexcept { fd_.reset(); }
+    // Ends the talk: the other end hears it also while some process still holds a copy of this one.
+    void end() noexcept;
 
     enum class Wait { No, Yes };
     // False when the other end is closed, or, without waiting, has no room. Raises no signal.

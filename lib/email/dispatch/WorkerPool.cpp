@@ -35,7 +35,7 @@ pid_t forkPatiently(bool first) {
 
 WorkerPool::~WorkerPool() {
     for (WorkerState& worker : workers_) {
-        worker.channel.close();
+        worker.channel.end();
     }
     for (const WorkerState& worker : workers_) {
         while (::waitpid(worker.pid, nullptr, 0) < 0 && errno == EINTR) {
@@ -89,7 +89,7 @@ void WorkerPool::become(const WorkerChannel& own) {
 void WorkerPool::releaseIdle(std::int64_t time) {
     for (WorkerState& worker : workers_) {
         if (worker.idle() && worker.since <= time) {
-            worker.channel.close();
+            worker.channel.end();
         }
     }
 }
@@ -97,7 +97,7 @@ void WorkerPool::releaseIdle(std::int64_t time) {
 void WorkerPool::release(WorkerState& worker) noexcept {
     worker.retiring = true;
     if (worker.idle()) {
-        worker.channel.close();
+        worker.channel.end();
     }
 }
 

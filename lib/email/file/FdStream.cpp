@@ -33,10 +33,10 @@ bool isShortage(int error) noexcept {
     return error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
-int openPatiently(const char* path, int flags) noexcept {
+int openPatiently(const char* path, int flags, mode_t mode) noexcept {
     int fd = -1;
     patiently([&]() noexcept {
-        fd = ::open(path, flags);
+        fd = ::open(path, flags, mode);
         return fd >= 0;
     });
     return fd;

@@ -23,7 +23,7 @@ struct OpenedText {
 [[nodiscard]] bool isShortage(int error) noexcept;
 
 // open(2), tried three times more, 100 ms apart, after EINTR and a shortage. -1 with errno.
-[[nodiscard]] int openPatiently(const char* path, int flags) noexcept;
+[[nodiscard]] int openPatiently(const char* path, int flags, mode_t mode = 0) noexcept;
 
 // Opens a regular file or a directory (whose reading then fails with EISDIR). A FIFO, socket or
 // device is refused with ENXIO and never waited for. Opened patiently.

@@ -1,5 +1,7 @@
 #include "email/file/FileReplacement.h"
 
+#include "email/file/FdStream.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -17,16 +19,16 @@ constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 
 // A file that this program could not have opened for writing is not replaced either.
 bool writable(const char* path) noexcept {
-    return UniqueFd(::open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK)).valid();
+    return UniqueFd(openPatiently(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK)).valid();
 }
 
 int createFresh(const char* path, mode_t mode, FileReplacement::LeftOver leftOver) noexcept {
-    const int fd = ::open(path, kNew, mode);
+    const int fd = openPatiently(path, kNew, mode);
     if (fd >= 0 || errno != EEXIST || leftOver == FileReplacement::LeftOver::Keep ||
         ::unlink(path) != 0) {
         return fd;
     }
-    return ::open(path, kNew, mode);
+    return openPatiently(path, kNew, mode);
 }
 
 // As far as the system allows it: another program of the gateway may share the spool by its group.

@@ -197,7 +197,7 @@ Trouble QueuedMessage::remove(const Recipients* head) {
 }
 
 Trouble QueuedMessage::store(std::istream& text) const {
-    UniqueFd fd(::open(text_(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    UniqueFd fd(openPatiently(text_(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (!fd.valid()) {
         return errno;
     }
