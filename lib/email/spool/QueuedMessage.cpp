@@ -106,7 +106,7 @@ Trouble QueuedMessage::read(Recipients& into, const MessageLock* held) const {
 Trouble QueuedMessage::secure(const Recipients& untried, const MailList& failed) {
     Trouble trouble;
     std::size_t size = 0; // counted on the way: a walk over 100,000 records is no small thing
-    if (served_) { // else the list on disc still says who is left
+    if (served_) {        // else the list on disc still says who is left
         bytes_.clear();
         size = untried.appendTo(bytes_, failed);
         trouble = write(bytes_, &lock_);

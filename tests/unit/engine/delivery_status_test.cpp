@@ -43,7 +43,8 @@ TEST(DeliveryStatus, StatusIsTheServersOwnOrFollowsFromTheCode) {
         {1001, "", "4.4.7"},
         {1002, "", "5.1.2"},
         {1003, "", "5.1.3"},
-        {1004, "", "5.4.6"}, {1007, "", "5.1.10"}};
+        {1004, "", "5.4.6"},
+        {1007, "", "5.1.10"}};
     for (const auto& [code, reply, status] : cases) {
         EXPECT_EQ(Email::statusOf(static_cast<SMTPcode>(code), reply), status) << code << reply;
     }

@@ -1,6 +1,6 @@
 // How things are written, and the rewriting of a recipient file's text.
-#include "retryq/ListText.h"
 #include "retryq/Format.h"
+#include "retryq/ListText.h"
 #include "retryq/Table.h"
 
 #include <gtest/gtest.h>

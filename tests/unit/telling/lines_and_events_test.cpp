@@ -17,8 +17,11 @@ TEST(LogLines, HoldTheirFieldsInOrderAndLeaveOutTheMissingAndCannotBeForged) {
                                 .stage = Email::Stage::Dot,
                                 .error = Email::noAnswer(62, 30)};
     const Email::Attempt leftOut{.leftOut = "blacklist:127.0.0.2,127.0.0.3"};
-    const Email::Attempt served{
-        .server = IPaddress(0x0100007FU), .stage = Email::Stage::Dot, .reply = "250 ok", .tls = "TLSv1.3/X", .verified = "no"};
+    const Email::Attempt served{.server = IPaddress(0x0100007FU),
+                                .stage = Email::Stage::Dot,
+                                .reply = "250 ok",
+                                .tls = "TLSv1.3/X",
+                                .verified = "no"};
     // clang-format off
     const std::tuple<LogLine, Email::LogFields, std::string> cases[] = {
         {LogLine::Delivered,
