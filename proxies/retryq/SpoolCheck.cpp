@@ -308,7 +308,7 @@ MessageFault recipientFileFault(const std::string& path, bool full) {
     if (text.peek() == std::istream::traits_type::eof()) {
         return {"is empty: the message will be removed", kRemoved};
     }
-    const MessageFault head = full ? headFault(text) : MessageFault();
+    MessageFault head = full ? headFault(text) : MessageFault();
     Recipients recipients;
     if (head.fate == kRemoved) {
         return head;

@@ -15,7 +15,7 @@ struct HourBar {
 
 // A bar for each hour from the first to the last, also for those without mail; of more than
 // kMostBars hours the last ones.
-inline constexpr std::size_t kMostBars = 24 * 14;
+inline constexpr std::size_t kMostBars = std::size_t{24} * 14;
 [[nodiscard]] std::vector<HourBar> hourBars(const std::map<std::time_t, Outcomes>& hours);
 
 // "2026-11-21 14h", local.
