@@ -185,6 +185,7 @@ int who(const Context& context) {
                                  {"SERVER", 6},
                                  {"STAGE", 8, false, Fit::Wrap}});
     std::vector<std::vector<std::string>> cells;
+    cells.reserve(rows.size());
     for (const Row& row : rows) {
         cells.push_back(cellsOf(context, row));
     }
