@@ -57,11 +57,11 @@ Timer makeTimer() noexcept {
     sigevent event{};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = timerSignal();
-    Timer timer;
-    timer.process = ::getpid();
-    timer.made = ::sigaction(timerSignal(), &action, nullptr) == 0 &&
-                 ::timer_create(CLOCK_MONOTONIC, &event, &timer.id) == 0;
-    return timer;
+    Timer fresh;
+    fresh.process = ::getpid();
+    fresh.made = ::sigaction(timerSignal(), &action, nullptr) == 0 &&
+                 ::timer_create(CLOCK_MONOTONIC, &event, &fresh.id) == 0;
+    return fresh;
 }
 
 constinit Timer timer;
