@@ -2,10 +2,12 @@
 #include "email/site/HostList.h"
 #include "email/site/MxAnswer.h"
 #include "email/site/Resolver.h"
+#include "email/site/TlsaAnswer.h"
 #include "fuzz.h"
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -13,6 +15,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::vector<unsigned char> message(data, data + size);
     const auto exchangers = Email::readExchangers(message);
     require(!exchangers || exchangers->size() <= Email::kMostExchangers);
+    const auto tlsa = Email::readTlsa(message);
+    require(!tlsa || tlsa->size() <= Email::kMostTlsa);
+    for (const std::string& record : tlsa.value_or(std::vector<std::string>())) {
+        require(record.size() < size && (Email::isUsableTlsa(record) ? record.size() > 3 : true));
+        require(Email::tlsaText(record).size() < 40);
+    }
     char* names[Resolver::kMaxExchangers] = {};
     int prefs[Resolver::kMaxExchangers] = {};
     int n = Resolver::kMaxExchangers;

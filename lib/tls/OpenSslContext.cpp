@@ -34,7 +34,8 @@ private:
 
 Context makeContext() noexcept {
     Context context(SSL_CTX_new(TLS_client_method()));
-    if (context == nullptr || SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
+    if (context == nullptr || SSL_CTX_dane_enable(context.get()) != 1 ||
+        SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION) != 1) {
         return nullptr;
     }
     SSL_CTX_set_options(context.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
@@ -67,7 +68,7 @@ std::string complaint(const char* file) {
 } // namespace Email
 
 extern "C" __attribute__((visibility("default"))) Email::TlsContext*
-retryerTlsOpen1(const char* authorities, const char* certificate, std::string& trouble) {
+retryerTlsOpen2(const char* authorities, const char* certificate, std::string& trouble) {
     ERR_clear_error();
     Email::Context context = Email::makeContext();
     if (context == nullptr) {

@@ -14,6 +14,8 @@ namespace Email {
 
 namespace {
 
+constexpr std::size_t kTlsaFixed = 3; // usage, selector, matching type
+
 bool isAddress(const std::string& name) noexcept {
     in_addr unused{};
     return ::inet_pton(AF_INET, name.c_str(), &unused) == 1;
@@ -37,12 +39,14 @@ OpenSslSession::OpenSslSession(SSL_CTX* context, int socket, const TlsTarget& ta
 
 bool OpenSslSession::prepare(int socket, const TlsTarget& target) noexcept {
     BIO* const bio = newSocketBio(socket);
-    if (bio == nullptr || (!expect(target.name) && target.verify)) {
+    bool strict = target.verify;
+    const bool named = target.tlsa.empty() ? expect(target.name) : holdTo(target, strict);
+    if (bio == nullptr || (!named && (strict || !target.tlsa.empty()))) {
         BIO_free(bio);
         return false;
     }
     SSL_set_bio(ssl_.get(), bio, bio); // which owns it from here on
-    SSL_set_verify(ssl_.get(), SSL_VERIFY_PEER, target.verify ? nullptr : acceptAnybody);
+    SSL_set_verify(ssl_.get(), SSL_VERIFY_PEER, strict ? nullptr : acceptAnybody);
     SSL_set_connect_state(ssl_.get());
     return true;
 }
@@ -57,6 +61,31 @@ bool OpenSslSession::expect(const std::string& full) noexcept {
     X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     return !name.empty() && askFor(ssl_.get(), name) &&
            X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size()) == 1;
+}
+
+// A record that names the server's own certificate says all: neither name nor date are looked at
+// (RFC 7672, 3.1.1). `strict` when there is a record that can be used.
+bool OpenSslSession::holdTo(const TlsTarget& target, bool& strict) noexcept {
+    SSL* const ssl = ssl_.get();
+    if (SSL_dane_enable(ssl, target.name.c_str()) <= 0) {
+        return false;
+    }
+    SSL_dane_set_flags(ssl, DANE_FLAG_NO_DANE_EE_NAMECHECKS);
+    SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    for (const std::string& other : target.otherNames) {
+        if (SSL_add1_host(ssl, other.c_str()) != 1) {
+            return false;
+        }
+    }
+    for (const std::string& record : target.tlsa) {
+        const auto* const bytes = reinterpret_cast<const unsigned char*>(record.data());
+        const int added = record.size() <= kTlsaFixed
+                              ? 0
+                              : SSL_dane_tlsa_add(ssl, bytes[0], bytes[1], bytes[2],
+                                                  bytes + kTlsaFixed, record.size() - kTlsaFixed);
+        strict = strict || added > 0;
+    }
+    return true;
 }
 
 TlsResult OpenSslSession::judge(int result) {
@@ -123,9 +152,13 @@ std::string OpenSslSession::protocol() const {
     return std::string(SSL_get_version(ssl_.get())) + "/" + SSL_get_cipher_name(ssl_.get());
 }
 
-bool OpenSslSession::verified() const noexcept {
-    return SSL_get0_peer_certificate(ssl_.get()) != nullptr &&
-           SSL_get_verify_result(ssl_.get()) == X509_V_OK;
+TlsProof OpenSslSession::proof() const noexcept {
+    if (SSL_get0_peer_certificate(ssl_.get()) == nullptr ||
+        SSL_get_verify_result(ssl_.get()) != X509_V_OK) {
+        return TlsProof::None;
+    }
+    return SSL_get0_dane_authority(ssl_.get(), nullptr, nullptr) < 0 ? TlsProof::Authority
+                                                                     : TlsProof::Dane;
 }
 
 } // namespace Email

@@ -23,7 +23,7 @@ public:
     TlsResult write(const char* from, std::size_t size, std::size_t& done) noexcept override;
     void close() noexcept override;
     [[nodiscard]] std::string protocol() const override;
-    [[nodiscard]] bool verified() const noexcept override;
+    [[nodiscard]] TlsProof proof() const noexcept override;
     [[nodiscard]] std::string trouble() const override { return trouble_; }
 
 private:
@@ -32,6 +32,7 @@ private:
     };
     bool prepare(int socket, const TlsTarget& target) noexcept;
     bool expect(const std::string& name) noexcept;
+    bool holdTo(const TlsTarget& target, bool& strict) noexcept;
     TlsResult judge(int result);
     void tellTrouble(int error);
 

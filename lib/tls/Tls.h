@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Email {
 
@@ -23,6 +24,18 @@ enum class TlsResult {
 struct TlsTarget {
     std::string name;    // the server's name, asked for (SNI) and verified; or its dotted address
     bool verify = false; // the handshake fails unless chain and name are good
+    // With any, the handshake fails unless one of them matches (RFC 7671), whatever the store
+    // holds; as on the wire, a byte each for usage, selector and matching type in front. When none
+    // can be used, anybody will do.
+    std::vector<std::string> tlsa{};
+    std::vector<std::string> otherNames{}; // that a certificate may also have, where `tlsa` asks
+};
+
+// Who the peer was found to be.
+enum class TlsProof {
+    None,      // anybody
+    Authority, // chain and name are good
+    Dane,      // it matches one of the target's records
 };
 
 // One session over a connected socket, which it neither owns nor waits for.
@@ -44,10 +57,10 @@ public:
     // Tells the peer that nothing more will come, if that can be done at once.
     virtual void close() noexcept = 0;
 
-    // After the handshake: "TLSv1.3/TLS_AES_256_GCM_SHA384", and whether chain and name are good,
-    // which is found out even where it is not asked for.
+    // After the handshake: "TLSv1.3/TLS_AES_256_GCM_SHA384", and who the peer is, which is found
+    // out even where it is not asked for.
     [[nodiscard]] virtual std::string protocol() const = 0;
-    [[nodiscard]] virtual bool verified() const noexcept = 0;
+    [[nodiscard]] virtual TlsProof proof() const noexcept = 0;
 
     // Why a step failed, in a few printable words.
     [[nodiscard]] virtual std::string trouble() const = 0;
@@ -92,6 +105,6 @@ public:
 using TlsEntry = TlsContext* (*)(const char* authorities, const char* certificate,
                                  std::string& trouble);
 inline constexpr const char* kTlsModule = "retryer-tls.so";
-inline constexpr const char* kTlsEntry = "retryerTlsOpen1";
+inline constexpr const char* kTlsEntry = "retryerTlsOpen2";
 
 } // namespace Email

@@ -1,10 +1,14 @@
 #include "retryq/HostCheck.h"
 
+#include "email/site/DnsAnswer.h"
 #include "email/site/HostList.h"
 #include "email/site/Resolver.h"
+#include "email/site/TlsPolicy.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/hexesc.h"
 
+#include <netinet/in.h>
+#include <resolv.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -23,6 +27,7 @@ using Weight = Finding::Weight;
 constexpr std::size_t kShown = 256;
 constexpr int kClassIN = 1;
 constexpr int kTypeMX = 15;
+constexpr int kTypeSOA = 6;
 
 std::string systemName() {
     std::array<char, 256> name{};
@@ -34,6 +39,22 @@ bool answers(const char* name) {
     std::array<unsigned char, Resolver::kAnswerSize> answer{};
     int length = Resolver::kAnswerSize;
     return resolver.Query(name, kClassIN, kTypeMX, answer.data(), length) != QUERY_TEMPORARY;
+}
+
+// What keeps TLSA records from being believed; empty for nothing.
+std::string noValidation() {
+    Resolver resolver;
+    std::array<unsigned char, Resolver::kAnswerSize> answer{};
+    int length = Resolver::kAnswerSize;
+    const int result = resolver.Query(".", kClassIN, kTypeSOA, answer.data(), length);
+    if ((_res.options & RES_TRUSTAD) == 0) {
+        return "/etc/resolv.conf lacks \"options trust-ad\", so no answer counts as validated";
+    }
+    const bool validated =
+        result == QUERY_OK && Email::isValidated({answer.data(), static_cast<std::size_t>(length)});
+    return result != QUERY_OK || validated
+               ? ""
+               : "the name server does not validate (asked for the root's SOA record)";
 }
 
 } // namespace
@@ -58,6 +79,12 @@ std::vector<Finding> checkHost() {
     }
     if (mailscanGlobals::dnsEnable && !answers(helo.c_str())) {
         warn("the name service gives no answer (asked for the MX records of " + shown + ")");
+    }
+    if (Email::tlsPolicy().uses(Email::TlsLevel::Dane)) {
+        const std::string why = noValidation();
+        if (!why.empty()) {
+            warn("smtp-tls: dane is no more than may here: " + why);
+        }
     }
     return found;
 }

@@ -12,7 +12,7 @@ struct Probed {
     std::string server;   // dotted; empty when none was tried
     std::string offers;   // extensions, in the server's keywords
     std::string tls;      // protocol and cipher; empty in the clear
-    std::string verified; // with TLS: "ca" or "no"
+    std::string verified; // with TLS: "ca", "dane" or "no"
     std::string trouble;  // what was in the way; empty when nothing was
     bool passes = false;  // a message could be offered to the server
 };

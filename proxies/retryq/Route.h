@@ -18,6 +18,7 @@ struct Server {
     std::optional<int> preference{}; // of a mail exchanger
     std::string leftOut{};           // why it is not tried; empty when it is
     std::string warning{};           // what is odd about a server that is tried
+    std::string tls{};               // what "dane" comes to with it (RouteTls.h), else empty
 };
 
 // One attempt to find servers, in the order in which the client makes them.

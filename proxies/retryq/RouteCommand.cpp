@@ -3,6 +3,7 @@
 #include "retryq/Json.h"
 #include "retryq/Probe.h"
 #include "retryq/Route.h"
+#include "retryq/RouteTls.h"
 
 #include <algorithm>
 #include <optional>
@@ -36,6 +37,9 @@ void printStep(const Screen& screen, const Step& step, bool first) {
         if (server.leftOut.empty()) {
             screen.out << "  try " << ++number << "      " << describe(server)
                        << (server.warning.empty() ? "" : ": WARNING, " + server.warning) << '\n';
+            if (!server.tls.empty()) {
+                screen.out << "    TLS        " << server.tls << '\n';
+            }
         } else {
             screen.out << "  left out   " << describe(server) << ": " << server.leftOut << '\n';
         }
@@ -72,6 +76,9 @@ Json toJson(const Server& server) {
     }
     if (!server.warning.empty()) {
         object["warning"] = server.warning;
+    }
+    if (!server.tls.empty()) {
+        object["tls"] = server.tls;
     }
     return object;
 }
@@ -119,7 +126,8 @@ void print(const Screen& screen, const Probed& probed) {
 } // namespace
 
 int route(const Context& context, const std::string& address, bool probing) {
-    const Route found = findRoute(context.table, address);
+    Route found = findRoute(context.table, address);
+    tellTlsa(found);
     const std::optional<Probed> probed =
         probing ? std::optional<Probed>(probe(context.table, address)) : std::nullopt;
     if (context.json) {

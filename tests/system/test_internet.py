@@ -2,6 +2,7 @@
 """What the rule table may ask for beyond the old ways: EHLO and what servers offer, TLS, return mail for
 programs."""
 import email
+import hashlib
 import os
 import re
 import ssl
@@ -10,13 +11,15 @@ import unittest
 
 import harness
 from harness import SENDERS, THERE, RELAYS, SystemTest, cases
-from servers import A, CLOSE, MX, SILENT, a, mx, reply
+from servers import A, CLOSE, CNAME, MX, SILENT, TLSA, a, mx, name, record, reply
 from tables import outcome, route_agrees, table
 from world import DNS_ADDRESS, HOST, etc_file
 
-NAMES = {"good": "mx.test", "other": "other.test", "expired": "mx.test", "self": "mx.test"}
+NAMES = {"good": "mx.test", "other": "other.test", "expired": "mx.test", "self": "mx.test", "far": "secure.test"}
 TLS = {name: (lines.split("; "), server, outcome(ends), log.split(), why)
        for name, lines, server, ends, log, *why in table("system/data/tls.txt")}
+DANE = {name: (lines.split("; "), links.split(), [] if records == "-" else records.split("; "), kind, outcome(ends), log.split(), why)
+        for name, lines, links, records, kind, ends, log, *why in table("system/data/dane.txt")}
 OFFER = "250-mx.test\r\n250-SIZE 5000\r\n250-8BITMIME\r\n250-SMTPUTF8\r\n250 ENHANCEDSTATUSCODES"
 # Rule-table lines, what the server answers to EHLO, the text, the recipient, what is said up to RCPT (by connection),
 # the outcome.
@@ -80,10 +83,32 @@ def openssl(*words):
 
 def make_certificates():
     openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "9", "-subj", "/CN=ca")
-    for kind, name in NAMES.items():
-        openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", kind + ".key", "-out", kind + ".csr", "-subj", "/CN=" + name)
+    for kind, host in NAMES.items():
+        openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", kind + ".key", "-out", kind + ".csr", "-subj", "/CN=" + host)
         signer = ["-signkey", kind + ".key"] if kind == "self" else ["-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial"]
         openssl("x509", "-req", "-in", kind + ".csr", "-out", kind + ".pem", "-days", "-1" if kind == "expired" else "9", *signer)
+
+
+    with open(os.path.join(harness.SCRATCH, "chain.pem"), "wb") as chain:
+        chain.write(b"".join(read(kind + ".pem") for kind in ("good", "ca")))
+    os.link(os.path.join(harness.SCRATCH, "good.key"), os.path.join(harness.SCRATCH, "chain.key"))
+
+
+def read(leaf):
+    with open(os.path.join(harness.SCRATCH, leaf), "rb") as file:
+        return file.read()
+
+
+def tlsa_data(usage, selector, matching, kind):
+    """The data of a TLSA record; "short" stands for bytes that are neither certificate nor digest."""
+    found = b"short"
+    if kind != "short":
+        found = ssl.PEM_cert_to_DER_cert(read(kind + ".pem").decode())
+    if selector == "1" and kind != "short":
+        key = subprocess.run(["openssl", "x509", "-inform", "DER", "-noout", "-pubkey"], input=found, check=True, capture_output=True)
+        found = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "DER"], input=key.stdout, check=True, capture_output=True).stdout
+    digest = {"1": hashlib.sha256, "2": hashlib.sha512}.get(matching)
+    return bytes(map(int, (usage, selector, matching))) + (digest(found).digest() if digest and kind != "short" else found)
 
 
 def context(kind):
@@ -115,13 +140,18 @@ class Internet(SystemTest):
         odd = {"nonsense": ("220 go", 0.2, "nonsense, long enough for a record", CLOSE), "close": ("220 go", CLOSE),
                "silence": ("220 go", SILENT)}
         script["starttls"] = odd.get(kind, script["starttls"])
-        return self.smtp(THERE, script, tls=context(kind) if kind in NAMES else None)
+        return self.smtp(THERE, script, tls=context(kind) if kind in NAMES or kind == "chain" else None)
 
     @cases(TLS)
-    def test_tls(self, lines, does, ends, log, why):
+    def test_tls(self, *row):
+        self.tls(*row)
+
+    def tls(self, lines, does, ends, log, why):
         self.table(*lines)
         server, returns = self.server(does), self.smtp(SENDERS)
-        probed = self.objects("route", "u@secure.test", "--probe")[0]["probed"]
+        route = self.objects("route", "u@secure.test", "--probe")[0]
+        probed = route["probed"]
+        self.assertEqual(route["steps"][0]["servers"][0].get("tls", "").startswith("TLSA ") or "dane" not in log, True, route)
         self.assertEqual(probed["passes"], ends[0] == "delivered", probed)
         self.assertEqual([probed["tls"].split("/")[0], probed["verified"]], log if len(log) == 2 else ["", ""], probed)
         self.world.queue("m", "<u@secure.test>")
@@ -136,6 +166,33 @@ class Internet(SystemTest):
             self.assertIn(words, failed[0])
         if "TLS" in log[0]:
             self.assertEqual(server.sessions[1].commands[2], EHLO.encode())
+
+    def validating(self, links, records):
+        """A name server that says of each answer whether it is validated, as a row of dane.txt has it."""
+        hosts, (exchangers, address, tlsa) = "mx.test", links
+        base = "real.test" if address == "alias" else hosts
+        target = [record(hosts, CNAME, name("real.test")), a("real.test", THERE)]
+        zone = {("secure.test", MX): (exchangers, [mx("secure.test", 10, hosts)]),
+                (hosts, A): (address, target if "alias" in address else [a(hosts, THERE)]), (hosts, CNAME): ("ad", target[:1]),
+                ("real.test", A): ("ad", target[1:]),
+                (f"_25._tcp.{base}", TLSA): (tlsa, [record(f"_25._tcp.{base}", TLSA, tlsa_data(*one.split())) for one in records])}
+
+        def answer(link, found):
+            return lambda query: reply(query, *found, rcode={"deny": 3, "fail": 2}.get(link, 0),
+                                       flags=0x8180 if link.endswith("no") else 0x81a0)[:-9 if link == "cut" else None]
+        etc_file("resolv.conf", "nameserver 127.0.0.54\noptions timeout:1 attempts:1 trust-ad\n")
+        self.addCleanup(etc_file, "resolv.conf", f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n")
+        return self.dns({question: answer(*how) for question, how in zone.items()}, "127.0.0.54")
+
+    @cases(DANE)
+    def test_dane(self, lines, links, records, kind, ends, log, why):
+        self.validating(links, records)
+        if "distrust" in lines:
+            lines.remove("distrust")
+            etc_file("resolv.conf", "nameserver 127.0.0.54\noptions timeout:1 attempts:1\n")
+            self.table("smtp-tls dane")
+            self.assertIn('lacks "options trust-ad"', self.retryq("check", status=1).out)
+        self.tls(["smtp-tls dane"] * ("smtp-tls none" not in lines) + lines, kind if kind == "-" else "220 " + kind, ends, log, why)
 
     def test_a_shared_server_is_not_shared_below_a_domains_level(self):
         self.zone_of_two = self.server("220 self")

@@ -190,7 +190,7 @@ class _Conversation:
 
 
 # --- DNS messages by hand -------------------------------------------------------------------------
-A, MX = 1, 15
+A, CNAME, MX, TLSA = 1, 5, 15, 52
 
 
 def name(text):

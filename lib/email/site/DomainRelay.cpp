@@ -117,7 +117,8 @@ void DRinfo::lookUpAgain() {
 // first address.
 void DRinfo::noteServers(const char* domain) const {
     for (auto relay = relays_.rbegin(); relay != relays_.rend(); ++relay) {
-        Email::rememberServers(domain, *this, relay->first, relay->second);
+        Email::rememberServers(domain, *this, relay->first, relay->second,
+                               Email::NamedBy::RuleTable);
     }
 }
 

@@ -12,8 +12,8 @@ namespace {
 
 using Key = std::pair<std::string, std::uint32_t>;
 
-std::map<Key, std::string>& names() {
-    static std::map<Key, std::string> all;
+std::map<Key, ServerIdentity>& names() {
+    static std::map<Key, ServerIdentity> all;
     return all;
 }
 
@@ -26,25 +26,29 @@ Key keyOf(std::string_view domain, IPaddress address) {
 
 } // namespace
 
-void rememberServer(std::string_view domain, IPaddress address, std::string_view name) {
-    names().try_emplace(keyOf(domain, address), name);
+void rememberServer(std::string_view domain, IPaddress address, const ServerIdentity& server) {
+    names().try_emplace(keyOf(domain, address), server);
 }
 
 void rememberServers(std::string_view domain, const IPaddressList& list, int from,
-                     std::string_view name) {
+                     std::string_view name, NamedBy by) {
     if (!tlsPolicy().wanted()) {
         return;
     }
     name.remove_prefix(name.starts_with('[') ? 1 : 0);
     name.remove_suffix(name.ends_with(']') ? 1 : 0);
     for (int i = from; i < list.count(); ++i) {
-        rememberServer(domain, list.addr(i), name);
+        rememberServer(domain, list.addr(i), {std::string(name), by});
     }
 }
 
-std::string serverName(std::string_view domain, IPaddress address) {
+ServerIdentity serverIdentity(std::string_view domain, IPaddress address) {
     const auto found = names().find(keyOf(domain, address));
-    return found == names().end() ? std::string() : found->second;
+    return found == names().end() ? ServerIdentity{} : found->second;
+}
+
+std::string serverName(std::string_view domain, IPaddress address) {
+    return serverIdentity(domain, address).name;
 }
 
 } // namespace Email

@@ -4,21 +4,31 @@
 
 #include "email/site/IPaddressList.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace Email {
 
+enum class NamedBy : std::uint8_t { NameService, RuleTable };
+
+struct ServerIdentity {
+    std::string name; // empty when none is known
+    NamedBy by = NamedBy::NameService;
+};
+
 // The first name stays: that of the exchanger that is tried first. Case and a trailing dot of the
 // domain are ignored.
-void rememberServer(std::string_view domain, IPaddress address, std::string_view name);
+void rememberServer(std::string_view domain, IPaddress address, const ServerIdentity& server);
 
 // The same for the addresses of the list from place `from` on; brackets around a literal go.
 // Nothing is kept when no domain of this run may get TLS.
 void rememberServers(std::string_view domain, const IPaddressList& list, int from,
-                     std::string_view name);
+                     std::string_view name, NamedBy by = NamedBy::NameService);
 
-// Empty when none is known.
+[[nodiscard]] ServerIdentity serverIdentity(std::string_view domain, IPaddress address);
+
+// The name alone.
 [[nodiscard]] std::string serverName(std::string_view domain, IPaddress address);
 
 } // namespace Email

@@ -12,7 +12,7 @@ namespace Email {
 
 namespace {
 
-constexpr std::array kWords{"none", "may", "encrypt", "verify"};
+constexpr std::array kWords{"none", "may", "encrypt", "verify", "dane"};
 
 } // namespace
 
@@ -62,6 +62,11 @@ bool TlsPolicy::wanted() const noexcept {
     return default_ != TlsLevel::None || std::ranges::any_of(lines_, [](const auto& line) {
                return line.second != TlsLevel::None;
            });
+}
+
+bool TlsPolicy::uses(TlsLevel level) const noexcept {
+    return default_ == level ||
+           std::ranges::any_of(lines_, [level](const auto& line) { return line.second == level; });
 }
 
 } // namespace Email

@@ -11,15 +11,17 @@
 
 namespace Email {
 
-// In order of strength: each promises all that the one before it does.
+// In order of strength: each promises all that the one before it does, but for the last, which is
+// as strong as what the name service says of the server (Dane.h).
 enum class TlsLevel : std::uint8_t {
     None,    // in the clear, also to a server that offers TLS
     May,     // TLS when the server offers it, whoever it is; in the clear when it fails
     Encrypt, // TLS or deferral, whoever the server is
     Verify,  // TLS with the server that the route names, or deferral
+    Dane,    // TLS with a server that its TLSA records prove, or deferral; without such records May
 };
 
-// The level of a word ("none", "may", "encrypt", "verify"), whatever its case.
+// The level of a word ("none", "may", "encrypt", "verify", "dane"), whatever its case.
 [[nodiscard]] std::optional<TlsLevel> tlsLevel(std::string_view word) noexcept;
 
 [[nodiscard]] const char* tlsWord(TlsLevel level) noexcept;
@@ -43,6 +45,8 @@ public:
 
     // True when some domain may get TLS.
     [[nodiscard]] bool wanted() const noexcept;
+    // True when some domain has this very level.
+    [[nodiscard]] bool uses(TlsLevel level) const noexcept;
 
 private:
     TlsLevel default_ = TlsLevel::None;

@@ -74,6 +74,9 @@ bool Sender::tryAddress(IPaddress address, int port) {
     serverAddress = address;
     const auto begun = Clock::now();
     conversation.tryServer(address);
+    if (!decideProtection(address, port)) {
+        return false;
+    }
     if (const int err = openSocket(address, port); err != 0) {
         conversation.error =
             connectTimedOut() ? Email::noAnswer(err, kConnectLimit) : Email::errorText(err);

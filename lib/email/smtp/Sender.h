@@ -13,6 +13,7 @@
 #include "email/base/SMTPcode.h"
 #include "email/base/Utils.h"
 #include "email/base/eventId.h"
+#include "email/site/Dane.h"
 #include "email/site/HostList.h"
 #include "email/site/TlsPolicy.h"
 #include "email/smtp/ExtSocketClass.h"
@@ -33,6 +34,7 @@ class DomainRelay;
 
 namespace Email {
 class TlsContext;
+struct TlsTarget;
 } // namespace Email
 
 class Sender : public ExtSocketClass {
@@ -157,6 +159,9 @@ private:
 
     // Opening with EHLO and TLS: SenderSession.cpp.
     [[nodiscard]] bool wantsSession() const noexcept;
+    bool decideProtection(IPaddress address, int port);
+    [[nodiscard]] bool mayShareDane(const char* domain) const;
+    [[nodiscard]] Email::TlsTarget tlsTarget() const;
     bool openAgain(IPaddress address, int port);
     bool sayEhlo(SMTPcode& code);
     bool sayHello(IPaddress address, int port);
@@ -186,6 +191,13 @@ private:
     // What the domain that a server is searched for must get.
     Email::TlsLevel level_ = Email::TlsLevel::None;
     std::string domain_;
+    // What the server in hand must be given for it: never Dane without records.
+    struct Protection {
+        Email::TlsLevel level = Email::TlsLevel::None;
+        int port = 0;
+        Email::DaneVerdict dane{};
+    };
+    Protection required_;
 
     struct Session {
         std::optional<SMTPcode> hello; // result of EHLO or HELO, when it was said on connecting

@@ -7,6 +7,8 @@
 #include "email/smtp/TlsChannel.h"
 #include "email/smtp/TlsModule.h"
 
+#include <strings.h>
+
 #include <array>
 #include <cerrno>
 #include <utility>
@@ -24,10 +26,46 @@ bool hungUp(int error) noexcept {
     return error == ENODATA || error == ECONNRESET || error == EPIPE;
 }
 
+const char* proofWord(Email::TlsProof proof) noexcept {
+    static constexpr std::array kWords{"no", "ca", "dane"};
+    return kWords.at(static_cast<std::size_t>(proof));
+}
+
+Email::DaneServer daneServer(std::string domain, IPaddress address, int port) {
+    const Email::ServerIdentity server = Email::serverIdentity(domain, address);
+    return {server.by == Email::NamedBy::RuleTable ? std::string() : std::move(domain), server.name,
+            port};
+}
+
 } // namespace
 
 bool Sender::wantsSession() const noexcept {
-    return mailscanGlobals::smtpExtensions || level_ != TlsLevel::None;
+    return mailscanGlobals::smtpExtensions || required_.level != TlsLevel::None;
+}
+
+// False when it cannot be told now: then the server gets no mail, neither in the clear nor else.
+// Asked before connecting, since look-ups may last longer than a server waits.
+bool Sender::decideProtection(IPaddress address, int port) {
+    required_ = {level_, port};
+    if (level_ != TlsLevel::Dane) {
+        return true;
+    }
+    required_.dane = Email::askDane(daneServer(domain_, address, port));
+    switch (required_.dane.result) {
+    case Email::DaneResult::NoRecords:
+        required_.level = TlsLevel::May;
+        return true;
+    case Email::DaneResult::Unusable:
+        required_.level = TlsLevel::Encrypt;
+        return true;
+    case Email::DaneResult::Usable:
+        return true;
+    case Email::DaneResult::Failed:
+        break;
+    }
+    tlsFailed(required_.dane.why);
+    conversation.error = Email::errorText(0, "TLS is required: " + required_.dane.why);
+    return false;
 }
 
 bool Sender::openAgain(IPaddress address, int port) {
@@ -78,8 +116,8 @@ bool Sender::openSession(IPaddress address, int port) {
     if (!sayHello(address, port)) {
         return false;
     }
-    const bool hopeless = level_ == TlsLevel::May && !session_.offered.startTls;
-    return level_ == TlsLevel::None || !success(*session_.hello) || hopeless ||
+    const bool hopeless = required_.level == TlsLevel::May && !session_.offered.startTls;
+    return required_.level == TlsLevel::None || !success(*session_.hello) || hopeless ||
            secure(address, port);
 }
 
@@ -92,7 +130,7 @@ bool Sender::secure(IPaddress address, int port) {
         return true;
     }
     tlsFailed(why);
-    if (level_ == TlsLevel::May) {
+    if (required_.level == TlsLevel::May) {
         return goOnInTheClear(address, port);
     }
     CloseTransport();
@@ -126,10 +164,21 @@ std::string Sender::startTls(IPaddress address) {
     return shakeHands(*context, address);
 }
 
+Email::TlsTarget Sender::tlsTarget() const {
+    Email::TlsTarget target{session_.name, required_.level == TlsLevel::Verify};
+    if (required_.level == TlsLevel::Dane) {
+        const auto& names = required_.dane.names;
+        target.tlsa = required_.dane.records;
+        target.name = names.front();
+        target.otherNames.assign(names.begin() + 1, names.end());
+    }
+    return target;
+}
+
 std::string Sender::shakeHands(Email::TlsContext& context, IPaddress address) {
     session_.broken = true;
     session_.name = Email::serverName(domain_, address);
-    auto session = context.start(theSocket, {session_.name, level_ == TlsLevel::Verify});
+    auto session = context.start(theSocket, tlsTarget());
     if (session == nullptr) {
         return "the server's name is not known";
     }
@@ -139,7 +188,7 @@ std::string Sender::shakeHands(Email::TlsContext& context, IPaddress address) {
     }
     session_.broken = false;
     conversation.tls = channel->protocol();
-    conversation.verified = channel->verified() ? "ca" : "no";
+    conversation.verified = proofWord(channel->proof());
     if (const int bytes = protect(std::move(channel)); bytes > 0) {
         tlsFailed(std::to_string(bytes) + " bytes in the clear behind the reply to STARTTLS were"
                                           " thrown away");
@@ -157,10 +206,24 @@ bool Sender::mayShare(const EmailAddr& rcpt) const {
     if (level < TlsLevel::Encrypt) {
         return true;
     }
+    if (level == TlsLevel::Dane) {
+        return mayShareDane(domain.data());
+    }
     return channel() != nullptr &&
            (level == TlsLevel::Encrypt ||
-            (channel()->verified() && !session_.name.empty() &&
+            (channel()->proof() == Email::TlsProof::Authority && !session_.name.empty() &&
              Email::serverName(domain.data(), serverAddress) == session_.name));
+}
+
+// The same domain asks the same of the same server. What is not known of another one would have to
+// be asked for while the server waits; and its records allow names that ours do not.
+bool Sender::mayShareDane(const char* domain) const {
+    if (::strcasecmp(domain, domain_.c_str()) == 0) {
+        return true;
+    }
+    const auto known = Email::knownDane(daneServer(domain, serverAddress, required_.port));
+    return known && (known->result == Email::DaneResult::NoRecords ||
+                     (known->result == Email::DaneResult::Unusable && channel() != nullptr));
 }
 
 // RFC 1870, 6152 and 6531: what the text and the addresses need, as far as the server offers it.

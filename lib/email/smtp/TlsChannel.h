@@ -38,7 +38,7 @@ public:
 
     // "TLSv1.3/TLS_AES_256_GCM_SHA384".
     [[nodiscard]] std::string protocol() const { return session_->protocol(); }
-    [[nodiscard]] bool verified() const noexcept { return session_->verified(); }
+    [[nodiscard]] TlsProof proof() const noexcept { return session_->proof(); }
     [[nodiscard]] const std::string& trouble() const noexcept { return trouble_; }
 
 private:

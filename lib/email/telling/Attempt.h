@@ -32,7 +32,7 @@ struct Attempt {
     std::string error{};               // why the step broke off, as errorText() gives it
     std::string reply{};               // the last line of the server's reply to this step
     std::string tls{};                 // protocol and cipher; "no" where TLS was tried in vain
-    std::string verified{};            // with TLS: "ca" or "no"
+    std::string verified{};            // with TLS: "ca", "dane" or "no"
     std::string leftOut{};             // servers that were not tried, or that there were none
 
     // False while nothing is known that a line could tell.

@@ -44,7 +44,7 @@ struct Scripted final : Email::TlsSession {
     }
     void close() noexcept override {}
     [[nodiscard]] std::string protocol() const override { return "p"; }
-    [[nodiscard]] bool verified() const noexcept override { return false; }
+    [[nodiscard]] Email::TlsProof proof() const noexcept override { return Email::TlsProof::None; }
     [[nodiscard]] std::string trouble() const override { return "bad"; }
     std::deque<Step> steps;
 };
