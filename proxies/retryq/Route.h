@@ -14,7 +14,7 @@ namespace Retryq {
 // One address that was found on the way.
 struct Server {
     std::string name;                // as the rule table or DNS has it
-    std::string address;             // dotted; empty when the name does not resolve
+    std::string address;             // dotted; empty when the name has none, or was not looked up
     std::optional<int> preference{}; // of a mail exchanger
     std::string leftOut{};           // why it is not tried; empty when it is
     std::string warning{};           // what is odd about a server that is tried

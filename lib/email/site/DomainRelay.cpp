@@ -75,7 +75,8 @@ bool matchesExactly(std::string_view domain, std::string_view pattern) noexcept 
 DomainRelay DomainRelay::stdRelays;
 DomainRelay DomainRelay::fallbackRelays;
 
-DRinfo::DRinfo(const char* pattern) : type_(typeOf(pattern)), name_(copyOfPattern(pattern)) {}
+DRinfo::DRinfo(const char* pattern, std::int32_t line)
+    : type_(typeOf(pattern)), name_(copyOfPattern(pattern)), line_(line) {}
 
 bool DRinfo::matches(const char* domain) const noexcept {
     switch (type_) {
@@ -88,12 +89,15 @@ bool DRinfo::matches(const char* domain) const noexcept {
     }
 }
 
-void DRinfo::lookUp(std::span<char* const> relays, int limit) {
+void DRinfo::lookUp(std::span<char* const> relays, int limit, Email::ServerObserver* observer) {
     limit_ = limit;
     for (const char* relay : relays) {
+        const Email::Asked asked{observer, relay};
         if (count() < limit) {
             relays_.emplace_back(count(), relay);
-            missing_ = HostList::hostLookup(relay, *this, limit, true) < 0 || missing_;
+            missing_ = HostList::hostLookup(relay, *this, limit, true, asked) < 0 || missing_;
+        } else {
+            asked.tell(Email::Candidate::Fate::Enough);
         }
     }
 }
@@ -103,7 +107,7 @@ void DRinfo::lookUpAgain() {
     if (!missing_ || mailscanGlobals::dnsRules == 0 || now < askAgain_) {
         return;
     }
-    DRinfo fresh(name_.c_str());
+    DRinfo fresh(name_.c_str(), line_);
     std::vector<char*> names;
     for (auto& [place, relay] : relays_) {
         names.push_back(relay.data());
@@ -146,14 +150,20 @@ void DomainRelay::relaysParamR(DomainRelay& relays, const char* key, cfgrec* lin
         if ((*cf)->argc <= 1) {
             assert_failure("cf->argc > 1", kUnit, contractLine(213));
         }
-        relays.AddDomain((*cf)->argv[0], (*cf)->argv + 1, (*cf)->argc - 1);
+        if (relays.observer_ == nullptr || relays.observer_->concerns(**cf)) {
+            relays.add(DRinfo((*cf)->argv[0], (*cf)->ln),
+                       {(*cf)->argv + 1, static_cast<std::size_t>((*cf)->argc) - 1});
+        }
     }
 }
 
 void DomainRelay::AddDomain(const char* pattern, char** hosts, int n) {
+    add(DRinfo(pattern), {hosts, static_cast<std::size_t>(std::max(0, n))});
+}
+
+void DomainRelay::add(DRinfo entry, std::span<char* const> hosts) {
     const int limit = std::min<int>(mailscanGlobals::max_addr_to_try, IPaddressList::kCapacity);
-    DRinfo entry(pattern);
-    entry.lookUp({hosts, static_cast<std::size_t>(std::max(0, n))}, limit);
+    entry.lookUp(hosts, limit, observer_);
     if (entry.count() > 0 || mailscanGlobals::dnsRules != 0) {
         table_.push_back(std::move(entry));
     }
@@ -167,6 +177,9 @@ int DomainRelay::getAddresses(const char* domain, IPaddressList& out, int max, e
     event = EV_NONE;
     const auto head = std::find_if(table_.rbegin(), table_.rend(),
                                    [&](const DRinfo& entry) { return entry.matches(domain); });
+    if (observer_ != nullptr) {
+        observer_->relaysDecided(head == table_.rend() ? 0 : head->line());
+    }
     if (head == table_.rend()) {
         return 0;
     }

@@ -20,7 +20,8 @@ public:
     enum MatchType : std::int32_t { EXACT = 0, SUFFIX = 1, ALL = 2 };
 
     // "*" matches all, "*.x" matches x and everything below it, anything else matches itself.
-    explicit DRinfo(const char* pattern);
+    // `line` is its line of the rule table, for observers.
+    explicit DRinfo(const char* pattern, std::int32_t line = 0);
 
     // Case is ignored. A suffix pattern and the domain may each end in a dot; an exact pattern that
     // ends in a dot matches only a domain that does so too, and the reverse.
@@ -28,13 +29,16 @@ public:
 
     // Looks the relays up anew, up to `limit` addresses. Names that do not resolve, and addresses
     // of this host, are left out.
-    void lookUp(std::span<char* const> relays, int limit);
+    void lookUp(std::span<char* const> relays, int limit,
+                Email::ServerObserver* observer = nullptr);
     // The same for the relays that it was made with, where some did not resolve: when mail first
     // comes for them, and then at most once in kRetrySeconds.
     void lookUpAgain();
     static constexpr int kRetrySeconds = 60;
     // Notes those names for a domain that goes through this entry (ServerNames.h).
     void noteServers(const char* domain) const;
+
+    [[nodiscard]] std::int32_t line() const noexcept { return line_; }
 
 private:
     std::vector<std::pair<int, std::string>> relays_; // the place of a relay's first address
@@ -44,10 +48,15 @@ private:
 
     MatchType type_;
     std::string name_;
+    std::int32_t line_;
 };
 
 class DomainRelay : public HostList {
 public:
+    // The observer, if any, is told while the table is read and asked, and must live as long.
+    explicit DomainRelay(Email::ServerObserver* observer = nullptr) noexcept
+        : observer_(observer) {}
+
     // Fills both tables from the rule table's "domain-relay" and "fallback-relay" lines.
     static void initialise(cfgrec* cfg);
 
@@ -74,5 +83,8 @@ public:
     static DomainRelay fallbackRelays; // asked when neither relay nor MX could be used
 
 private:
+    void add(DRinfo entry, std::span<char* const> hosts);
+
+    Email::ServerObserver* observer_;
     std::vector<DRinfo> table_; // last entry first: the head of the table is at the back
 };

@@ -21,6 +21,8 @@
 
 namespace {
 
+using Fate = Email::Candidate::Fate;
+
 constexpr const char* kUnit = "lib/email/HostList";
 constexpr const char* kHostsFile = "/etc/hosts";
 constexpr const char* kLiteralCharacters = "[0123456789.]";
@@ -51,6 +53,14 @@ const hostent* resolve(const char* name) noexcept {
                         (answer->h_name == nullptr ||
                          ::strnlen(answer->h_name, kMaxCanonicalName + 1) <= kMaxCanonicalName);
     return usable ? answer : nullptr;
+}
+
+void take(IPaddress address, IPaddressList& out, bool skipLocal, const Email::Asked& asked) {
+    const bool leftOut = skipLocal && HostList::isLocal(address);
+    asked.tell(leftOut ? Fate::Local : Fate::Taken, address);
+    if (!leftOut) {
+        out.Add(address);
+    }
 }
 
 } // namespace
@@ -135,19 +145,19 @@ bool HostList::isLiteral(const char* name) noexcept {
     return (*name == '[' || isDigit(*name)) && onlyLiteralCharacters(name);
 }
 
-int HostList::hostLookup(const char* name, IPaddressList& out, int max, bool skipLocal) {
+int HostList::hostLookup(const char* name, IPaddressList& out, int max, bool skipLocal,
+                         const Email::Asked& asked) {
     if (out.count() >= max) {
+        asked.tell(Fate::Enough);
         return out.count();
     }
     if (isLiteral(name)) {
-        const IPaddress address = literalAddress(name);
-        if (!skipLocal || !isLocal(address)) {
-            out.Add(address);
-        }
+        take(literalAddress(name), out, skipLocal, asked);
         return out.count();
     }
     const hostent* answer = resolve(name);
     if (answer == nullptr) {
+        asked.tell(Fate::Unresolved);
         return -1;
     }
     if (answer->h_name == nullptr) {
@@ -157,17 +167,16 @@ int HostList::hostLookup(const char* name, IPaddressList& out, int max, bool ski
         assert_failure("strlen(hostEnt->h_name) < 256", kUnit, contractLine(397));
     }
     takeAddresses(*answer, out, std::min(max - out.count(), mailscanGlobals::max_addr_per_host),
-                  skipLocal);
+                  skipLocal, asked);
     return out.count();
 }
 
-void HostList::takeAddresses(const hostent& answer, IPaddressList& out, int limit, bool skipLocal) {
+void HostList::takeAddresses(const hostent& answer, IPaddressList& out, int limit, bool skipLocal,
+                             const Email::Asked& asked) {
     for (int i = 0; i < limit && answer.h_addr_list[i] != nullptr; ++i) {
         IPaddress address;
         std::memcpy(&address.value, answer.h_addr_list[i], sizeof address.value);
-        if (!skipLocal || !isLocal(address)) {
-            out.Add(address);
-        }
+        take(address, out, skipLocal, asked);
     }
 }
 

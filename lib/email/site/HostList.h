@@ -4,6 +4,7 @@
 
 #include "email/base/eventId.h"
 #include "email/site/BlackList.h"
+#include "email/site/ServerObserver.h"
 
 #include <array>
 #include <cstddef>
@@ -55,12 +56,15 @@ public:
     // Appends the addresses of `name` (a literal, or a name for the system's resolver) to `out`,
     // at most max_addr_per_host of them and at most `max` entries in all, leaving out local ones
     // when `skipLocal`. Returns the count of `out`, or -1 when the name does not resolve. A
-    // literal that is no address ("[999.1.1.1]") gives 255.255.255.255.
-    static int hostLookup(const char* name, IPaddressList& out, int max, bool skipLocal);
+    // literal that is no address ("[999.1.1.1]") gives 255.255.255.255. `asked` is told of each
+    // address.
+    static int hostLookup(const char* name, IPaddressList& out, int max, bool skipLocal,
+                          const Email::Asked& asked = {});
 
     // Appends the first `limit` IPv4 addresses of an answer. Local ones that `skipLocal` leaves out
     // use up the limit as well.
-    static void takeAddresses(const hostent& answer, IPaddressList& out, int limit, bool skipLocal);
+    static void takeAddresses(const hostent& answer, IPaddressList& out, int limit, bool skipLocal,
+                              const Email::Asked& asked = {});
 
     // True when the name begins with "[" or a digit and holds only digits, dots and brackets.
     [[nodiscard]] static bool isLiteral(const char* name) noexcept;

@@ -110,10 +110,14 @@ int MXlookup::getAddresses(const char* domain, IPaddressList& out, int max, even
         return lookUp(domain, out, max, event); // what is there already counts towards `max`
     }
     const std::string key = domain;
-    if (const Answer* held = cache().find(key, max); held != nullptr) {
+    const Answer* const held = observer_ == nullptr ? cache().find(key, max) : nullptr;
+    if (held != nullptr) {
         return useHeld(*held, out, event);
     }
     const int result = lookUp(domain, out, max, event);
+    if (observer_ != nullptr) {
+        observer_->lookedUp(result, event);
+    }
     cache().keep(key, out, max, result, event);
     return result;
 }
@@ -132,11 +136,26 @@ int MXlookup::lookUp(const char* domain, IPaddressList& out, int max, eventId& e
     return useAnswer(result, msg.data(), len, domain, out, max, event);
 }
 
-int MXlookup::takeHost(const char* name, const char* domain, IPaddressList& out, int max) {
+int MXlookup::takeHost(const char* name, const char* domain, IPaddressList& out, int max,
+                       std::optional<int> preference) {
     const int before = out.count();
-    const int found = hostLookup(name, out, max, true);
+    const int found = hostLookup(name, out, max, true, {observer_, name, preference});
     Email::rememberServers(domain, out, before, name);
     return found;
+}
+
+int MXlookup::takeItself(const char* domain, IPaddressList& out, int max, eventId why) {
+    if (observer_ != nullptr) {
+        observer_->ownAddress(why);
+    }
+    return takeHost(domain, domain, out, max);
+}
+
+void MXlookup::tell(std::span<const Email::Exchanger> exchangers,
+                    Email::Candidate::Fate fate) const {
+    for (const Email::Exchanger& exchanger : exchangers) {
+        Email::Asked{observer_, exchanger.name, exchanger.preference}.tell(fate);
+    }
 }
 
 int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const char* domain,
@@ -157,7 +176,7 @@ int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const cha
     default:
         break;
     }
-    return takeHost(domain, domain, out, max);
+    return takeItself(domain, out, max, event);
 }
 
 int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domain,
@@ -167,14 +186,37 @@ int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domai
         return -1;
     }
     Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
-    Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
-    if (mx.count == 0) {
-        event = EV_MX_NONE_LEFT;
-        return takeHost(domain, domain, out, max);
+    const std::vector<Email::Exchanger> gone = cutAtThisHost(mx);
+    if (mx.count > 0) {
+        const int found = takeExchangers(mx, domain, out, max, event);
+        tell(gone, Email::Candidate::Fate::NotBetter);
+        return found;
     }
+    tell(gone, Email::Candidate::Fate::NotBetter);
+    event = EV_MX_NONE_LEFT;
+    return takeItself(domain, out, max, event);
+}
+
+// Those that go are handed back for the observer; without one nobody copies their names.
+std::vector<Email::Exchanger> MXlookup::cutAtThisHost(Email::Exchangers& mx) const {
+    std::vector<Email::Exchanger> gone;
+    for (int i = 0; observer_ != nullptr && i < mx.count; ++i) {
+        const auto at = static_cast<std::size_t>(i);
+        gone.push_back({mx.names[at], mx.preferences[at]});
+    }
+    Resolver::RemoveSameServerMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
+    if (observer_ != nullptr) {
+        gone.erase(gone.begin(), gone.begin() + mx.count);
+    }
+    return gone;
+}
+
+int MXlookup::takeExchangers(const Email::Exchangers& mx, const char* domain, IPaddressList& out,
+                             int max, eventId& event) {
     int last = 0;
     for (int i = 0; i < mx.count; ++i) {
-        const int found = takeHost(mx.names[static_cast<std::size_t>(i)], domain, out, max);
+        const auto at = static_cast<std::size_t>(i);
+        const int found = takeHost(mx.names[at], domain, out, max, mx.preferences[at]);
         if (Semaphore::shuttingDown()) {
             return -1;
         }

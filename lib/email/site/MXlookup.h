@@ -6,11 +6,19 @@
 #include "email/site/Resolver.h"
 
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <vector>
 
+namespace Email {
+struct Exchangers;
+} // namespace Email
+
 class MXlookup : public HostList {
 public:
+    // The observer, if any, is told of every look-up, whatever is remembered.
+    explicit MXlookup(Email::ServerObserver* observer = nullptr) noexcept : observer_(observer) {}
+
     // An answer is used again for this long, in seconds, and this many are held at most; within a
     // pass all are, to its end. Failures are held as well: a run asks a sick name server once per
     // domain and not once per recipient.
@@ -71,16 +79,26 @@ private:
     int lookUpByRfc(const char* domain, IPaddressList& out, int max, eventId& event);
     int useByRfc(std::span<const unsigned char> message, const char* domain, IPaddressList& out,
                  int max, eventId& event);
-    bool takeEquals(const std::vector<Email::Exchanger>& exchangers, std::size_t& at,
+    std::vector<Email::Exchanger> order(std::vector<Email::Exchanger>& exchangers) const;
+    void tellEquals(std::span<Email::Candidate> met, bool better) const;
+    bool takeEquals(std::span<const Email::Exchanger> exchangers, std::size_t& at,
                     const char* domain, IPaddressList& out, int max);
     int takeOwnAddress(const char* domain, IPaddressList& out, int max, eventId& event);
     int lookUp(const char* domain, IPaddressList& out, int max, eventId& event);
     // hostLookup(), which also notes under which name the domain's route has the addresses.
-    int takeHost(const char* name, const char* domain, IPaddressList& out, int max);
+    int takeHost(const char* name, const char* domain, IPaddressList& out, int max,
+                 std::optional<int> preference = {});
+    // The domain's own addresses, for the reason given.
+    int takeItself(const char* domain, IPaddressList& out, int max, eventId why);
+    int takeExchangers(const Email::Exchangers& mx, const char* domain, IPaddressList& out, int max,
+                       eventId& event);
+    std::vector<Email::Exchanger> cutAtThisHost(Email::Exchangers& mx) const;
+    void tell(std::span<const Email::Exchanger> exchangers, Email::Candidate::Fate fate) const;
     int useExchangers(const unsigned char* msg, int len, const char* domain, IPaddressList& out,
                       int max, eventId& event);
 
     static inline bool serverWaits_ = false;
 
     Resolver resolver_;
+    Email::ServerObserver* observer_;
 };

@@ -13,6 +13,17 @@
 
 namespace {
 
+using Email::Candidate;
+using Email::Exchanger;
+using Fate = Candidate::Fate;
+
+// Keeps what is met until it is known what becomes of it.
+struct Met final : Email::ServerObserver {
+    std::vector<Candidate> candidates;
+
+    void met(const Candidate& candidate) override { candidates.push_back(candidate); }
+};
+
 std::minstd_rand& chance() {
     static std::minstd_rand numbers(std::random_device{}());
     return numbers;
@@ -60,43 +71,83 @@ int MXlookup::useByRfc(std::span<const unsigned char> message, const char* domai
         return kNullMx;
     }
     event = exchangers->empty() ? EV_MX_NO_RECORD : EV_MX_NONE_LEFT;
-    Email::orderExchangers(*exchangers, chance(), hostName());
+    const std::vector<Email::Exchanger> gone = order(*exchangers);
     if (exchangers->empty()) {
+        tell(gone, Fate::NotBetter);
         return takeOwnAddress(domain, out, max, event);
     }
     exchangers->resize(std::min<std::size_t>(exchangers->size(), Resolver::kMaxExchangers));
-    for (std::size_t at = 0; at < exchangers->size() && out.count() < max;) {
-        if (!takeEquals(*exchangers, at, domain, out, max)) {
-            break;
-        }
+    const std::span<const Email::Exchanger> all = *exchangers;
+    std::size_t at = 0;
+    bool better = true; // than this host
+    while (better && at < all.size() && out.count() < max) {
+        better = takeEquals(all, at, domain, out, max);
     }
+    tell(all.subspan(at), better ? Fate::Enough : Fate::NotBetter);
+    tell(gone, Fate::NotBetter);
     event = out.count() > 0 ? EV_NONE : EV_MX_NO_ADDRESS;
     return Semaphore::shuttingDown() ? -1 : out.count();
 }
 
-// Takes the exchangers of one preference and moves `at` behind them. False, with none of them
-// taken, when one of them is this host: mail that came this far goes to better ones only.
-bool MXlookup::takeEquals(const std::vector<Email::Exchanger>& exchangers, std::size_t& at,
+// Orders them and cuts the list at this host's name. Those that go are handed back for the
+// observer.
+std::vector<Exchanger> MXlookup::order(std::vector<Exchanger>& exchangers) const {
+    std::vector<Exchanger> gone = observer_ == nullptr ? std::vector<Exchanger>() : exchangers;
+    Email::orderExchangers(exchangers, chance(), hostName());
+    std::erase_if(gone, [&exchangers](const Exchanger& one) {
+        return one.name.empty() || std::ranges::any_of(exchangers, [&one](const Exchanger& left) {
+                   return left.name == one.name && left.preference == one.preference;
+               });
+    });
+    return gone;
+}
+
+// Takes the exchangers of one preference and moves `at` behind what was looked up. False, with none
+// of them taken, when one of them is this host: mail that came this far goes to better ones only.
+bool MXlookup::takeEquals(std::span<const Exchanger> exchangers, std::size_t& at,
                           const char* domain, IPaddressList& out, int max) {
     IPaddressList equals;
+    Met met;
+    bool better = true;
     const int preference = exchangers[at].preference;
-    for (; at < exchangers.size() && exchangers[at].preference == preference; ++at) {
+    for (; better && at < exchangers.size() && exchangers[at].preference == preference; ++at) {
         const int before = equals.count();
-        hostLookup(exchangers[at].name.c_str(), equals, IPaddressList::kCapacity, false);
+        const Exchanger& asked = exchangers[at];
+        hostLookup(asked.name.c_str(), equals, IPaddressList::kCapacity, false,
+                   {observer_ == nullptr ? nullptr : &met, asked.name, preference});
         for (int i = before; i < equals.count(); ++i) {
-            if (isThisHost(equals.addr(i))) {
-                return false;
-            }
+            better = better && !isThisHost(equals.addr(i));
         }
-        Email::rememberServers(domain, equals, before, exchangers[at].name);
+        if (better) {
+            Email::rememberServers(domain, equals, before, asked.name);
+        }
     }
-    out.Add(equals, max);
-    return true;
+    if (better) {
+        out.Add(equals, max);
+    }
+    tellEquals(met.candidates, better);
+    return better;
+}
+
+void MXlookup::tellEquals(std::span<Candidate> met, bool better) const {
+    for (Candidate& candidate : met) {
+        if (candidate.address && isThisHost(*candidate.address)) {
+            candidate.fate = Fate::ThisHost;
+        } else if (candidate.address && !better) {
+            candidate.fate = Fate::NotBetter;
+        }
+        observer_->met(candidate);
+    }
 }
 
 int MXlookup::takeOwnAddress(const char* domain, IPaddressList& out, int max, eventId& event) {
     IPaddressList found;
+    const Email::Asked asked{observer_, domain};
+    if (observer_ != nullptr) {
+        observer_->ownAddress(event);
+    }
     if (hostLookup(domain, found, IPaddressList::kCapacity, false) < 0) {
+        asked.tell(Fate::Unresolved);
         if (mayPass()) {
             event = EV_MX_TEMPFAIL;
             return 0;
@@ -104,7 +155,9 @@ int MXlookup::takeOwnAddress(const char* domain, IPaddressList& out, int max, ev
         return -1;
     }
     for (int i = 0; i < found.count() && out.count() < max; ++i) {
-        if (!isThisHost(found.addr(i))) {
+        const bool own = isThisHost(found.addr(i));
+        asked.tell(own ? Fate::ThisHost : Fate::Taken, found.addr(i));
+        if (!own) {
             out.Add(found.addr(i));
         }
     }

@@ -2,11 +2,9 @@
 
 #include "email/base/Alarm.h"
 #include "email/base/Assert.h"
-#include "email/site/DomainRelay.h"
-#include "email/site/MXlookup.h"
 #include "email/site/mailscanGlobals.h"
-#include "email/smtp/Destination.h"
 #include "email/smtp/SenderParts.h"
+#include "email/smtp/ServerSearch.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -115,126 +113,37 @@ bool Sender::tryOpen(const IPaddressList& list, int port) {
     return false;
 }
 
+// The search's driver: connects, and tells the events, as Sender does.
+class Sender::Search final : public Email::ServerSearch::Driver {
+public:
+    explicit Search(Sender& sender) noexcept : sender_(sender) {}
+
+    bool timeIsUp() override { return sender_.CommandTimeOut(); }
+    void passed(eventId event) override { sender_.logEvent(event, nullptr, 0); }
+    void headsFor(const Email::Destination& to) override {
+        sender_.domain_ = to.asked();
+        // A direct send goes to the gateway's own server.
+        sender_.level_ =
+            to.direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(to.asked());
+    }
+    bool offer(const IPaddressList& servers, int port) override {
+        return sender_.tryOpen(servers, port);
+    }
+
+private:
+    Sender& sender_;
+};
+
 bool Sender::tryRelays(DomainRelay& relays, const char* domain, bool& tried) {
-    if (CommandTimeOut()) {
-        return false;
-    }
-    IPaddressList list;
-    eventId event = EV_NONE;
-    const int n = relays.getAddresses(domain, list, mailscanGlobals::max_addr_to_try, event);
-    tried = tried || n != 0;
-    if (n < 1) {
-        logEvent(event, nullptr, 0);
-        return false;
-    }
-    logEvent(EV_RELAY_FOUND, nullptr, 0);
-    if (tryOpen(list, Email::kMailPort)) {
-        return true;
-    }
-    logEvent(EV_RELAYS_FAILED, nullptr, 0);
-    return false;
+    Search driver(*this);
+    return Email::ServerSearch(driver, conversation).tryRelays(relays, domain, tried);
 }
 
 bool Sender::OpenTransport(SMTPcode& code, EmailAddr* rcpt) {
     conversation = {};
     searchingFor = rcpt;
-    const bool found = findServer(code, *rcpt);
+    Search driver(*this);
+    const bool found = Email::ServerSearch(driver, conversation).run(code, *rcpt);
     searchingFor = nullptr;
     return found;
-}
-
-bool Sender::findServer(SMTPcode& code, EmailAddr& rcpt) {
-    using Kind = Email::Destination::Kind;
-    const Email::Destination to = Email::Destination::of(rcpt);
-    if (CommandTimeOut()) {
-        code = TIMEOUTEXPIRED;
-        return false;
-    }
-    code = COMMS_FAILED;
-    logEvent(EV_CHOOSE_SERVER, nullptr, 0);
-    if (to.kind == Kind::NoDomain) {
-        logEvent(EV_BAD_DOMAIN, nullptr, 0);
-        code = BADHOSTNAME;
-        return false;
-    }
-    if (to.direct) {
-        logEvent(EV_DIRECT, nullptr, 0);
-    }
-    domain_ = to.asked();
-    // A direct send goes to the gateway's own server.
-    level_ = to.direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(to.asked());
-    switch (to.kind) {
-    case Kind::ThisHost:
-        logEvent(EV_SELF_SEND, nullptr, 0);
-        code = SELFSEND;
-        return false;
-    case Kind::Literal:
-        return openLiteral(rcpt);
-    default:
-        return (to.direct && openDirect(to.port)) || openRouted(code, to.asked(), rcpt, to.direct);
-    }
-}
-
-bool Sender::openDirect(int port) {
-    IPaddressList loopback;
-    loopback.Add(IPaddress::loopback);
-    return tryOpen(loopback, port);
-}
-
-bool Sender::openLiteral(EmailAddr& rcpt) {
-    IPaddressList list;
-    return exchangersOf(rcpt, list) >= 1 && tryOpen(list, Email::kMailPort);
-}
-
-bool Sender::openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct) {
-    bool tried = false;
-    if (!direct) {
-        if (tryRelays(DomainRelay::stdRelays, domain, tried)) {
-            return true;
-        }
-        if (tried) {
-            return false;
-        }
-    }
-    if (mailscanGlobals::dnsEnable && openExchangers(code, rcpt)) {
-        return true;
-    }
-    if (code == TAKES_NO_MAIL) {
-        return false;
-    }
-    if (tryRelays(DomainRelay::fallbackRelays, domain, tried)) {
-        return true;
-    }
-    if (!conversation.server) {
-        conversation.noneFound("");
-    }
-    if (code != MXHOST_NOT_FOUND && CommandTimeOut()) {
-        code = TIMEOUTEXPIRED;
-    }
-    return false;
-}
-
-int Sender::exchangersOf(EmailAddr& rcpt, IPaddressList& list) {
-    const int n = rcpt.GetMXhosts(list, mailscanGlobals::max_addr_to_try);
-    if (rcpt.attempt != nullptr) {
-        conversation.leftOut += rcpt.attempt->leftOut;
-    }
-    return n;
-}
-
-// Only a domain that does not exist, or that has no address at all, is without hope; a look-up that
-// gave nothing this time is tried again later.
-bool Sender::openExchangers(SMTPcode& code, EmailAddr& rcpt) {
-    logEvent(EV_MX_START, nullptr, 0);
-    IPaddressList list;
-    const int n = exchangersOf(rcpt, list);
-    if (n == MXlookup::kNullMx) {
-        code = TAKES_NO_MAIL;
-        return false;
-    }
-    if (n == -1) {
-        code = MXHOST_NOT_FOUND;
-        return false;
-    }
-    return tryOpen(list, Email::kMailPort);
 }

@@ -1,6 +1,6 @@
-// The SMTP client (RFC 5321): chooses the servers of one destination, connects to the first that
-// greets, and carries out single commands under time limits. The engine, which derives from it,
-// gives the commands in order and decides what becomes of a recipient.
+// The SMTP client (RFC 5321): has the servers of one destination chosen (ServerSearch.h), connects
+// to the first that greets, and carries out single commands under time limits. The engine, which
+// derives from it, gives the commands in order and decides what becomes of a recipient.
 //
 // Every operation that fails returns false with the code stored: the server's number, or 1001 when
 // the conversation broke, 1002 no such host, 1003 no domain, 1004 this host itself, 1005 the text
@@ -150,12 +150,7 @@ private:
 
     int openSocket(IPaddress address, int port) noexcept;
     bool tryAddress(IPaddress address, int port);
-    bool openDirect(int port);
-    int exchangersOf(EmailAddr& rcpt, IPaddressList& list);
-    bool openLiteral(EmailAddr& rcpt);
-    bool openExchangers(SMTPcode& code, EmailAddr& rcpt);
-    bool openRouted(SMTPcode& code, const char* domain, EmailAddr& rcpt, bool direct);
-    bool findServer(SMTPcode& code, EmailAddr& rcpt);
+    class Search;
 
     // Opening with EHLO and TLS: SenderSession.cpp.
     [[nodiscard]] bool wantsSession() const noexcept;

@@ -179,14 +179,14 @@ std::chrono::steady_clock::duration EmailAddr::lookAhead() const {
     return n < 1 ? Clock::now() - start : Clock::duration::zero();
 }
 
-int EmailAddr::lookUpMX(const char* domain) {
+int EmailAddr::lookUpMX(const char* domain, Email::ServerObserver* observer) {
     if (domain == nullptr) {
         return -1;
     }
     IPaddressList all;
     IPaddressList found;
     eventId event = EV_NONE;
-    int count = MXlookup().getAddresses(domain, all, kAnyCount, event);
+    int count = MXlookup(observer).getAddresses(domain, all, kAnyCount, event);
     if (count >= 1) {
         count = found.AddNot(all, mailscanGlobals::max_addr_to_try, HostList::BlackL);
     }
@@ -202,11 +202,11 @@ int EmailAddr::lookUpMX(const char* domain) {
     return count;
 }
 
-int EmailAddr::GetMXhosts(IPaddressList& out, int max) {
+int EmailAddr::GetMXhosts(IPaddressList& out, int max, Email::ServerObserver* observer) {
     if (!doneMX_) {
         doneMX_ = true;
         std::array<char, kDomainSize> domain{};
-        const int count = lookUpMX(GetDomain(domain.data()) ? domain.data() : nullptr);
+        const int count = lookUpMX(GetDomain(domain.data()) ? domain.data() : nullptr, observer);
         if (count < 1) {
             return count;
         }

@@ -12,6 +12,10 @@
 #include <span>
 #include <string>
 
+namespace Email {
+class ServerObserver;
+} // namespace Email
+
 class EmailAddr {
 public:
     static constexpr std::size_t kMaxText = 2048;   // characters of an address, brackets included
@@ -56,15 +60,15 @@ public:
     std::chrono::steady_clock::duration lookAhead() const;
 
     // Appends the domain's mail exchangers to `out` and returns its count; 0 or less, with `out`
-    // untouched, when the (one) lookup yields none.
-    int GetMXhosts(IPaddressList& out, int max);
+    // untouched, when the (one) lookup yields none. The observer is told of that lookup.
+    int GetMXhosts(IPaddressList& out, int max, Email::ServerObserver* observer = nullptr);
 
 private:
     // The mail exchangers found, best first; none before the lookup or after a failed one.
     [[nodiscard]] std::span<const IPaddress> servers() const noexcept;
     [[nodiscard]] bool serves(IPaddress addr) const noexcept;
     bool throughRelaysOrMX(IPaddress addr);
-    int lookUpMX(const char* domain);
+    int lookUpMX(const char* domain, Email::ServerObserver* observer = nullptr);
 
     std::string address_;
     std::unique_ptr<IPaddress[]> MXhosts_;
