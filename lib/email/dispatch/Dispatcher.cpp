@@ -91,7 +91,7 @@ int Dispatcher::run() {
     while (!finished()) {
         const bool more = readOn();
         handOut();
-        wait(more ? 0 : kTick);
+        wait(more || finished() ? 0 : kTick);
     }
     for (WorkerState& worker : pool_.workers()) {
         pool_.release(worker);

@@ -68,17 +68,26 @@ bool ListSender::Send(const FileName& entry, bool deferred, int traceLevel) {
     return result == SEND_FINISHED;
 }
 
+// In a large queue nearly all messages wait, and a run costs little but what is done for these: so
+// their lists are read before their texts are opened. Not where the text's trouble may have to be
+// told first.
 SendResult ListSender::sendQueued(Email::QueuedMessage& message, const FileName& entry,
                                   bool deferred) {
+    const auto readList = [&] { return message.read(recipients_, deferred ? listLock_ : nullptr); };
+    const bool early = deferred && trace == 0 && Email::canBeOpened(message.text()());
+    Trouble trouble = early ? readList() : Trouble();
+    if (early && !trouble && !CheckTime() && tooSoon()) {
+        deniedTexts_ = 0;
+        return SEND_DEFERRED;
+    }
     Email::FdStream text(message.text()());
     if (!text.is_open()) {
         return unusable(EV_TEXT_OPEN_FAILED, message.text(), text.error());
     }
     deniedTexts_ = 0;
-    if (const Trouble trouble = message.read(recipients_, deferred ? listLock_ : nullptr)) {
-        return unusable(EV_RCPT_READ_FAILED, message.text(), *trouble);
-    }
-    return attempt(text, deferred, entry(), &message);
+    trouble = early ? trouble : readList();
+    return trouble ? unusable(EV_RCPT_READ_FAILED, message.text(), *trouble)
+                   : attempt(text, deferred, entry(), &message);
 }
 
 SendResult ListSender::unusable(eventId event, const FileName& text, int error) {

@@ -6,17 +6,24 @@
 #include "email/spool/MessageLock.h"
 #include "email/telling/DeliveryLog.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <array>
 #include <cerrno>
 #include <new>
+#include <string_view>
 
 using Email::QueuedMessage;
 
 namespace {
 
 constexpr unsigned kPathLimit = 200; // characters of a message's path, with the terminator
+
+bool isEntry(const FileName& file) noexcept {
+    struct stat status {};
+    return ::lstat(file(), &status) == 0;
+}
 
 } // namespace
 
@@ -30,11 +37,30 @@ void MailReSender::RetryAll(int traceLevel) {
         if (!entry) {
             break;
         }
-        tryFile(entry.get());
+        if (walkTrace_ != 0) {
+            tryFile(entry.get()); // each of them has its lines
+        } else {
+            tryEntry(*entry);
+        }
     }
     if (spool.error() != 0) {
         Email::writeLine(Email::LogLine::SpoolUnreadable,
                          {.error = spool.error(), .args = {mailscanGlobals::deferred_mail_path()}});
+    }
+}
+
+// Every second entry is the list of another one and no message: it is passed over without asking
+// for a list of its own. Should a message be called so, its list is an entry, too.
+void MailReSender::tryEntry(FileName& entry) {
+    const std::string_view ending = QueuedMessage::listEnding(QueuedMessage::Queue::Deferred);
+    std::string_view path = entry();
+    if (!path.ends_with(ending)) {
+        return tryFile(&entry);
+    }
+    path.remove_suffix(ending.size());
+    FileName message(std::string(path).c_str());
+    if (path.ends_with(ending) && isEntry(message)) {
+        tryFile(&message);
     }
 }
 

@@ -29,6 +29,7 @@ public:
     bool Send(const FileName& entry);
 
 private:
+    void tryEntry(FileName& entry);
     void countEntry(const Email::MessageLock& lock) noexcept;
     void traceFile(Email::LogLine line, const std::string& file) const;
     void deliverLocked(const FileName& entry, const std::string& lockFile);

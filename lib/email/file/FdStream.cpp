@@ -60,6 +60,13 @@ OpenedText openText(const char* path) noexcept {
     return {std::move(fd), status.st_size, 0};
 }
 
+bool canBeOpened(const char* path) noexcept {
+    constexpr mode_t kForAll = S_IRUSR | S_IRGRP | S_IROTH;
+    struct stat status {};
+    return ::stat(path, &status) == 0 && S_ISREG(status.st_mode) &&
+           (status.st_mode & kForAll) == kForAll;
+}
+
 FdStreambuf::FdStreambuf(int fd, off_t size) noexcept : fd_(fd), size_(size) {}
 
 std::streamsize FdStreambuf::readAt(char* out, std::streamsize n) noexcept {

@@ -29,6 +29,11 @@ struct OpenedText {
 // device is refused with ENXIO and never waited for. Opened patiently.
 OpenedText openText(const char* path) noexcept;
 
+// True for a regular file that its permissions let everybody read: openText() would open it. One
+// call in place of three, for those who need not read it now. False may also mean that this is not
+// known; opening tells then.
+[[nodiscard]] bool canBeOpened(const char* path) noexcept;
+
 // Reads at offsets of its own, from 0 on: the descriptor must be seekable, and seeking makes no
 // system call. The descriptor stays the caller's.
 class FdStreambuf : public std::streambuf {
@@ -62,7 +67,8 @@ private:
     off_t offset_ = 0; // of the byte behind the buffered ones
     int error_ = 0;
     std::ios* owner_ = nullptr;
-    std::array<char, 4096> block_{}; // filled by underflow() only
+    std::array<char, 4096>
+        block_; // filled by underflow() only: clearing it took longer than the rest
 };
 
 class FdStream : public std::istream {

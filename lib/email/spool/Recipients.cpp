@@ -100,8 +100,10 @@ bool Recipients::Read(std::istream& text, bool full) {
         return false;
     }
     Destroy();
-    firstTry.SetNow();
-    previousTry = firstTry;
+    if (!full) { // else the file says
+        firstTry.SetNow();
+        previousTry = firstTry;
+    }
     BoundedLineReader in(text, kHeadLine, kHeadLine);
     if (full && !(readTimeLine(in, firstTry) && readTimeLine(in, previousTry) &&
                   readNumberLine(in, numberOfTries))) {
