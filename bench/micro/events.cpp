@@ -23,10 +23,12 @@ void buildEvent(benchmark::State& state) {
 BENCHMARK(buildEvent);
 
 void formatOutcome(benchmark::State& state) {
+    Email::Attempt attempt;
+    attempt.tryServer(IPaddress(0x0100000a));
     const Email::LogFields fields{.message = "/var/spool/deferred/m042929",
                                   .sender = "<s@bench.test>",
                                   .recipient = "<r@d0.bench.test>",
-                                  .relay = IPaddress(0x0100000a),
+                                  .attempt = &attempt,
                                   .code = 250};
     for (auto run : state) {
         benchmark::DoNotOptimize(Email::formatLine(Email::LogLine::Delivered, fields));

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The cases behind tools/cluster; see there. Mail is counted as the sweeps count it."""
 import argparse
+import collections
 import concurrent.futures
 import contextlib
 import glob
@@ -50,7 +51,7 @@ class Gateways(Scene):
         os.mkdir(self.world.outgoing_dir)
         self.world.table(*map(elsewhere, scene.ROUTES))
         places = {"retryer": self.world.binary, "retryq": world.RETRYQ}
-        self.command = [places.get(word, word) for word in options.program.split()]
+        self.commands = [[places.get(word, word) for word in program.split()] for program in options.programs.split(",")]
         self.slots, self.faults = [], []
 
     def fill(self):
@@ -62,14 +63,15 @@ class Gateways(Scene):
 
     def schedule(self, host):
         """Starts walkers on the host again and again, as its scheduler would."""
-        for _ in range(self.walkers):
-            self.slots.append(threading.Thread(target=self._again_and_again, args=(host,), daemon=True))
+        for at in range(self.walkers):
+            command = self.commands[at % len(self.commands)]
+            self.slots.append(threading.Thread(target=self._again_and_again, args=(host, command), daemon=True))
             self.slots[-1].start()
 
-    def _again_and_again(self, host):
+    def _again_and_again(self, host, command):
         while not self.stop:
             env = {"PATH": os.environ["PATH"], "TAVORIX": self.world.root, "TZ": "UTC"}
-            done = subprocess.run(host.inside("env", "--chdir=/", *self.command), env=env, check=False,
+            done = subprocess.run(host.inside("env", "--chdir=/", *command), env=env, check=False,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             if done.returncode < 0:
                 return  # the host is gone
@@ -96,16 +98,40 @@ class Gateways(Scene):
         """The last word: whatever waits is tried once more, by one walker."""
         self.run("-t", str(self.hosts[0].first), "-a", self.world.binary, "-now", binary="nsenter", timeout=900)
 
-    def in_hand(self, host):
-        """The recipients of the messages that the host's walkers have open, and their senders."""
-        names = set()
-        for path in glob.glob(f"/proc/{host.first}/root/proc/[0-9]*/fd/*"):
-            with contextlib.suppress(OSError):
-                names.add(os.path.basename(os.readlink(path)).partition(".")[0])
-        return {rcpt for rcpt, leaf in scene.RECIPIENTS.items() if leaf in names}
+    def in_hand(self):
+        """The messages that each host's walkers have open now."""
+        self.middle, self.hands = time.monotonic(), {host.name: set() for host in self.hosts}
+        for host in self.hosts:
+            for path in glob.glob(f"/proc/{host.first}/root/proc/[0-9]*/fd/*"):
+                with contextlib.suppress(OSError):
+                    leaf = os.path.basename(os.readlink(path)).partition(".")[0].split(" ")[0]
+                    self.hands[host.name] |= {leaf} & scene.MESSAGES.keys()
+
+    def of_host(self, host):
+        """The recipients of the messages that it had in hand."""
+        return {rcpt for rcpt, leaf in scene.RECIPIENTS.items() if leaf in self.hands[host.name]}
+
+    def twice_told(self):
+        """For each message with second copies: who sent them when, from the middle on, and who had it
+        in hand then."""
+        names = {host.address: host.name for host in self.hosts}
+        copies = collections.defaultdict(list)
+        for server in self.servers:
+            for session in server.sessions:
+                for rcpt in [rcpt for mail in session.mails if mail.accepted for rcpt in mail.recipients]:
+                    copies[rcpt].append((round(session.began - self.middle, 1), names.get(session.client, session.client)))
+        told = collections.defaultdict(set)
+        for rcpt, sent in copies.items():
+            if rcpt in scene.RECIPIENTS and len(sent) > 1:
+                told[scene.RECIPIENTS[rcpt]].add(tuple(sorted(sent)))
+        for leaf, ways in told.items():
+            by = [name for name, leaves in self.hands.items() if leaf in leaves]
+            yield f"{leaf}, in hand of {', '.join(by) or 'nobody'}, was sent " + "; ".join(
+                " and ".join(f"by {name} at {seconds:+} s" for seconds, name in way) for way in sorted(ways))
 
 
 def calm(volume, gateways):
+    gateways.in_hand()
     return set(), []
 
 
@@ -114,6 +140,7 @@ near = alone = calm  # other hosts, or another spool, and nothing happens
 
 def brick(volume, gateways):
     """The copy of one host ends; it is started again later and catches up."""
+    gateways.in_hand()
     host = volume.hosts[1]
     host.play("kill", "-9", str(host.brick_process()))
     time.sleep(PATIENCE)
@@ -125,19 +152,19 @@ def ended(volume, gateways):
     """A host loses its power; the others see its locks go. It comes back when they are done."""
     host = volume.hosts[2]
     host.network(False)
-    twice = gateways.in_hand(host)
+    gateways.in_hand()
     host.end()
-    return twice, [host.start, host.attach]
+    return gateways.of_host(host), [host.start, host.attach]
 
 
 def cut(volume, gateways):
     """A host loses its network, longer than the others wait for it, and gets it back."""
     host = volume.hosts[2]
     host.network(False)
-    twice = gateways.in_hand(host)
+    gateways.in_hand()
     time.sleep(3 * PATIENCE)
     host.network(True)
-    return twice, []
+    return gateways.of_host(host), []
 
 
 CASES = {"near": near, "alone": alone, "calm": calm, "brick": brick, "ended": ended, "cut": cut}
@@ -165,7 +192,8 @@ def play(scratch, volume, name, options):
     lost = sum(place is None for place in ledger.places().values())
     again = sum(count - 1 for count in (ledger.copies + ledger.told).values())
     row = name, len(scene.MESSAGES), total, sum(ledger.copies.values()), lost, again, len(twice), round(middle - began, 1), round(seconds, 1)
-    return row, faults
+    hands = [f"in hand then: {name} {' '.join(sorted(leaves)) or '-'}" for name, leaves in gateways.hands.items()]
+    return row, faults, hands + list(gateways.twice_told())
 
 
 def main():
@@ -174,7 +202,7 @@ def main():
     parser.add_argument("--messages", type=int, default=5000)
     parser.add_argument("--walkers", type=int, default=4)
     parser.add_argument("--only", default=",".join(CASES))
-    parser.add_argument("--with", dest="program", default="retryer")
+    parser.add_argument("--with", dest="programs", default="retryer")
     parser.add_argument("--most", type=int, default=3600, help="seconds for one case")
     options = parser.parse_args()
     scene.cast(dict(messages(options.messages)))
@@ -187,9 +215,9 @@ def main():
     print(form.format("case", "messages", "recipients", "accepted", "lost", "twice", "(in hand)", "half at s", "all at s"), flush=True)
     failed = 0
     for name in options.only.split(","):
-        row, faults = play(scratch, volume, name, options)
+        row, faults, more = play(scratch, volume, name, options)
         print(form.format(*row), flush=True)
-        for fault in faults[:20]:
+        for fault in more + faults[:20]:
             print("   ", fault, flush=True)
         failed += len(faults)
         Scene.forget(Scene)

@@ -41,10 +41,10 @@ class Mail:
 
 
 class Session:
-    """What one client did: every byte, its command lines, its mails, the address it came to."""
+    """What one client did: every byte, its command lines, its mails, the address it came to and its own."""
 
-    def __init__(self, address):
-        self.address, self.raw, self.commands, self.mails, self.began = address, bytearray(), [], [], time.monotonic()
+    def __init__(self, address, client=""):
+        self.client, self.address, self.raw, self.commands, self.mails, self.began = client, address, bytearray(), [], [], time.monotonic()
 
 
 class SmtpServer:
@@ -84,12 +84,12 @@ class SmtpServer:
     def _accept(self):
         while True:
             try:
-                client, _ = self._socket.accept()
+                client, peer = self._socket.accept()
             except OSError:
                 return
             with self._lock:
                 script = self._scripts[min(len(self.sessions), len(self._scripts) - 1)]
-                session = Session(client.getsockname()[0])
+                session = Session(client.getsockname()[0], peer[0])
                 self.sessions.append(session)
             threading.Thread(target=self._serve, args=(client, session, script), daemon=True).start()
 
