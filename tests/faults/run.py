@@ -2,7 +2,7 @@
 """Plays one part of one sweep in a world of its own.
 
     tests/faults/run.py SWEEP PART PARTS SAMPLE SEED     every SAMPLE-th case from the seed on; the last line
-counts"""
+counts. With internet- before the sweep: with the rule table's block for Internet mail."""
 
 import os
 import shutil
@@ -11,6 +11,7 @@ import sys
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path[1:1] = [os.path.join(ROOT, "tools/lib"), os.path.join(ROOT, "tests")]
 import hostile
+import scene
 import sweeps
 import walkers
 import world
@@ -27,6 +28,9 @@ ALWAYS = {"kill": ("rename", "unlink")}
 def main():
     scratch = world.enter()
     sweep, part, parts, sample, seed = sys.argv[1], *map(int, sys.argv[2:6])
+    if sweep.startswith("internet-"):
+        scene.internet(scratch)
+        sweep = sweep.removeprefix("internet-")
     passed = failed = 0
     whole = sweep.removeprefix("run-") not in ("kill", "error", "power", "hands")  # the cases of a table share their runs
     found = SWEEPS[sweep](scratch, lambda n: (n + seed) % sample == 0, seed) if whole else SWEEPS[sweep](scratch)

@@ -2,7 +2,10 @@
 recipient's mail is, added up from what servers accepted, what lies in the spool and what the log
 admits. Written from docs/promises.md; what the program does inside is not its business."""
 import collections
+import os
 import re
+import ssl
+import subprocess
 import time
 
 import world
@@ -22,15 +25,23 @@ ZONE = {("mx.test", MX): [mx("mx.test", 10, "host.test")], ("host.test", A): [a(
 # Leaf: the domain of the sender, recipients, more for World.queue.
 MESSAGES = {leaf: (sender, rcpts.split(), {word: int(seconds) for word, seconds in map(str.split, more)})
             for leaf, sender, rcpts, *more in table("faults/data/scene.txt")}
+OFFER = "250-mx.test\r\n250-PIPELINING\r\n250-SIZE 10000000\r\n250-8BITMIME\r\n250-SMTPUTF8\r\n250 ENHANCEDSTATUSCODES"
+TLS = "127.0.0.2"
+FOREIGN = "192.0.2.3"  # for those who take 127.0.0.3 for this host itself
 STRAYS = {"no-list": b"a text nobody ever listed\n", "no-text.rmd": b"2020/00/01@00:00:00_GMT\n"}
 
 
 class Server(SmtpServer):
     """Knows when it has heard the last of its clients, and how many seconds each stayed."""
 
-    def __init__(self, *args, **how):
+    offer, context = None, None  # to EHLO, and for TLS where it is wanted
+
+    def __init__(self, address, script=None, tls=False):
         self.served = 0
-        super().__init__(*args, **how)
+        offer = {"ehlo": self.offer} if self.offer and "helo" not in (script or {}) else {}
+        if tls and self.context:
+            offer = {"ehlo": self.offer.replace("250 ", "250-STARTTLS\r\n250 "), "starttls": "220 go"}
+        super().__init__(address, {**offer, **(script or {})}, tls=self.context)
 
     def _serve(self, client, session, script):
         try:
@@ -72,13 +83,29 @@ def cast(messages):
 
 
 cast(MESSAGES)
-FAILED = re.compile(rb"------ Failed Recipients ------\s+(.*?)-------- Returned Mail --------", re.S)
+FAILED = re.compile(rb"------ Failed Recipients ------\s+(.*?)(?:-------- Returned Mail --------|\r?\n--=_)", re.S)
 
 
 def told_about(body):
     """The recipients that a return mail names, each with the reason it gives."""
     part = FAILED.search(body)
     return re.findall(r"^(<.*>): (.*?)\r?$", part[1].decode("latin-1"), re.M) if part else []
+
+
+def internet(scratch):
+    """From here on every rule table has what the sample recommends for Internet mail, and servers offer what it
+    can use; the first server TLS too."""
+    with open(os.path.join(world.REPO, "packaging/etc/rulbex-table")) as sample:
+        block = sample.read().partition("# Internet mail, recommended")[2].partition("\n\n")[0]
+    world.World.always = re.findall(r"^#vorn: (.*)", block, re.M)
+    subprocess.run(["ip", "route", "add", "local", FOREIGN, "dev", "lo"], check=True)
+    ZONE["host.test", A] = [a("host.test", FOREIGN)]
+    SERVERS[FOREIGN] = ANSWERS
+    pem = os.path.join(scratch, "pem")
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", pem, "-out", pem + ".crt", "-subj", "/CN=mx"],
+                   check=True, stderr=subprocess.DEVNULL)
+    Server.offer, Server.context = OFFER, ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    Server.context.load_cert_chain(pem + ".crt", pem)
 
 
 class Scene:
@@ -88,7 +115,7 @@ class Scene:
 
     def __init__(self, scratch, leaves=MESSAGES):
         if Scene.servers is None:
-            Scene.servers = [Server(address, script) for address, script in SERVERS.items()]
+            Scene.servers = [Server(address, script, tls=address == TLS) for address, script in SERVERS.items()]
             DnsServer(ZONE)
         self.world, self.log, self.leaves = world.World(scratch), [], leaves
         self.world.table(*ROUTES)
@@ -177,7 +204,7 @@ class Ledger:
                 self.fault(f"{leaf} is not whole: {data!r}")
             self.kept.update(rcpt for rcpt, _ in rmd.recipients)
         else:
-            if not self.spool[leaf].endswith(b"\n") or b"Returned Mail --------" not in self.spool[leaf]:
+            if not self.spool[leaf].endswith(b"\n") or not re.search(rb"Returned Mail --------|--=_\S+--\n\Z", self.spool[leaf]):
                 self.fault(f"{leaf} is not a whole return mail: {self.spool[leaf]!r}")
             self.tell(self.spool[leaf])
 

@@ -44,6 +44,25 @@ EXTENSIONS = {
 }
 
 
+# Many recipients and what becomes of them, with a server that offers PIPELINING and with one that does not.
+AHEAD = "250-mx.test\r\n250-8BITMIME\r\n250 PIPELINING"
+LONG = [f"u{n}" for n in range(250)]
+PIPELINED = {
+    "all taken": (["a", "b", "c"], {}),
+    "one refused, one busy": (["a", "b", "c", "d"], {"rcpt": {"b@": "550 no", "c@": "450 later"}}),
+    "the first refused": (["a", "b", "c"], {"rcpt": {"a@": "550 no", "c@": "452 too many"}}),
+    "all refused": (["a", "b"], {"rcpt": "550 no"}),
+    "sender refused": (["a", "b"], {"mail": "550 no"}),
+    "no text": (["a", "b", "c"], {"rcpt": {"b@": "550 no"}, "data": "451 later"}),
+    "text refused": (["a", "b", "c"], {"rcpt": {"b@": "450 no"}, "dot": "554 spam"}),
+    "leaves early": (["a", "b", "c"], {"rcpt": {"b@": ("421 bye", CLOSE)}}),
+    "8 bits refused with MAIL": (["a", "b"], {"mail": {"BODY=8BITMIME": "555 no such option", "": "250 ok"}}),
+    "more than a window": (LONG, {"rcpt": {f"u{n}@": "550 no" for n in range(1, 250, 7)}}),
+    "more bytes than a window": ([f"{n}" + "x" * 500 for n in range(40)], {"rcpt": {"7x": "450 later"}}),
+    "too long for a command": (["a", "b" * 1100, "c"], {}),
+}
+
+
 FAR = "10.9.8.7"  # an address of this host that /etc/hosts does not know, in this world also another's
 
 
@@ -212,6 +231,27 @@ class Internet(SystemTest):
                  for session in server.sessions]
         self.assertEqual(found, said)
         self.assert_outcome("m", outcome(ends), returns)
+
+    @cases(PIPELINED)
+    def test_pipelining_changes_nothing_but_the_writes(self, users, script):
+        self.table("smtp-extensions yes")
+        returns, found = self.smtp(SENDERS), []
+        for offer in (AHEAD.replace("PIPELINING", "HELP"), AHEAD):
+            server = self.smtp(THERE, {"ehlo": offer, **script})
+            returns.sessions.clear()
+            self.world.queue("m", [f"<{user}@secure.test>" for user in users], text="Subject: \xe4\n\n.dot\n".encode())
+            run = self.run_ok()
+            left = self.world.rmd("m").recipients if "m.rmd" in self.world.spool() else []
+            found.append((left, [(mail.recipients, mail.data) for mail in server.mails], len(server.sessions),
+                          [re.findall(rb"^<.*?>: .*$", mail.data, re.M) for mail in returns.mails],
+                          [re.sub(r"^\d+ |waited=\d+|rjct\w+|error=\d+ \(.*?\)", "", line.text) for line in run.log]))
+            server.stop()
+            for name in self.world.spool():
+                os.unlink(self.world.spool_dir + name)
+        self.assertEqual(*found)
+        first, = (piece for piece in server.sessions[0].pieces if piece.startswith(b"mail from:"))
+        if len(users) < 4 and max(map(len, users)) < 1000:
+            self.assertTrue(first.endswith(b"\r\nDATA\r\n"), first)
 
     @cases(RFC)
     def test_dns_by_the_internets_rules(self, answers, rcpt, lines, classic, rfc):

@@ -14,7 +14,8 @@ from world import DNS_ADDRESS, REPO
 
 CLOSE, RST, SILENT = "<close>", "<reset>", "<silence>"
 DEFAULT = {"banner": "220 ready", "helo": "250 hello", "mail": "250 sender ok", "rcpt": "250 ok", "data": "354 go on",
-           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "starttls": "500 unknown", "other": "500 unknown"}
+           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "starttls": "500 unknown", "other": "500 unknown",
+           "early": "503 not now"}
 COMMANDS = {b"HELO": "helo", b"EHLO": "ehlo", b"STAR": "starttls", b"MAIL": "mail", b"RCPT": "rcpt", b"DATA": "data", b"QUIT": "quit",
             b"RSET": "rset"}
 
@@ -45,6 +46,7 @@ class Session:
 
     def __init__(self, address, client=""):
         self.client, self.address, self.raw, self.commands, self.mails, self.began = client, address, bytearray(), [], [], time.monotonic()
+        self.pieces = []  # as they arrived
 
 
 class SmtpServer:
@@ -55,7 +57,8 @@ class SmtpServer:
     action is a reply line, or a tuple of steps: str a line, bytes raw, a number of seconds to wait,
     ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
     connection each, the last one all that follow. EHLO is answered as HELO unless there is an "ehlo"; with
-    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS. With a `gate` (threading.Event) nobody is
+    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS. "early" answers RCPT without MAIL, and DATA without an
+    accepted recipient; with "serial" what came behind a command is thrown away. With a `gate` (threading.Event) nobody is
     greeted before it is set."""
 
     def __init__(self, address="127.0.0.2", script=None, port=25, gate=None, tls=None):
@@ -107,6 +110,7 @@ class SmtpServer:
 class _Conversation:
     def __init__(self, client, session, script, tls):
         self.client, self.session, self.script, self.tls, self.pending = client, session, script, tls, b""
+        self.step = ""  # the last of MAIL and RCPT that was accepted
 
     def play(self):
         self.act("banner")
@@ -122,8 +126,12 @@ class _Conversation:
     def command(self, stage, argument):
         if stage == "mail":
             self.session.mails.append(Mail(argument))
-        reply = self.act(stage, argument)
-        if stage == "rcpt" and reply[:1] == b"2" and self.session.mails:
+        early = (stage, self.step) in (("rcpt", ""), ("data", ""), ("data", "mail"))
+        reply = self.act("early" if early else stage, argument)
+        good = reply[:1] == b"2"
+        if stage == "mail" or good and stage == "rcpt":
+            self.step = stage if good else ""
+        if stage == "rcpt" and good and self.session.mails:
             self.session.mails[-1].recipients.append(argument)
         if stage == "data" and reply[:1] == b"3":
             self.body()
@@ -146,7 +154,7 @@ class _Conversation:
             seen = max(0, len(data) - len(end))
             data += self.receive()
         at += len(end)
-        self.pending = bytes(data[at:])
+        self.pending = b"" if "serial" in self.script else bytes(data[at:])
         return bytes(data[:at])
 
     def receive(self):
@@ -155,6 +163,7 @@ class _Conversation:
         if not got:
             raise EOFError
         self.session.raw += got
+        self.session.pieces.append(got)
         return got
 
     def steps(self, stage, argument=""):

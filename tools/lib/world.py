@@ -210,6 +210,7 @@ class World:
     """The program's install tree, rule table and spool, fresh in a directory of their own."""
 
     _syslog = None
+    always = ()  # lines of every rule table
 
     def __init__(self, scratch, binary=BINARY, **settings):
         self.root = tempfile.mkdtemp(prefix="w", dir=scratch)
@@ -229,7 +230,7 @@ class World:
                   "smtp-connect-timeout": 3, "smtp-mail-timeout": 3, "smtp-rcpt-timeout": 3,
                   "smtp-data-timeout": 3, "smtp-send-timeout": 3, "smtp-final-timeout": 3}
         values.update((key.replace("_", "-"), value) for key, value in settings.items())
-        lines = [f"{key} {value}" for key, value in values.items() if value is not None] + list(extra)
+        lines = [f"{key} {value}" for key, value in values.items() if value is not None] + [*self.always, *extra]
         with open(os.path.join(self.root, "usr/local/etc/rulbex-table"), "w") as out:
             out.write("".join(f"vorn: {line}\n" for line in lines) if raw is None else raw)
 

@@ -15,6 +15,7 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <vector>
 
 class FileName;
 
@@ -139,6 +140,7 @@ private:
     // One conversation of a pass.
     void converse(MailList& failed, std::istream& text, SMTPcode& code);
     [[nodiscard]] bool needsUtf8(const EmailAddr& first) const;
+    [[nodiscard]] std::vector<const char*> servedWith(const EmailAddr& first);
     void deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,
                  SMTPcode& code);
     void gather(MailList& accepted, MailList& failed, SMTPcode& code);

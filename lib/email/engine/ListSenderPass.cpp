@@ -7,6 +7,7 @@
 
 #include <array>
 #include <utility>
+#include <vector>
 
 using Email::LogLine;
 
@@ -55,6 +56,9 @@ void ListSender::converse(MailList& failed, std::istream& text, SMTPcode& code) 
     if (greeted && mailscanGlobals::smtpExtensions) {
         consider(text, needsUtf8(*first));
     }
+    if (greeted && takesAhead()) {
+        sendAhead(servedWith(*first));
+    }
     if (greeted && SendMAIL(recipients_.GetSender(), &code) && SendRCPT(name, &code)) {
         deliver(std::move(first), failed, text, code);
     } else {
@@ -71,6 +75,18 @@ bool ListSender::needsUtf8(const EmailAddr& first) const {
         needed = needed || Email::isEightBit(rcpt->text());
     }
     return needed;
+}
+
+// Whom the conversation will be about, in the order in which gather() asks.
+std::vector<const char*> ListSender::servedWith(const EmailAddr& first) {
+    const MXlookup::ServerWaits waits;
+    std::vector<const char*> names{first.text()};
+    recipients_.forEach([&](EmailAddr& rcpt) {
+        if (rcpt.suitableHost(serverAddress) && mayShare(rcpt)) {
+            names.push_back(rcpt.text());
+        }
+    });
+    return names;
 }
 
 void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std::istream& text,

@@ -173,11 +173,24 @@ void ExtSocketClass::Connect(const char* host, unsigned short port, int& err, in
     Connect(reinterpret_cast<const sockaddr*>(&address), sizeof address, err);
 }
 
-int ExtSocketClass::protect(std::unique_ptr<Email::TlsChannel> channel) noexcept {
-    // The ending of the last line stays held until the next one is asked for.
+// Bytes held behind the ending of the last line, which stays held until the next one is asked for.
+int ExtSocketClass::unread() const noexcept {
     const bool ending = readBufferUsed > 0 && isLineEnd(readBuffer[0]);
     const bool pair = readBufferUsed > 1 && readBuffer[0] == '\r' && readBuffer[1] == '\n';
-    const int discarded = readBufferUsed - (pair ? 2 : static_cast<int>(ending));
+    return readBufferUsed - (pair ? 2 : static_cast<int>(ending));
+}
+
+bool ExtSocketClass::inputWaiting() noexcept {
+    if (theSocket >= 0 && readBufferUsed < kReadBufferSize - 1) {
+        int err = 0;
+        bool urgent = false;
+        receive(urgent, err); // an end or an error shows again when something is read or sent
+    }
+    return unread() > 0;
+}
+
+int ExtSocketClass::protect(std::unique_ptr<Email::TlsChannel> channel) noexcept {
+    const int discarded = unread();
     readBufferUsed = 0;
     channel_ = std::move(channel);
     return discarded;

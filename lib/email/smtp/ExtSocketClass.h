@@ -78,6 +78,9 @@ public:
     // Returns how many bytes that were.
     int protect(std::unique_ptr<Email::TlsChannel> channel) noexcept;
 
+    // True when something has come that was not read yet. Waits for nothing.
+    [[nodiscard]] bool inputWaiting() noexcept;
+
     // Null while the connection is in the clear.
     [[nodiscard]] const Email::TlsChannel* channel() const noexcept { return channel_.get(); }
 
@@ -110,6 +113,7 @@ private:
     [[nodiscard]] int waitToSend(long limitMs) const noexcept;
     bool awaitProtected(long limitMs, int& err) noexcept;
     bool receive(bool& urgent, int& err) noexcept;
+    [[nodiscard]] int unread() const noexcept;
     bool awaitMore(long limitMs, bool& urgent, int& err) noexcept;
 
     std::unique_ptr<Email::TlsChannel> channel_;

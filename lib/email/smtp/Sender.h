@@ -17,6 +17,7 @@
 #include "email/site/HostList.h"
 #include "email/site/TlsPolicy.h"
 #include "email/smtp/ExtSocketClass.h"
+#include "email/smtp/Pipeline.h"
 #include "email/smtp/ServerExtensions.h"
 #include "email/smtp/TextNeeds.h"
 #include "email/spool/EmailAddr.h"
@@ -29,6 +30,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class DomainRelay;
 
@@ -39,8 +41,6 @@ struct TlsTarget;
 
 class Sender : public ExtSocketClass {
 public:
-    // A command line with its CR LF has fewer bytes than this.
-    static constexpr std::size_t kCommandLimit = 1025;
     // A reply of more continuation lines is given up.
     static constexpr int kMaxContinuations = 1024;
     // So is one that lasts longer than this many times its limit, or than this many seconds,
@@ -109,11 +109,19 @@ public:
     // True when the recipient's domain is content with the protection of this connection.
     [[nodiscard]] bool mayShare(const EmailAddr& rcpt) const;
 
+    // True when MAIL, RCPT and DATA may be written ahead of the replies.
+    [[nodiscard]] bool takesAhead() const noexcept;
+    // Before SendMAIL(), and only then: all recipients that SendRCPT() will be called for, in that
+    // order. The commands and their results are as without; those of the first window leave with
+    // MAIL. The texts must stay where they are until the transport closes.
+    void sendAhead(std::vector<const char*> recipients);
+
     // With 552, and nothing sent, for a text that is larger than the server takes.
     bool SendMAIL(const char* from, SMTPcode* code);
     bool SendRCPT(const char* to, SMTPcode* code);
     bool SendRSET(SMTPcode* code);
-    // True when it was sent; the reply is awaited but not judged.
+    // True when it was sent; the reply is awaited but not judged. With replies outstanding that do
+    // not come, or a text begun ahead that nobody may get, the transport is closed instead.
     bool SendQUIT(SMTPcode* code);
 
     // Sends the whole text as the message body; true when the server took it. The name is not used.
@@ -167,6 +175,13 @@ private:
     std::string shakeHands(Email::TlsContext& context, IPaddress address);
     [[nodiscard]] std::string mailArgument(const char* from) const;
 
+    // Writing commands, also ahead of replies: SenderPipeline.cpp.
+    void tellCommands(std::string_view lines);
+    bool writeCommand(std::string_view line, long timeoutSecs);
+    void noteRecipient(int code) noexcept;
+    bool catchUp();
+    bool endEmpty(long timeoutSecs);
+
     int readNumber(long timeoutSecs);
     bool command(Email::Stage stage, const char* cmd, const char* arg, long timeoutSecs,
                  SMTPcode* code);
@@ -199,6 +214,8 @@ private:
         Email::ServerExtensions offered;
         std::string name; // of the server, as TLS asked for it
         bool broken = false;
+        Email::Pipeline pipeline;
+        bool mayHaveRecipients = false; // one was not clearly refused
     };
     Email::ServerExtensions* answer_ = nullptr; // takes the lines of the reply that is read
     Email::TextNeeds needs_;

@@ -98,12 +98,17 @@ bool Sender::beginData(SMTPcode* code) {
     conversation.begin(Stage::Data);
     store(code, ACTION_OKA);
     const long limit = mailscanGlobals::DATA_initiation_interval;
-    if (!sendCommand("DATA", nullptr, limit, code)) {
+    if (!sendCommand(Email::kData, nullptr, limit, code)) {
         return false;
     }
     const int number = readReply(limit, code);
     if (success(number)) {
         conversation.error = Email::errorText(0, "DATA was not answered with 354");
+    }
+    // What comes now would be taken for the word on a text that was not sent yet.
+    if (session_.pipeline.active() && inputWaiting()) {
+        conversation.error = Email::errorText(0, "a reply to no command");
+        return giveUp(code, COMMS_FAILED);
     }
     return number == START_DATA;
 }

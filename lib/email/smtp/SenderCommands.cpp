@@ -22,28 +22,6 @@ long long secondsSince(Clock::time_point start) noexcept {
     return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
 }
 
-bool hasLineEnd(std::string_view text) noexcept {
-    return text.find_first_of("\r\n") != std::string_view::npos;
-}
-
-// The command line with its ending; empty when it must not be sent.
-std::string_view makeLine(std::array<char, Sender::kCommandLimit>& line, std::string_view cmd,
-                          const char* arg) noexcept {
-    const std::string_view argument = arg == nullptr ? "" : arg;
-    const std::size_t length = cmd.size() + (arg == nullptr ? 0 : argument.size() + 1) + 2;
-    if (length >= line.size() || hasLineEnd(cmd) || hasLineEnd(argument)) {
-        return {};
-    }
-    char* end = std::copy(cmd.begin(), cmd.end(), line.begin());
-    if (arg != nullptr) {
-        *end++ = ' ';
-        end = std::copy(argument.begin(), argument.end(), end);
-    }
-    *end++ = '\r';
-    *end = '\n';
-    return {line.data(), length};
-}
-
 } // namespace
 
 bool success(int code) noexcept {
@@ -51,16 +29,18 @@ bool success(int code) noexcept {
 }
 
 bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code) {
-    int err = 0;
     if (CommandTimeOut()) {
         static constexpr std::string_view kQuit = "QUIT\r\n";
-        WriteN(kQuit.data(), static_cast<int>(kQuit.size()), kQuitLimitMs, err);
+        if (!session_.pipeline.ahead()) {
+            int err = 0;
+            WriteN(kQuit.data(), static_cast<int>(kQuit.size()), kQuitLimitMs, err);
+        }
         conversation.error = Email::errorText(ETIME);
         return giveUp(code, TIMEOUTEXPIRED);
     }
     store(code, COMMS_FAILED);
-    std::array<char, kCommandLimit> buffer{};
-    const std::string_view line = makeLine(buffer, cmd, arg);
+    Email::CommandRoom room{};
+    const std::string_view line = Email::commandText(room, cmd, arg);
     if (line.empty()) {
         conversation.error = Email::errorText(0, "the command is too long or has a line break");
         return false;
@@ -69,12 +49,7 @@ bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMT
         conversation.error = Email::errorText(ETIME, "the server has fallen silent");
         return false;
     }
-    lineSaid(Side::Us, line);
-    WriteN(line.data(), static_cast<int>(line.size()), milliseconds(timeoutSecs), err);
-    if (err != 0) {
-        conversation.error = Email::errorText(err);
-    }
-    return err == 0;
+    return writeCommand(line, timeoutSecs);
 }
 
 void Sender::tellMissingReply(int err, long timeoutSecs) {
@@ -168,7 +143,12 @@ bool Sender::SendMAIL(const char* from, SMTPcode* code) {
 }
 
 bool Sender::SendRCPT(const char* to, SMTPcode* code) {
-    return command(Stage::Rcpt, "RCPT TO:", to, mailscanGlobals::RCPT_command_interval, code);
+    SMTPcode number = COMMS_FAILED;
+    const bool accepted =
+        command(Stage::Rcpt, Email::kRcptTo, to, mailscanGlobals::RCPT_command_interval, &number);
+    noteRecipient(number);
+    store(code, number);
+    return accepted;
 }
 
 bool Sender::SendRSET(SMTPcode* code) {
@@ -177,6 +157,9 @@ bool Sender::SendRSET(SMTPcode* code) {
 
 bool Sender::SendQUIT(SMTPcode* code) {
     const long limit = mailscanGlobals::MAIL_command_interval;
+    if (!catchUp()) {
+        return giveUp(code, COMMS_FAILED);
+    }
     if (!sendCommand("QUIT", nullptr, limit, code)) {
         return false;
     }

@@ -1,0 +1,103 @@
+// How Sender writes commands, ahead of their replies where the server offers PIPELINING; the order
+// of a window stands in Pipeline.h. Without a plan every command is written by itself.
+#include "email/site/mailscanGlobals.h"
+#include "email/smtp/Sender.h"
+#include "email/smtp/SenderParts.h"
+
+#include <chrono>
+#include <utility>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Email::milliseconds;
+
+constexpr std::string_view kLoneDot = ".\r\n";
+
+} // namespace
+
+bool Sender::takesAhead() const noexcept {
+    return mailscanGlobals::smtpExtensions && session_.offered.pipelining;
+}
+
+// A server that has said something already answers what it was not asked, or wants to end: with it
+// every command waits for its reply, so that the two do not get out of step.
+void Sender::sendAhead(std::vector<const char*> recipients) {
+    if (!inputWaiting()) {
+        session_.pipeline.plan(std::move(recipients));
+    }
+}
+
+void Sender::tellCommands(std::string_view lines) {
+    while (!lines.empty()) {
+        const std::size_t length = lines.find('\n') + 1;
+        lineSaid(Side::Us, lines.substr(0, length));
+        lines.remove_prefix(length);
+    }
+}
+
+bool Sender::writeCommand(std::string_view line, long timeoutSecs) {
+    Email::Pipeline& pipeline = session_.pipeline;
+    // Which command the next reply belongs to is not known any more.
+    if (pipeline.active() && replyLost_) {
+        conversation.error = Email::errorText(0, "an earlier reply is missing");
+        return false;
+    }
+    const auto due = pipeline.due(line);
+    if (!due) {
+        conversation.error = Email::errorText(0, "another command is under way");
+        return false;
+    }
+    if (due->empty()) {
+        return true;
+    }
+    tellCommands(*due);
+    int err = 0;
+    const int length = static_cast<int>(due->size());
+    const int sent = WriteN(due->data(), length, milliseconds(timeoutSecs), err);
+    if (err != 0) {
+        conversation.error = Email::errorText(err);
+    }
+    // Of a window that went out in part nobody knows how many replies will come.
+    replyLost_ = replyLost_ || (pipeline.active() && (err != 0 || sent != length));
+    return err == 0;
+}
+
+// A reply that is no refusal, perhaps one that nobody can read, may have been meant as a yes.
+void Sender::noteRecipient(int code) noexcept {
+    session_.mayHaveRecipients = session_.mayHaveRecipients || code < 400 || code > 599;
+}
+
+// Ends what was begun ahead and is not wanted any more: no recipient was accepted. Then DATA is
+// refused as well, or must get its dot with nothing before it (RFC 2920, 3.1). False when the
+// server may take what comes next for a part of a text, and must hear nothing more.
+bool Sender::catchUp() {
+    const long limit = mailscanGlobals::MAIL_command_interval;
+    const auto until = Clock::now() + std::chrono::seconds(limit);
+    while (session_.pipeline.ahead()) {
+        if (replyLost_ || CommandTimeOut() || Clock::now() > until) {
+            return false;
+        }
+        const bool data = session_.pipeline.skip();
+        const int number = readReply(limit, nullptr);
+        if (GetExErr() != 0) {
+            return false;
+        }
+        if (data && number == START_DATA) {
+            // For a recipient that was taken the dot alone would be an empty mail.
+            return !session_.mayHaveRecipients && endEmpty(limit);
+        }
+        if (!data) {
+            noteRecipient(number);
+        }
+    }
+    return true;
+}
+
+bool Sender::endEmpty(long timeoutSecs) {
+    int err = 0;
+    lineSaid(Side::Us, kLoneDot);
+    WriteN(kLoneDot.data(), static_cast<int>(kLoneDot.size()), milliseconds(timeoutSecs), err);
+    readReply(timeoutSecs, nullptr);
+    return err == 0 && GetExErr() == 0;
+}
