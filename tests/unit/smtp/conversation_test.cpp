@@ -65,6 +65,31 @@ auto timed(Action action) {
     return std::chrono::steady_clock::now() - start;
 }
 
+TEST(Socket, BindsConnectsByNameAndHandsOutTheLinesItHolds) {
+    int port = 0, err = 0;
+    const UniqueFd listener = listenOn("127.0.0.5", port);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = address("127.0.0.6").value;
+    socklen_t size = sizeof at;
+    auto* const own = reinterpret_cast<sockaddr*>(&at);
+    ExtSocketClass socket;
+    socket.Bind(own, size, err);
+    EXPECT_EQ(err, EBADF);
+    socket.Create(err), socket.Bind(own, size, err);
+    socket.Connect("127.0.0.5", static_cast<unsigned short>(port), err, 0);
+    EXPECT_EQ(err, 0);
+    at = {};
+    const UniqueFd peer(::accept(listener.get(), own, &size));
+    EXPECT_EQ(at.sin_addr.s_addr, address("127.0.0.6").value);
+    put(peer.get(), "one\r\ntwo\nthr");
+    char line[ExtSocketClass::kReadBufferSize];
+    EXPECT_EQ(socket.ReadLine(line, sizeof line, 1000, err), 3);
+    EXPECT_EQ(socket.getLine(line, sizeof line), 3);
+    EXPECT_STREQ(line, "two");
+    EXPECT_EQ(socket.getLine(line, sizeof line), -1);
+}
+
 TEST_F(Conversation, TimeEndsARead) {
     EXPECT_GE(timed([&] { EXPECT_FALSE(client.line(150)); }), 150ms);
     EXPECT_LT(timed([&] { EXPECT_FALSE(client.line(-5)); }), 1s);
