@@ -52,6 +52,7 @@ void CLogBase::SendLogStruct(const DaemonMsg& message) {
     const auto* address = reinterpret_cast<const sockaddr*>(&address_);
     while (::sendto(socket_.get(), &message, sizeof message, MSG_NOSIGNAL, address,
                     sizeof address_) < 0) {
+        // Full buffers pass, and a line that waits is not lost; nothing else is tried again.
         if (errno != ENOBUFS) {
             syslog(LOG_ERR, "Error sending std log msg: %s\n", std::strerror(errno));
             return;

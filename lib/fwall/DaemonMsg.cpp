@@ -36,6 +36,7 @@ void fillConnection(DaemonMsg& message, const CConnectionContext& connection) {
     message.srcPort = connection.SourcePort();
     message.dstPort = connection.DestinationPort();
     message.mappedDstPort = connection.MappedDestinationPort();
+    // A dotted IPv4 address has 15 characters at most.
     copyField(message.srcAddr, connection.SourceAddress(), 15);
     copyField(message.dstAddr, connection.DestinationAddress(), 15);
     escapeField(message.user, connection.User());

@@ -100,6 +100,7 @@ cfgrec* readOpened(LineFile& file, const char* service, CfgFaults& faults) {
     ListBuilder list;
     RuleLine rule;
     std::array<char, kRuleLineLimit> buffer{};
+    // Every line counts, also of other services: a message names the line as an editor shows it.
     std::int32_t number = 0;
     while (const auto line = file.next(buffer)) {
         ++number;
@@ -119,7 +120,7 @@ cfgrec* readTable(const char* service, CfgFaults& faults) {
         cfg_setpfile(kDefaultTable);
     }
     if (pfile == nullptr) {
-        throw std::bad_alloc();
+        throw std::bad_alloc(); // cfg_setpfile() had no memory for the path
     }
     LineFile file(pfile);
     return file.isOpen() ? readOpened(file, service, faults) : cannotOpen(service, faults);
@@ -231,6 +232,7 @@ char* getlocation(const char* path) {
     }
     findHome();
     const std::size_t size = std::strlen(homedir) + std::strlen(path) + 1;
+    // By malloc(): the callers, pfile among them, release it with free().
     auto* location = static_cast<char*>(std::malloc(size));
     if (location != nullptr) {
         std::snprintf(location, size, "%s%s", homedir, path);
@@ -240,6 +242,7 @@ char* getlocation(const char* path) {
 
 cfgrec* cfg_get(const char* keyword, cfgrec* list) noexcept {
     cfgrec* found = firstMatch(keyword, list != nullptr ? list : savp);
+    // Where the next search without a list of its own goes on.
     savp = found != nullptr ? found->next : nullptr;
     return found;
 }
@@ -254,6 +257,7 @@ void cfg_free(cfgrec* list) noexcept {
     }
     while (list != nullptr) {
         cfgrec* next = list->next;
+        // A search must not go on in what is gone.
         if (savp == list) {
             savp = nullptr;
         }

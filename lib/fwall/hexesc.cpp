@@ -8,6 +8,7 @@ namespace {
 constexpr std::string_view kCutMark = "...";
 
 bool isUnsafe(char c) noexcept {
+    // The sign of the escape as well: else a text could pretend to be escaped.
     return c < ' ' || c > '~' || c == '%';
 }
 
@@ -45,6 +46,8 @@ std::size_t hexescNonAsciiPlus(char* destination, const char* source, std::size_
     for (const char c : viewOf(source)) {
         const EscapedByte escaped(c, viewOf(further));
         length += escaped.view().size();
+        // An escape goes out whole or not at all. The count goes on, so that the caller learns what
+        // room all of it would have needed.
         if (length < size) {
             escaped.view().copy(destination + end, escaped.view().size());
             end = length;
@@ -67,6 +70,7 @@ std::string printable(std::string_view text, std::size_t maxBytes, std::string_v
     for (const char c : text) {
         const EscapedByte escaped(c, further);
         if (result.size() + escaped.view().size() > maxBytes) {
+            // Back to where the mark still has room.
             result.resize(lastWithMark);
             return result.append(mark);
         }

@@ -8,6 +8,7 @@ std::optional<std::span<char>> LineFile::next(std::span<char> buffer) noexcept {
     bool any = false;
     while (c != '\n' && (c = getc_unlocked(file_.get())) != EOF) {
         any = true;
+        // What has no room is read and dropped: the next call begins at a line.
         if (length < buffer.size()) {
             buffer[length++] = static_cast<char>(c);
         }

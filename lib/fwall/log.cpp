@@ -82,6 +82,7 @@ int Log::CheckLogConfig(cfgrec* list) {
     if (list != nullptr) {
         return modeOf(cfg_get("logging", list));
     }
+    // Complains to the system log itself: SendLog() is what is being set up.
     cfgrec* defaults = cfg_read_no_SendLog("default_logging");
     const bool usable = defaults != nullptr && !cfg_failed(defaults);
     const int mode = modeOf(usable ? cfg_get("logging", defaults) : nullptr);
@@ -101,6 +102,7 @@ void Log::vSendLog(CServiceContext* service, CConnectionContext* connection,
                    const UNIQUE_DATA_T* data, int priority, const char* format, va_list arguments) {
     const int error = errno;
     if (toSystemLog()) {
+        // The arguments can be walked only once, and the datagram needs them too.
         va_list again;
         va_copy(again, arguments);
         qel_vsyslog(priority, format, again);
@@ -151,6 +153,7 @@ void vSendLog(CServiceContext* service, CConnectionContext* connection, const UN
 }
 
 void G_OpenLog(const char* ident, CServiceContext* service, int options, int facility) {
+    // First: its destructor would close the system log that the new one opens.
     logObj.reset();
     try {
         logObj = std::make_unique<Log>(ident, service, options, facility);
@@ -187,5 +190,6 @@ void qel_vsyslog(int priority, const char* format, va_list arguments) {
     std::array<char, 2048> escaped{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
     hexescNonAscii(escaped.data(), text.data(), escaped.size());
+    // Not as the format: the text may come from outside.
     syslog(priority, "%s", escaped.data());
 }

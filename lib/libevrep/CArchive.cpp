@@ -10,6 +10,7 @@ namespace {
 
 template<class Wire>
 CArchive& writeNumber(CArchive& archive, Wire value) {
+    // In the host's byte order: every appliance is little-endian, and both ends rely on it.
     archive.Write(&value, sizeof value);
     return archive;
 }
@@ -33,6 +34,7 @@ CArchive& CArchive::operator<<(unsigned short value) {
 }
 
 CArchive& CArchive::operator<<(long value) {
+    // Four bytes, though a long of this host may have eight: the wire knows one width.
     return writeNumber(*this, static_cast<std::int32_t>(value));
 }
 
@@ -63,6 +65,7 @@ CArchive& CArchive::operator<<(const std::string& text) {
 }
 
 CArchive& CArchive::operator<<(const wchar_t* text) {
+    // A null pointer goes out as the empty text.
     return *this << (text != nullptr ? std::wstring_view(text) : std::wstring_view());
 }
 
@@ -72,6 +75,7 @@ CArchive& CArchive::operator<<(std::wstring_view text) {
 }
 
 void CArchive::writeText(const void* text, std::size_t bytes) {
+    // A reader takes the length as a signed number.
     if (bytes > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
         Fail("text too long for its length field");
         return;
@@ -164,6 +168,7 @@ CArchive& CArchive::operator>>(std::wstring& text) {
 std::size_t CArchive::ReadCount(std::size_t entrySize) {
     std::uint32_t count = 0;
     *this >> count;
+    // Asked before anything is allocated: an absurd count from outside must cost nothing.
     if (count > BytesLeft() / entrySize) {
         Fail("number of entries is more than the rest can hold");
         return 0;
@@ -175,6 +180,7 @@ std::size_t CArchive::ReadCount(std::size_t entrySize) {
 std::size_t CArchive::readLength(std::size_t unit) {
     std::int32_t length = 0;
     *this >> length;
+    // 0 and less stand for no text: the target is left as it was.
     if (length < 1)
         return 0;
     const auto bytes = static_cast<std::size_t>(length);
@@ -192,6 +198,7 @@ std::size_t CArchive::readLength(std::size_t unit) {
 template<class Unit>
 CArchive& CArchive::readAllocated(std::unique_ptr<Unit[]>& text) {
     if (const std::size_t length = readLength(sizeof(Unit)); length > 0) {
+        // Zeroed, so that it is terminated however much is read into it.
         auto fresh = std::make_unique<Unit[]>(length + 1);
         take(fresh.get(), length * sizeof(Unit));
         text = std::move(fresh);
@@ -202,6 +209,7 @@ CArchive& CArchive::readAllocated(std::unique_ptr<Unit[]>& text) {
 template<class Unit>
 CArchive& CArchive::readBuffer(std::span<Unit> buffer) {
     const std::size_t length = readLength(sizeof(Unit));
+    // The terminator needs room as well.
     if (length >= buffer.size())
         Fail("text does not fit the buffer given for it");
     if (Failed())

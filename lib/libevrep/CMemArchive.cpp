@@ -11,6 +11,7 @@ std::size_t CMemArchive::Write(const void* bytes, std::size_t count) {
 }
 
 std::size_t CMemArchive::Read(void* bytes, std::size_t count) {
+    // The state that earlier reads left, for whoever listens to the debug channel.
     if ((m_State & std::ios::eofbit) != 0)
         debugOut("EOF bit set\r\n");
     if (Failed())

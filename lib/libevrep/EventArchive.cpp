@@ -54,6 +54,7 @@ void eachField(auto& step, Either<GW_FILTER> auto& f) {
 void eachField(auto& step, Either<GW_EVENT> auto& e) {
     step(e.m_iStructVersion, e.m_EventID, e.m_intendedAudience, e.m_CommonContext, e.m_EventContext,
          e.m_PropertyBag, e.m_iUnionDiscriminant);
+    // Only the part that the discriminant names is sent; any other value has none.
     switch (e.m_iUnionDiscriminant) {
     case MANAGEMENT_CONTEXT:
         return step(e.m_ManagementContext);
@@ -79,6 +80,7 @@ private:
     void one(const CPropertyBag& bag) { bag.Write(archive_); }
     void one(const StringValuePairList& list) { archive_ << list; }
     void one(const std::array<std::int32_t, 14>& counters) {
+        // Without a count: a mail record has 14 counters, always.
         archive_.Write(counters.data(), sizeof counters);
     }
     void one(const std::vector<ReportableEvent>& codes) {
@@ -88,6 +90,7 @@ private:
     }
     template<class T>
     void one(const DeepPtr<T>& part) {
+        // A part that was never made goes out with its default values: the reader expects one.
         one(part.orDefault());
     }
     template<class T>
@@ -157,6 +160,7 @@ CArchive& insert(CArchive& archive, const Record& record) {
 
 template<class Record>
 CArchive& extract(CArchive& archive, Record& record) {
+    // The caller's record stays as it was when the bytes end in the middle.
     Record fresh;
     Reader reader(archive);
     eachField(reader, fresh);

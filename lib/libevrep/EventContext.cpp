@@ -4,6 +4,7 @@ namespace {
 
 template<class Part>
 auto contextOf(Part& part, GW_UNION_DISCRIMINANT present, GW_UNION_DISCRIMINANT wanted) {
+    // The discriminant decides what an event holds; a part that was set before may still stand.
     return present == wanted ? part.get() : nullptr;
 }
 

@@ -44,6 +44,7 @@ FrameEvent FrameReader::next() {
         return {};
     const std::string_view identity = CSendHeader::Identity();
     const std::string_view seen = asText(rest()).substr(0, identity.size());
+    // As far as it has come: what cannot become the identity any more is told at once.
     if (!identity.starts_with(seen))
         return damage(FrameFault::Identity, offset(), "no message begins here");
     if (rest().size() < CSendHeader::wireSize)
@@ -79,10 +80,12 @@ FrameEvent FrameReader::checkHeader() {
     if (!header.IsValid())
         return damage(FrameFault::Version, offset() + CSendHeader::versionAt,
                       "version is " + std::to_string(header.GetVer()) + " instead of 1");
+    // Else one forged size would make the reader collect whatever comes, for ever.
     if (header.GetSize() > maxDataSize_)
         return damage(FrameFault::Size, offset() + CSendHeader::sizeAt,
                       "size is " + std::to_string(header.GetSize()) + ", more than the accepted " +
                           std::to_string(maxDataSize_));
+    // In 64 bits: a size near 4 GB and the fixed parts do not fit 32.
     const std::uint64_t whole =
         std::uint64_t{CSendHeader::wireSize} + header.GetSize() + CSendFooter::wireSize;
     return rest().size() < whole ? incomplete(whole) : checkBody(header);
@@ -97,6 +100,8 @@ FrameEvent FrameReader::checkBody(const CSendHeader& header) {
     if (!footer.IsValid())
         return damage(FrameFault::Footer, at + CSendHeader::wireSize + data.size(),
                       "the footer does not stand where the size says");
+    // Header and footer agree, so it is known where the frame ends: reading goes on behind it, also
+    // when the data turns out to be damaged.
     start_ += CSendHeader::wireSize + data.size() + CSendFooter::wireSize;
     std::uint32_t checksum = 0;
     CrcBuffer(data.data(), data.size(), &checksum);
@@ -108,6 +113,7 @@ FrameEvent FrameReader::checkBody(const CSendHeader& header) {
 }
 
 FrameEvent FrameReader::damage(FrameFault fault, std::uint64_t at, std::string what) {
+    // Only by one: a true header may begin within what was taken for one.
     ++start_;
     searching_ = true;
     return FrameDamage{fault, at, std::move(what)};

@@ -66,6 +66,7 @@ GW_EVENT Reporter::createEvent(GW_UNION_DISCRIMINANT discriminant, std::uint32_t
         result.m_ManagementContext.create().m_iReasonID = reason;
     if (discriminant == SCAN_CONTEXT)
         result.m_ScanContext.create().setScanRule(scanRule);
+    // Any other number names no part, which is what UNDECIDED says.
     if (discriminant >= MANAGEMENT_CONTEXT && discriminant <= STATS_CONTEXT)
         result.m_iUnionDiscriminant = discriminant;
     return result;

@@ -23,6 +23,8 @@ bool CrcBuffer(const void* text, std::size_t length, std::uint32_t* checksum) no
     if (text == nullptr || checksum == nullptr)
         return false;
     const auto* bytes = static_cast<const unsigned char*>(text);
+    // The start value as it is given, and no inversion at the end: not the usual CRC-32, but the
+    // one that the collector computes.
     std::uint32_t value = *checksum;
     for (std::size_t i = 0; i < length; ++i)
         value = (value >> 8) ^ crcTable[(value ^ bytes[i]) & 0xFF];

@@ -102,6 +102,7 @@ std::int32_t CTransfer::Send(const GW_EVENT& event) {
 
 std::int32_t CTransfer::Send(CSendHeader header, const char* text, std::size_t length) {
     auto data = std::make_unique<CMemArchive>();
+    // Without a text there is a data piece all the same, an empty one.
     if (text != nullptr)
         data->Write(text, length);
     return Send(header, std::move(data));
@@ -113,6 +114,7 @@ std::int32_t CTransfer::Send(CSendHeader header, std::unique_ptr<CMemArchive> da
     CrcBuffer(bytes.data(), bytes.size(), &checksum);
     header.SetCRC(checksum);
     header.SetSize(static_cast<std::uint32_t>(bytes.size()));
+    // First: it clears what an earlier message left.
     Send(header);
     m_pEventData = std::move(data);
     return 0;
@@ -135,6 +137,7 @@ void CTransfer::ResetState() noexcept {
 }
 
 CMemArchive* CTransfer::GetWriteData() {
+    // A header that was sent alone has no data: its footer is next.
     if (m_nState == DATA && !m_pEventData)
         Transition();
     switch (m_nState) {
@@ -165,6 +168,7 @@ std::span<std::byte> CTransfer::GetReadBuffer() {
 
 std::span<std::byte> CTransfer::dataBuffer() {
     const CSendHeader header(m_pHdrBuffer);
+    // The header came from outside: no room is made for what an unsound one announces.
     const bool accepted = header.IsValid() && header.GetSize() <= FrameReader::defaultMaxDataSize;
     m_pDataBuffer.resize(accepted ? header.GetSize() : 0);
     return m_pDataBuffer;

@@ -164,6 +164,7 @@ CPropertyBag::CPropertyBag(std::string name, std::int32_t version)
 CPropertyBag::CPropertyBag(const CPropertyBag& other)
     : m_szName(other.m_szName), m_nVersion(other.m_nVersion) {
     for (const auto& [key, value] : other.m_Elements)
+        // An empty slot stays one: it counts when the bag is written.
         m_Elements.emplace_hint(m_Elements.end(), key, value ? value->GetCopy() : nullptr);
 }
 
@@ -227,6 +228,7 @@ void CPropertyBag::Set(PropEnum key, std::int32_t value) {
 }
 
 void CPropertyBag::Set(PropEnum key, std::uint32_t value) {
+    // No store holds unsigned numbers; the getter turns it back.
     Set(key, static_cast<std::int32_t>(value));
 }
 
@@ -241,6 +243,7 @@ void CPropertyBag::Set(PropEnum key, std::unique_ptr<CAbstractStorageType> value
 }
 
 void CPropertyBag::Write(CArchive& archive) const {
+    // Empty slots are counted, though nothing is written for them: the other programs read it so.
     archive << m_nVersion << m_szName << static_cast<std::uint32_t>(Count());
     ForEach([&archive](const CAbstractStorageType& value) { value.Write(archive); });
 }
@@ -251,7 +254,7 @@ void CPropertyBag::Read(CArchive& archive) {
     archive >> version >> name;
     Elements fresh = readElements(archive);
     if (archive.Failed())
-        return;
+        return; // damaged bytes leave the bag as it was
     m_nVersion = version;
     m_szName = std::move(name);
     // What was read wins; merge() keeps what the target already has.
@@ -266,6 +269,7 @@ CPropertyBag::Elements CPropertyBag::readElements(CArchive& archive) {
         int tag = ST_UNKNOWN;
         archive >> tag;
         auto value = archive.Failed() ? nullptr : makeStore(tag);
+        // Of an unknown kind: how many bytes it has is not known, so none are skipped.
         if (!value)
             continue;
         value->Read(archive);

@@ -14,6 +14,7 @@ namespace {
 constexpr std::uint32_t lastCharacter = 0x10FFFF;
 
 bool isCharacter(std::uint32_t value) {
+    // The gap holds the halves that UTF-16 makes of a character; alone they are none.
     return value <= lastCharacter && (value < 0xD800 || value > 0xDFFF);
 }
 
@@ -79,6 +80,7 @@ std::optional<std::size_t> runIconv(iconv_t handle, std::span<const char> text,
     std::size_t inLeft = text.size();
     char* to = out.data();
     std::size_t outLeft = out.size();
+    // Forgets the shift state in which an earlier text may have ended.
     iconv(handle, nullptr, nullptr, nullptr, nullptr);
     if (iconv(handle, &in, &inLeft, &to, &outLeft) == static_cast<std::size_t>(-1) || inLeft != 0)
         return std::nullopt;
@@ -88,6 +90,7 @@ std::optional<std::size_t> runIconv(iconv_t handle, std::span<const char> text,
 template<class From, class To>
 bool convertText(iconv_t handle, std::basic_string_view<From> text, To* buffer,
                  std::size_t& length) {
+    // Half a text must not pass for a whole one: it is empty until all is converted.
     buffer[0] = To{};
     const std::size_t room = (length - 1) * sizeof(To);
     const auto written =
@@ -136,6 +139,7 @@ bool IsHandledByHeaderString(const char* text, IQELHeaderString& header) {
 }
 
 bool IsRFC2047Encoded(std::string_view text) noexcept {
+    // The shortest is =?c?e?t?=.
     return text.size() >= 9 && text.starts_with("=?") && text.ends_with("?=");
 }
 

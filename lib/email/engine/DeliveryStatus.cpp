@@ -24,6 +24,7 @@ std::size_t statusLength(std::string_view text) noexcept {
     std::size_t at = 0;
     for (int part = 0; part < 3; ++part) {
         const std::size_t from = at;
+        // A digit for the class, then up to three for the subject and three for the detail.
         while (at < text.size() && isDigit(text[at]) && at - from < (part == 0 ? 1U : 3U)) {
             ++at;
         }
@@ -31,6 +32,7 @@ std::size_t statusLength(std::string_view text) noexcept {
             return 0;
         }
     }
+    // What goes on with more is no status but, say, an address: "5.1.2.3".
     return at == text.size() || text[at] == ' ' ? at : 0;
 }
 
@@ -61,6 +63,7 @@ std::string ownStatus(SMTPcode code) {
     case IDS_RTS552:
         return "5.3.4";
     default:
+        // A code that is kept, and yet the recipient is told of: the time was up.
         return MailList::deferCode(code) ? kOutOfTime : "5.0.0";
     }
 }
@@ -75,6 +78,7 @@ std::string mailDate(const DateTime& time) {
 }
 
 std::string authorOf(const ReturnedMessage& message) {
+    // Without a domain nobody could answer it.
     if (message.author.find('@') != std::string_view::npos) {
         return printable(message.author);
     }
@@ -137,6 +141,7 @@ Quoted quote(std::istream& text, int maxLines) {
     lines.erase(lines.rfind('\n', lines.size() - 2) + 1); // the line more
     const std::size_t headerEnd = lines.starts_with('\n') ? 0 : lines.find("\n\n");
     if (headerEnd != std::string::npos) {
+        // A part of that type is a header and nothing else.
         lines.erase(headerEnd == 0 ? 0 : headerEnd + 1);
     }
     return {"text/rfc822-headers", std::move(lines)};
@@ -170,6 +175,7 @@ std::string statusOf(SMTPcode code, std::string_view reply) {
     const bool failed = code >= 500 && code <= 599;
     if (failed && reply.size() > 4) {
         const std::string_view words = reply.substr(4);
+        // A 5xx reply with a status of 2 or 4 contradicts itself: its code is what decided.
         if (const std::size_t length = statusLength(words); length != 0 && words[0] == '5') {
             return std::string(words.substr(0, length));
         }

@@ -36,6 +36,7 @@ private:
 } // namespace
 
 ListSender::ListSender() {
+    // The process has one alarm: that of an engine before must not end this one's conversations.
     SetAlarm(false, 0);
 }
 
@@ -85,6 +86,7 @@ SendResult ListSender::sendQueued(Email::QueuedMessage& message, const FileName&
         return unusable(EV_TEXT_OPEN_FAILED, message.text(), text.error());
     }
     deniedTexts_ = 0;
+    // What is wrong with the list is told only of a message whose text can be opened.
     trouble = early ? trouble : readList();
     return trouble ? unusable(EV_RCPT_READ_FAILED, message.text(), *trouble)
                    : attempt(text, deferred, entry(), &message);
@@ -93,7 +95,7 @@ SendResult ListSender::sendQueued(Email::QueuedMessage& message, const FileName&
 SendResult ListSender::unusable(eventId event, const FileName& text, int error) {
     if (!mayBeMeant(error)) {
         stop(text(), error);
-        return SEND_DEFERRED;
+        return SEND_DEFERRED; // kept: the fault is the host's
     }
     tellTrouble(event, error);
     return SEND_ERROR;
@@ -150,6 +152,7 @@ SendResult ListSender::attempt(std::istream& text, bool deferred, const char* na
                                Email::QueuedMessage* message) {
     const Attempted scope(queued_, deferred ? message : nullptr);
     MailList failed;
+    // What an earlier attempt found out is not this one's result.
     recipients_.forEach([](EmailAddr& rcpt) { rcpt.attempt.reset(); });
     traceLine(LogLine::TraceSending, name);
     messageName = name;
@@ -166,6 +169,7 @@ SendResult ListSender::attempt(std::istream& text, bool deferred, const char* na
         return SEND_FINISHED;
     }
     if (!mayGoOut(deferred)) {
+        // Stored without an attempt: the next walk sends it.
         failed.Add(recipients_, true, IDS_NO_REASON);
     } else {
         traceLine(LogLine::TraceSendingFile, nullptr);
@@ -185,12 +189,16 @@ bool ListSender::mayGoOut(bool deferred) const noexcept {
 
 SendResult ListSender::settle(MailList& failed, std::istream& text, bool deferred,
                               Email::QueuedMessage* message) {
+    // The list could not be written before some conversation, so that was not begun: what stands on
+    // disc stays for the next run.
     if (queued_ != nullptr && queued_->stuck()) {
         return SEND_DEFERRED;
     }
     traceLine(LogLine::TraceDeferring, nullptr);
     recipients_.ExtractDeferred(failed);
     if (!failed.IsEmpty()) {
+        // The return mail has a conversation of its own: who was served stands in the list before
+        // it.
         if (!secured(failed)) {
             return SEND_DEFERRED;
         }
@@ -248,10 +256,12 @@ SendResult ListSender::storeNew(std::istream& text) {
         if (!trouble) {
             const SendResult result = writeFirstList(copy);
             if (result == SEND_ERROR) {
+                // Without a list no walk would ever come across it.
                 copy.text().Delete();
             }
             return result;
         }
+        // Somebody may have taken the name since it was drawn.
         if (*trouble != EEXIST || draw == Email::QueuedMessage::kNameDraws) {
             tellTrouble(EV_COPY_FAILED, *trouble);
             return SEND_ERROR;

@@ -22,6 +22,7 @@ bool hasItsLines(eventId event) {
 
 void ListSender::logEvent(eventId event, const char* text, int value) {
     const int error = errno; // of a text that cannot be read or a name that cannot be looked up
+    // A relay table without a relay for the domain says this.
     if (event == EV_NONE) {
         return;
     }
@@ -38,6 +39,7 @@ void ListSender::tellTrouble(eventId event, int error) {
 
 void ListSender::reportStep(eventId event, const char* text, int value) {
     const SEvent& row = lookupSEvent(event);
+    // Before the record is built: a run reports hardly any.
     if (!Email::kindWanted(row.kind)) {
         return;
     }

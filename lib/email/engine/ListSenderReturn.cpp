@@ -57,6 +57,7 @@ bool ListSender::BuildReturnMail(MailList& failed, std::ostream& out, std::istre
 }
 
 void ListSender::Bounce(MailList& failed, std::istream& text) {
+    // Making it ends the alarm of this engine; time limits that a caller gave go on for both.
     ListSender returnEngine;
     if (!(commandDeadline == DateTime(0))) {
         returnEngine.setDeadLines(commandDeadline, finalDeadline);

@@ -40,6 +40,7 @@ bool ListSender::tooSoon() const {
     const std::int32_t interval =
         Email::waitAfter(recipients_.firstSendTime(), recipients_.lastSendTime(),
                          mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
+    // As "-now" has it, or a table without a least wait.
     if (interval == 0) {
         if (trace != 0) {
             Email::writeLine(Email::LogLine::TraceImmediateRetry, {});
@@ -69,5 +70,6 @@ void ListSender::setDeadLines(const DateTime& first, const DateTime& second) {
         return;
     }
     const std::int32_t remaining = second - DateTime(-1);
+    // A time that is over counts as an alarm that has fired; alarm(0) would never fire.
     SetAlarm(remaining <= 0, remaining > 0 ? remaining : 0);
 }

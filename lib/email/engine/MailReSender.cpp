@@ -32,6 +32,7 @@ void MailReSender::RetryAll(int traceLevel) {
     // Connected now: when descriptors run out, that has to be told, too.
     ::openlog(nullptr, LOG_NDELAY, LOG_USER);
     FileIterator spool(mailscanGlobals::deferred_mail_path());
+    // A trouble of the whole host would meet all the messages behind as well.
     while (stopped() == 0) {
         const auto entry = spool.Next();
         if (!entry) {
@@ -107,6 +108,7 @@ void MailReSender::deliverLocked(const FileName& entry, const std::string& lockF
         return;
     }
     traceFile(Email::LogLine::TraceLocked, lockFile);
+    // Read through the descriptor that is locked: by its name it might be another file.
     listLock_ = &lock;
     Send(entry);
     listLock_ = nullptr;

@@ -47,6 +47,7 @@ bool isNullSender(const char* sender) noexcept {
 }
 
 void quoteText(std::string& out, std::istream& text, int maxLines) {
+    // The attempts before may have left it at its end.
     text.clear();
     text.seekg(0);
     BoundedLineReader reader(text, kQuotedLineLimit, kQuotedLineLimit);

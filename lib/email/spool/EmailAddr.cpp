@@ -18,6 +18,7 @@ constexpr std::size_t kMaxInside = EmailAddr::kMaxText - 2; // between the brack
 constexpr int kAnyCount = IPaddressList::kCapacity;
 
 std::string normalised(std::string_view text) {
+    // npos + 1 is 0: without a bracket all of it counts.
     text.remove_prefix(text.rfind('<') + 1);
     text = text.substr(0, text.find('>'));
     const std::string_view address = text.substr(0, kMaxInside);
@@ -91,6 +92,7 @@ char* EmailAddr::addrOkay(char* text, bool allowNull) {
 }
 
 bool EmailAddr::GetDomain(char* dst) const noexcept {
+    // The last one: a quoted local part may hold others.
     const std::size_t at = address_.rfind('@');
     if (at == std::string::npos) {
         return false;
@@ -129,6 +131,7 @@ bool EmailAddr::serves(IPaddress addr) const noexcept {
 }
 
 bool EmailAddr::suitableHost(IPaddress addr) {
+    // The gateway's own server takes what is sent directly, and nothing else.
     if (addr == IPaddress::loopback) {
         return CheckForDirectSend();
     }
@@ -152,6 +155,7 @@ bool EmailAddr::throughRelaysOrMX(IPaddress addr) {
         if (named && !MXlookup::mayAnswer(domain.data())) {
             return false;
         }
+        // Also when nothing is found: a record asks once.
         doneMX_ = true;
         lookUpMX(named ? domain.data() : nullptr);
     }
@@ -186,6 +190,7 @@ int EmailAddr::lookUpMX(const char* domain, Email::ServerObserver* observer) {
     IPaddressList all;
     IPaddressList found;
     eventId event = EV_NONE;
+    // All of them: those in front may be on the blacklist.
     int count = MXlookup(observer).getAddresses(domain, all, kAnyCount, event);
     if (count >= 1) {
         count = found.AddNot(all, mailscanGlobals::max_addr_to_try, HostList::BlackL);

@@ -28,12 +28,14 @@ bool takeNumber(std::string_view& text, Number& number) {
 
 int rename(const std::string& directory, const std::string& from, const std::string& to) {
     const std::string target = directory + to;
+    // rename() would replace it without a word.
     if (::access(target.c_str(), F_OK) == 0) {
         return EEXIST;
     }
     if (std::rename((directory + from).c_str(), target.c_str()) != 0) {
         return errno;
     }
+    // A hold that a power cut undid would let out what must not go.
     return syncDirectory(target) ? 0 : errno;
 }
 
@@ -44,6 +46,7 @@ std::string Hold::listName() const {
 }
 
 std::optional<Hold> Hold::of(std::string_view name) {
+    // The last one: the message's own name may hold another.
     const std::size_t mark = name.rfind(kMark);
     if (mark == std::string_view::npos) {
         return std::nullopt;

@@ -15,6 +15,7 @@ std::unique_ptr<EmailAddr> detach(std::unique_ptr<EmailAddr>& link) noexcept {
 }
 
 void setCode(EmailAddr& record, SMTPcode code) noexcept {
+    // "No reason" leaves a record the code that it has.
     if (code != IDS_NO_REASON) {
         record.reason = code;
     }
@@ -61,6 +62,8 @@ void MailList::Add(std::unique_ptr<EmailAddr> record, SMTPcode code) {
         return;
     }
     setCode(*record, code);
+    // In front: so the last line of a recipient file is served first, which is the order it is
+    // written back in.
     record->next = std::move(head_);
     head_ = std::move(record);
 }
@@ -77,6 +80,7 @@ void MailList::Add(MailList& other, bool move, SMTPcode code) {
     for (; *link; link = &(*link)->next) {
         setCode(**link, code);
     }
+    // In front as a whole, in its own order.
     *link = std::move(head_);
     head_ = std::move(chain);
 }

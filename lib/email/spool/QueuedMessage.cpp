@@ -47,9 +47,10 @@ bool copyAll(std::istream& text, int fd) {
         }
     } while (text);
     if (text.bad() || !text.eof()) {
-        errno = EIO;
+        errno = EIO; // a stream that fails says nothing there
         return false;
     }
+    // On disc before a list makes it a message.
     return ::fsync(fd) == 0;
 }
 
@@ -110,8 +111,11 @@ Trouble QueuedMessage::secure(const Recipients& untried, const MailList& failed)
         bytes_.clear();
         size = untried.appendTo(bytes_, failed);
         trouble = write(bytes_, &lock_);
+        // Once that stands on disc, nobody who was served gets a second copy.
         served_ = trouble.has_value();
     }
+    // The last recipient needs none: if it is served the list goes, if not its old line is still
+    // right.
     if (!trouble && !room_ && !atMostOne(untried, failed)) {
         trouble = keepRoom(size != 0 ? size : untried.textSize(failed));
     }
@@ -186,9 +190,12 @@ Trouble QueuedMessage::rewrite(Recipients& left) {
 
 Trouble QueuedMessage::remove(const Recipients* head) {
     dropTemporary();
+    // The text first: should the run be killed now, the next walk deletes a list without a text,
+    // but would never see a text without a list.
     const Trouble text = removed(text_);
     const Trouble list = removed(list_);
     if (list && head != nullptr) {
+        // It cannot be deleted: without recipients nobody on it gets a second copy.
         bytes_.clear();
         head->appendTo(bytes_, MailList());
         static_cast<void>(overwrite(list_(), bytes_));
@@ -197,6 +204,7 @@ Trouble QueuedMessage::remove(const Recipients* head) {
 }
 
 Trouble QueuedMessage::store(std::istream& text) const {
+    // Never over what is there, nor through a link.
     UniqueFd fd(openPatiently(text_(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (!fd.valid()) {
         return errno;
@@ -211,7 +219,7 @@ Trouble QueuedMessage::store(std::istream& text) const {
 Trouble QueuedMessage::adopt(const QueuedMessage& outgoing) const {
     const Trouble trouble = troubleUnless(outgoing.text_.MoveTo(text_));
     if (!trouble) {
-        outgoing.list_.Delete();
+        outgoing.list_.Delete(); // of another form; its recipients are in memory
     }
     return trouble;
 }

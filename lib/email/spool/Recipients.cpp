@@ -167,8 +167,10 @@ void Recipients::takeTo(std::string& out) {
     // been made. The gateway's other programs look for this stamp.
     const bool unattempted =
         numberOfTries == 0 && (ReasonPresent(TIMEOUTEXPIRED) || ReasonPresent(IDS_NO_REASON));
+    // Stays at the largest number instead of turning negative.
     numberOfTries += numberOfTries == std::numeric_limits<std::int32_t>::max() ? 0 : 1;
     appendHead(out, unattempted ? DateTime(0) : DateTime(-1));
+    // Taken off on the way: a large list is not held twice.
     while (const auto record = Remove()) {
         appendRecord(out, *record);
     }

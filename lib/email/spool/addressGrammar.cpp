@@ -71,6 +71,7 @@ bool allAllowed(std::string_view text, bool quoted) noexcept {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const CharClass cls = classOf(text[i]);
         if (cls == ESCAPEC) {
+            // A backslash quotes the next character, so there must be one.
             if (++i == text.size() || classOf(text[i]) == ILLEGAL) {
                 return false;
             }
@@ -134,6 +135,7 @@ char* acceptedBracketed(char* text, std::string_view inside, bool allowNull,
         return nullptr;
     }
     char* const mailbox = text + 1 + colon;
+    // A source route is dropped (RFC 5321, appendix C): the address begins where the colon was.
     *mailbox = '<';
     return mailbox;
 }
