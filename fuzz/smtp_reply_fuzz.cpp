@@ -1,6 +1,8 @@
 // What a server sends, any bytes, in 64 segments at most, whose length the first byte gives: every
 // reply is a number of three characters or 1001, and the reading ends. The same bytes, line by
-// line, are then what the server says it can.
+// line, are then what the server says it can, and a file of those who sign in to relays.
+#include "email/base/Base64.h"
+#include "email/site/RelayAccess.h"
 #include "email/smtp/Sender.h"
 #include "email/smtp/ServerExtensions.h"
 #include "fuzz.h"
@@ -16,6 +18,17 @@ struct Client : Sender {
     void logEvent(eventId, const char*, int) override {}
 };
 
+static void readAccess(std::string_view text) {
+    Email::RelayAccess access;
+    require(access.parse(text) == access.trouble().empty());
+    for (const auto& line : access.lines()) {
+        require(access.find(line.host) == &line && line.port > 0 && line.port < 65536);
+        require(!line.user.empty() && line.password.size() <= Email::RelayAccess::kMaxWord);
+        require(*Email::fromBase64(Email::toBase64(line.password)) == line.password);
+    }
+    (void)Email::fromBase64(text);
+}
+
 static void readExtensions(std::string_view text) {
     Email::ServerExtensions server;
     while (!text.empty()) {
@@ -29,6 +42,7 @@ static void readExtensions(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     readExtensions({reinterpret_cast<const char*>(data), size});
+    readAccess({reinterpret_cast<const char*>(data), size});
     int fds[2] = {-1, -1};
     if (size == 0 || ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
         return 0;

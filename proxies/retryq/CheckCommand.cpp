@@ -3,6 +3,7 @@
 #include "retryq/Commands.h"
 #include "retryq/HostCheck.h"
 #include "retryq/Json.h"
+#include "retryq/RelayAccessCheck.h"
 #include "retryq/ServiceUnit.h"
 #include "retryq/SpoolCheck.h"
 #include "retryq/Table.h"
@@ -252,12 +253,18 @@ void reportSpool(const Context& context, Judge& judge, const char* name, const S
     judge.addAll("spool", spool.findings);
 }
 
+// Whose rights the walkers have.
+std::string walkerUser(const std::string& wanted) {
+    const auto unit = ServiceUnit::read();
+    return wanted.empty() && unit ? unit->user() : wanted;
+}
+
 // As the walkers find them: with the rights of their user, in their unit's sandbox.
 void reportSpools(const Context& context, Judge& judge, const std::string& wanted) {
     constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
     const std::size_t most = context.json ? kAll : kMostNamed;
     const auto unit = ServiceUnit::read();
-    const std::string user = wanted.empty() && unit ? unit->user() : wanted;
+    const std::string user = walkerUser(wanted);
     SpoolReport deferred;
     SpoolReport outgoing;
     {
@@ -308,6 +315,7 @@ int check(const Context& context, const std::string& user) {
         reportOtherKeys(context);
         reportSettingsInForce(context);
         reportRelays(context, judge);
+        judge.addAll("relay-access", checkRelayAccess(table, walkerUser(user)));
         title(context, "This host");
         judge.addAll("host", checkHost());
         reportOwnAddresses(judge);

@@ -14,6 +14,7 @@ class Prober final : public Sender {
 public:
     void logEvent(eventId, const char*, int) override {}
     void tlsFailed(const std::string& why) override { trouble_ = "TLS: " + why; }
+    void signInFailed(const std::string& why) override { trouble_ = "sign-in: " + why; }
 
     Probed ask(const std::string& address) {
         EmailAddr rcpt(address.c_str(), nullptr, IDS_NO_REASON);

@@ -2,6 +2,7 @@
 
 #include "email/site/DomainRelay.h"
 #include "email/site/MXlookup.h"
+#include "email/site/RelayAccess.h"
 #include "email/site/TlsPolicy.h"
 #include "email/site/mailscanGlobals.h"
 #include "email/smtp/ServerSearch.h"
@@ -62,6 +63,20 @@ std::int32_t lineOf(const RuleTable& table, const char* key) {
     return record == nullptr ? 0 : record->ln;
 }
 
+// As whom a relay is used; without a file that says so none is.
+Server relayOf(const Candidate& candidate) {
+    Server server = serverOf(candidate);
+    const Email::RelayAccess& access = Email::relayAccess();
+    if (const auto* const line = access.find(candidate.name)) {
+        server.signsIn = printable(line->user, kShown) + " at " + printable(line->host, kShown) +
+                         ":" + std::to_string(line->port);
+    }
+    if (!access.trouble().empty() && server.leftOut.empty()) {
+        server.warning = "not used, the mail waits: relay-access " + access.trouble();
+    }
+    return server;
+}
+
 // A relay table with the lines that match a domain, and what was found when they were read.
 class RelayLines final : private Email::ServerObserver {
 public:
@@ -105,7 +120,7 @@ private:
         return true;
     }
     void met(const Candidate& candidate) override {
-        steps_.front().servers.push_back(serverOf(candidate));
+        steps_.front().servers.push_back(relayOf(candidate));
     }
     void relaysDecided(std::int32_t line) override { decidedBy_ = line; }
 
@@ -268,6 +283,7 @@ bool Step::usable() const noexcept {
 }
 
 Route findRoute(const RuleTable& table, const std::string& address) {
+    Email::relayAccess().load(mailscanGlobals::relayAccessFile);
     return RouteFinder(table, address).find();
 }
 

@@ -17,6 +17,7 @@ struct Server {
     std::string address;             // dotted; empty when the name has none, or was not looked up
     std::optional<int> preference{}; // of a mail exchanger
     std::string leftOut{};           // why it is not tried; empty when it is
+    std::string signsIn{};           // "USER at HOST:PORT"; empty when the relay wants nobody's
     std::string warning{};           // what is odd about a server that is tried
     std::string tls{};               // what "dane" comes to with it (RouteTls.h), else empty
 };

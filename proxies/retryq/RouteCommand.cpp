@@ -36,6 +36,7 @@ void printStep(const Screen& screen, const Step& step, bool first) {
     for (const Server& server : step.servers) {
         if (server.leftOut.empty()) {
             screen.out << "  try " << ++number << "      " << describe(server)
+                       << (server.signsIn.empty() ? "" : ", signs in as " + server.signsIn)
                        << (server.warning.empty() ? "" : ": WARNING, " + server.warning) << '\n';
             if (!server.tls.empty()) {
                 screen.out << "    TLS        " << server.tls << '\n';
@@ -73,6 +74,9 @@ Json toJson(const Server& server) {
     }
     if (!server.leftOut.empty()) {
         object["left_out"] = server.leftOut;
+    }
+    if (!server.signsIn.empty()) {
+        object["signs_in"] = server.signsIn;
     }
     if (!server.warning.empty()) {
         object["warning"] = server.warning;

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """What the rule table may ask for beyond the old ways: EHLO and what servers offer, TLS, return mail for
 programs."""
+import base64
 import email
 import hashlib
 import os
@@ -10,8 +11,9 @@ import subprocess
 import unittest
 
 import harness
+import world
 from harness import SENDERS, THERE, RELAYS, SystemTest, cases
-from servers import A, CLOSE, CNAME, MX, SILENT, TLSA, a, mx, name, record, reply
+from servers import A, CLOSE, CNAME, MX, SILENT, TLSA, SignIn, a, mx, name, record, reply
 from tables import outcome, route_agrees, table
 from world import DNS_ADDRESS, HOST, etc_file
 
@@ -20,6 +22,8 @@ TLS = {name: (lines.split("; "), server, outcome(ends), log.split(), why)
        for name, lines, server, ends, log, *why in table("system/data/tls.txt")}
 DANE = {name: (lines.split("; "), links.split(), [] if records == "-" else records.split("; "), kind, outcome(ends), log.split(), why)
         for name, lines, links, records, kind, ends, log, *why in table("system/data/dane.txt")}
+SIGN_IN = {name: (file, relay, outcome(ends), log) for name, file, relay, ends, log in table("system/data/signin.txt")}
+USER, PASSWORD = "us", "p@ss w=rd"
 OFFER = "250-mx.test\r\n250-SIZE 5000\r\n250-8BITMIME\r\n250-SMTPUTF8\r\n250 ENHANCEDSTATUSCODES"
 # Rule-table lines, what the server answers to EHLO, the text, the recipient, what is said up to RCPT (by connection),
 # the outcome.
@@ -212,6 +216,51 @@ class Internet(SystemTest):
             self.table("smtp-tls dane")
             self.assertIn('lacks "options trust-ad"', self.retryq("check", status=1).out)
         self.tls(["smtp-tls dane"] * ("smtp-tls none" not in lines) + lines, kind if kind == "-" else "220 " + kind, ends, log, why)
+
+    def access_file(self, text):
+        path = os.path.join(self.world.root, "access")
+        mode, _, rest = text.partition(" ")
+        with open(path, "w") as out:
+            out.write((rest if mode.isdigit() else text).replace("; ", "\n"))
+        os.chmod(path, int(mode, 8) if mode.isdigit() else 0o600)
+        return path if text != "-" else path + ".not"
+
+    def relay(self, does):
+        """As a row of signin.txt describes it."""
+        port, kind, mechanisms, does = does.split(None, 3)
+        script = {"ehlo": "250-mx.test\r\n250-STARTTLS\r\n250 AUTH " + mechanisms.replace(",", " "), "starttls": "220 go",
+                  "auth": SignIn(USER, PASSWORD, "raw " + "A" * 2000 if does == "long" else does)}
+        if kind == "-":
+            script["ehlo"] = script["ehlo"].replace("STARTTLS", "X")
+        return self.smtp(THERE, script, port=int(port), tls=context(kind) if kind in NAMES else None)
+
+    @cases(SIGN_IN)
+    def test_sign_in(self, file, does, ends, log):
+        file = self.access_file(file)
+        self.table("relay-access " + file, harness.BACK, "domain-relay * mx.test")
+        relay, returns = self.relay(does), self.smtp(SENDERS)
+        probed = self.objects("route", "u@secure.test", "--probe")[0]["probed"]
+        self.assertEqual(probed["passes"], ends[0] == "delivered", probed)
+        self.world.queue("m", "<u@secure.test>")
+        run = self.run_ok()
+        self.assert_outcome("m", ends, returns)
+        self.world.queue("m", "<u@secure.test>")
+        shown = self.retryq("deliver", "m", "--trace").out
+        if ends[0] == "delivered":
+            self.assertEqual([session.signed_in for session in relay.sessions], [log] * 3)
+            self.assertIn(f"AUTH {log} ***".replace("LOGIN ***", "LOGIN\n") if log else "", shown)
+        else:
+            self.assertIn(log, run.lines("-failed ", " reason=")[0])
+            self.assertIn("error=0 (", run.lines(" deferred ", " code=1001 ")[0])
+            self.assertEqual({session.signed_in for session in relay.sessions} - {""},
+                             {"SCRAM-SHA-256"} if "did not prove" in log else set())
+        if "offer it" in log or "mismatch" in log or "self" in log or "file" in log:
+            self.assertFalse([1 for session in relay.sessions for line in session.commands if line[:4] == b"AUTH"])
+        everything = shown + probed["trouble"] + "".join(line.text for line in run.log)
+        for command in ("check", "route u@secure.test", "settings --json"):
+            everything += self.world.run(*command.split(), binary=world.RETRYQ).out
+        for secret in (PASSWORD, PASSWORD[:-1] + "x", "cEBzcyB3PXJ", base64.b64encode(f"\0{USER}\0{PASSWORD}".encode())[:-4].decode()):
+            self.assertNotIn(secret, everything)
 
     def test_a_shared_server_is_not_shared_below_a_domains_level(self):
         self.zone_of_two = self.server("220 self")

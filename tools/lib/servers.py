@@ -1,6 +1,9 @@
 """Servers for a world: scripted SMTP and DNS servers whose whole behaviour is data, a real DNS server
 (dnsmasq) and a real mail server (Exim, unpacked apart from the host)."""
+import base64
 import contextlib
+import hashlib
+import hmac
 import os
 import re
 import shutil
@@ -14,10 +17,10 @@ from world import DNS_ADDRESS, REPO
 
 CLOSE, RST, SILENT = "<close>", "<reset>", "<silence>"
 DEFAULT = {"banner": "220 ready", "helo": "250 hello", "mail": "250 sender ok", "rcpt": "250 ok", "data": "354 go on",
-           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "starttls": "500 unknown", "other": "500 unknown",
-           "early": "503 not now"}
+           "dot": "250 taken", "quit": "221 bye", "rset": "250 ok", "starttls": "500 unknown", "auth": "500 unknown",
+           "other": "500 unknown", "early": "503 not now"}
 COMMANDS = {b"HELO": "helo", b"EHLO": "ehlo", b"STAR": "starttls", b"MAIL": "mail", b"RCPT": "rcpt", b"DATA": "data", b"QUIT": "quit",
-            b"RSET": "rset"}
+            b"RSET": "rset", b"AUTH": "auth"}
 
 
 def end(sock, thread):
@@ -47,6 +50,7 @@ class Session:
     def __init__(self, address, client=""):
         self.client, self.address, self.raw, self.commands, self.mails, self.began = client, address, bytearray(), [], [], time.monotonic()
         self.pieces = []  # as they arrived
+        self.signed_in = ""  # the mechanism of an AUTH that was passed
 
 
 class SmtpServer:
@@ -57,12 +61,12 @@ class SmtpServer:
     action is a reply line, or a tuple of steps: str a line, bytes raw, a number of seconds to wait,
     ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
     connection each, the last one all that follow. EHLO is answered as HELO unless there is an "ehlo"; with
-    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS. "early" answers RCPT without MAIL, and DATA without an
-    accepted recipient; with "serial" what came behind a command is thrown away. With a `gate` (threading.Event) nobody is
-    greeted before it is set."""
+    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS, or on port 465 at once. "auth" may be a SignIn. "early"
+    answers RCPT without MAIL, and DATA without an accepted recipient; with "serial" what came behind a command is thrown
+    away. With a `gate` (threading.Event) nobody is greeted before it is set."""
 
     def __init__(self, address="127.0.0.2", script=None, port=25, gate=None, tls=None):
-        self.sessions, self._lock, self._gate, self._tls = [], threading.Lock(), gate, tls
+        self.sessions, self._lock, self._gate, self._tls, self._port = [], threading.Lock(), gate, tls, port
         scripts = script if isinstance(script, list) else [script or {}]
         self._scripts = [{**DEFAULT, **one} for one in scripts]
         self._socket = socket.socket()
@@ -102,6 +106,8 @@ class SmtpServer:
             with client:
                 if self._gate:
                     self._gate.wait()
+                if self._port == 465:
+                    client = self._tls.wrap_socket(client, server_side=True)
                 _Conversation(client, session, script, self._tls).play()
         except (OSError, EOFError):  # a failed handshake is an OSError too
             pass
@@ -126,6 +132,9 @@ class _Conversation:
     def command(self, stage, argument):
         if stage == "mail":
             self.session.mails.append(Mail(argument))
+        if isinstance(self.script.get(stage), SignIn):
+            self.script[stage].check(self, argument)
+            return
         early = (stage, self.step) in (("rcpt", ""), ("data", ""), ("data", "mail"))
         reply = self.act("early" if early else stage, argument)
         good = reply[:1] == b"2"
@@ -196,6 +205,56 @@ class _Conversation:
             else:
                 self.client.sendall(step if isinstance(step, bytes) else step.encode("latin-1") + b"\r\n")
         return self.reply_of(stage, argument)
+
+
+class SignIn:
+    """What a server does with AUTH, for one user: "accept" when all is right; or, whatever is said, a reply
+    line ("535 no"), which may name {password} and {said}; or with SCRAM-SHA-256 a trick: "nonce" (not ours), "proof"
+    (a wrong one), "unproven" (a 235 in its place), "rounds N", "raw TEXT" (a challenge as it stands), "again" (challenges
+    without end)."""
+
+    def __init__(self, user, password, does):
+        self._user, self._password, (self._does, _, self._what) = user, password, does.partition(" ")
+
+    def check(self, talk, argument):
+        mechanism, _, first = argument.partition(" ")
+        code = f"{self._does} {self._what}".format(password=self._password, said=first)
+        if not code[:3].isdigit():
+            good = {"PLAIN": self._plain, "LOGIN": self._login, "SCRAM-SHA-256": self._scram}[mechanism](talk, first)
+            code = "235 welcome" if good else "535 no"
+        talk.session.signed_in = mechanism if code[:3] == "235" else ""
+        talk.client.sendall(code.encode() + b"\r\n")
+
+    @staticmethod
+    def _ask(talk, challenge):
+        talk.client.sendall(b"334 " + challenge + b"\r\n")
+        return base64.b64decode(talk.read_until(b"\n"))
+
+    def _plain(self, _, first):
+        return base64.b64decode(first) == f"\0{self._user}\0{self._password}".encode()
+
+    def _login(self, talk, _):
+        said = [self._ask(talk, base64.b64encode(question)) for question in (b"Username:", b"Password:")]
+        while self._does == "again":
+            self._ask(talk, b"TW9yZTo=")
+        return said == [self._user.encode(), self._password.encode()]
+
+    def _scram(self, talk, first):  # RFC 5802, 3
+        bare = base64.b64decode(first)[3:]
+        nonce = (b"other" if self._does == "nonce" else bare.partition(b",r=")[2]) + b"server"
+        rounds = int(self._what) if self._does == "rounds" else 4096
+        challenge = b"r=%s,s=%s,i=%d" % (nonce, base64.b64encode(b"salt"), rounds)
+        raw = self._what.encode().decode("unicode_escape").encode("latin-1")
+        answer = self._ask(talk, raw if self._does == "raw" else base64.b64encode(challenge))
+        without, _, proof = answer.rpartition(b",p=")
+        message = b",".join((bare, challenge, without))
+        salted = hashlib.pbkdf2_hmac("sha256", self._password.encode(), b"salt", rounds)
+        keys = {name: hmac.digest(salted, name + b" Key", "sha256") for name in (b"Client", b"Server")}
+        signature = hmac.digest(hashlib.sha256(keys[b"Client"]).digest(), message, "sha256")
+        if bytes(a ^ b for a, b in zip(keys[b"Client"], signature)) != base64.b64decode(proof):
+            return False
+        final = hmac.digest(keys[b"Client" if self._does == "proof" else b"Server"], message, "sha256")
+        return self._does == "unproven" or self._ask(talk, base64.b64encode(b"v=" + base64.b64encode(final))) == b""
 
 
 # --- DNS messages by hand -------------------------------------------------------------------------

@@ -46,6 +46,7 @@ public:
 
     // Writes a "tls-failed" line about the recipient that a server is searched for.
     void tlsFailed(const std::string& why) override;
+    void signInFailed(const std::string& why) override;
 
     // Forgets the message: size, server, name and trace. The recipients stay.
     void clear() noexcept;
@@ -163,6 +164,7 @@ private:
 
     // Log lines.
     void tellTrouble(eventId event, int error);
+    void tellOfServer(Email::LogLine line, const std::string& why);
     void traceLine(Email::LogLine line, const char* text) const;
     void logStep(eventId event, const EmailAddr* about, int error) const;
     void reportStep(eventId event, const char* text, int value);

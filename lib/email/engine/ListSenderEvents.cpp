@@ -89,11 +89,19 @@ void ListSender::logStep(eventId event, const EmailAddr* about, int error) const
 }
 
 void ListSender::tlsFailed(const std::string& why) {
+    tellOfServer(LogLine::TlsFailed, why);
+}
+
+void ListSender::signInFailed(const std::string& why) {
+    tellOfServer(LogLine::SignInFailed, why);
+}
+
+void ListSender::tellOfServer(LogLine line, const std::string& why) {
     LogFields fields{.message = messageName, .attempt = &conversation, .args = {why}};
     if (searchingFor != nullptr) {
         fields.recipient = searchingFor->text();
     }
-    Email::writeLine(LogLine::TlsFailed, fields);
+    Email::writeLine(line, fields);
 }
 
 void ListSender::traceLine(LogLine line, const char* text) const {

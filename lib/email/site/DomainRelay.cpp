@@ -1,6 +1,7 @@
 #include "email/site/DomainRelay.h"
 
 #include "email/base/Assert.h"
+#include "email/site/RelayAccess.h"
 #include "email/site/ServerNames.h"
 #include "email/site/mailscanGlobals.h"
 #include "fwall/config.h"
@@ -126,9 +127,24 @@ void DRinfo::noteServers(const char* domain) const {
     }
 }
 
+// The last relay whose addresses begin at the address's place or before: one that did not resolve
+// has none, and begins where the next does.
+std::string_view DRinfo::relayOf(IPaddress address) const noexcept {
+    int place = 0;
+    while (place < count() && addr(place) != address) {
+        ++place;
+    }
+    std::string_view name;
+    for (const auto& [begin, relay] : relays_) {
+        name = begin <= place && place < count() ? std::string_view(relay) : name;
+    }
+    return name;
+}
+
 void DomainRelay::initialise(cfgrec* cfg) {
     relaysParam(stdRelays, "domain-relay", cfg);
     relaysParam(fallbackRelays, "fallback-relay", cfg);
+    Email::relayAccess().load(mailscanGlobals::relayAccessFile);
 }
 
 void DomainRelay::relaysParam(DomainRelay& relays, const char* key, cfgrec* cfg) {
@@ -171,6 +187,12 @@ void DomainRelay::add(DRinfo entry, std::span<char* const> hosts) {
 
 void DomainRelay::Clear() noexcept {
     table_.clear();
+}
+
+std::string_view DomainRelay::relayOf(const char* domain, IPaddress address) const noexcept {
+    const auto head = std::find_if(table_.rbegin(), table_.rend(),
+                                   [domain](const DRinfo& entry) { return entry.matches(domain); });
+    return head == table_.rend() ? std::string_view() : head->relayOf(address);
 }
 
 int DomainRelay::getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) {

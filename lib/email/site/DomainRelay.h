@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -37,6 +38,8 @@ public:
     static constexpr int kRetrySeconds = 60;
     // Notes those names for a domain that goes through this entry (ServerNames.h).
     void noteServers(const char* domain) const;
+    // The relay that has this address, as it was given; empty when none has.
+    [[nodiscard]] std::string_view relayOf(IPaddress address) const noexcept;
 
     [[nodiscard]] std::int32_t line() const noexcept { return line_; }
 
@@ -57,7 +60,8 @@ public:
     explicit DomainRelay(Email::ServerObserver* observer = nullptr) noexcept
         : observer_(observer) {}
 
-    // Fills both tables from the rule table's "domain-relay" and "fallback-relay" lines.
+    // Fills both tables from the rule table's "domain-relay" and "fallback-relay" lines, and reads
+    // the file of "relay-access".
     static void initialise(cfgrec* cfg);
 
     // Clears `relays` and reads the key's lines into it. A null list leaves it empty.
@@ -78,6 +82,9 @@ public:
     // lines are not asked, even if it added nothing. 0 when none matches; -1 for a line that has no
     // server now, but may have one later. The event is always EV_NONE.
     int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
+
+    // The relay of the domain's line that has this address, as the table names it; empty for none.
+    [[nodiscard]] std::string_view relayOf(const char* domain, IPaddress address) const noexcept;
 
     static DomainRelay stdRelays;      // asked before DNS
     static DomainRelay fallbackRelays; // asked when neither relay nor MX could be used

@@ -68,6 +68,8 @@ int Sender::openSocket(IPaddress address, int port) noexcept {
 }
 
 bool Sender::tryAddress(IPaddress address, int port) {
+    access_ = accessTo(address);
+    port = access_ != nullptr ? access_->port : port;
     beforeConnecting(address);
     serverAddress = address;
     const auto begun = Clock::now();
@@ -84,6 +86,9 @@ bool Sender::tryAddress(IPaddress address, int port) {
         return false;
     }
     conversation.begin(Email::Stage::Greeting);
+    if (!protectAtOnce(address)) {
+        return false;
+    }
     if (ReadBanner() && !CommandTimeOut()) {
         heldSince_ = begun;
         logEvent(EV_CONNECTED, nullptr, 0);
@@ -122,6 +127,7 @@ public:
     void passed(eventId event) override { sender_.logEvent(event, nullptr, 0); }
     void headsFor(const Email::Destination& to) override {
         sender_.domain_ = to.asked();
+        sender_.accessFailed_ = false;
         // A direct send goes to the gateway's own server.
         sender_.level_ =
             to.direct ? Email::TlsLevel::None : Email::tlsPolicy().levelFor(to.asked());
@@ -129,6 +135,13 @@ public:
     bool offer(const IPaddressList& servers, int port) override {
         return sender_.tryOpen(servers, port);
     }
+    bool offerRelays(const IPaddressList& servers, const DomainRelay& relays) override {
+        sender_.relays_ = &relays;
+        const bool open = sender_.mayUseRelays() && sender_.tryOpen(servers, Email::kMailPort);
+        sender_.relays_ = nullptr;
+        return open;
+    }
+    bool mayPass() override { return sender_.accessFailed_; }
 
 private:
     Sender& sender_;

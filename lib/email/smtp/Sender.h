@@ -15,6 +15,7 @@
 #include "email/base/eventId.h"
 #include "email/site/Dane.h"
 #include "email/site/HostList.h"
+#include "email/site/RelayAccess.h"
 #include "email/site/TlsPolicy.h"
 #include "email/smtp/ExtSocketClass.h"
 #include "email/smtp/Pipeline.h"
@@ -35,6 +36,7 @@
 class DomainRelay;
 
 namespace Email {
+class Authentication;
 class TlsContext;
 struct TlsTarget;
 } // namespace Email
@@ -67,6 +69,8 @@ public:
 
     // Why a server did not get the TLS that it should have got, or what it tried meanwhile.
     virtual void tlsFailed(const std::string& /*why*/) {}
+    // Why mail cannot go through a relay that must be signed in to. No secret is in it.
+    virtual void signInFailed(const std::string& /*why*/) {}
 
     // True when no further command may be started: the alarm has fired or the deadline has passed.
     [[nodiscard]] bool CommandTimeOut() const noexcept;
@@ -92,7 +96,8 @@ public:
     // max_addr_to_try entries, or the run ends.
     bool tryOpen(const IPaddressList& list, int port);
 
-    // Connects through the relays for the domain, on port 25; `tried` is set when there were any.
+    // Connects through the relays for the domain, on port 25 or, signing in, on the relay's own
+    // ("relay-access"); `tried` is set when there were any.
     bool tryRelays(DomainRelay& relays, const char* domain, bool& tried);
 
     // Finds servers for the recipient's domain and connects to one: the relays of the domain, else
@@ -135,7 +140,7 @@ protected:
         return session_.offered;
     }
     // Each line of the conversation as it stands on the wire, a command's with its end; of a body
-    // nothing but its closing dot.
+    // nothing but its closing dot, and asterisks for what is secret.
     enum class Side { Us, Server };
     virtual void lineSaid(Side /*by*/, std::string_view /*line*/) {}
 
@@ -170,6 +175,7 @@ private:
     bool sayHello(IPaddress address, int port);
     bool openSession(IPaddress address, int port);
     bool secure(IPaddress address, int port);
+    bool tlsMissing(const std::string& why);
     bool goOnInTheClear(IPaddress address, int port);
     std::string startTls(IPaddress address);
     std::string shakeHands(Email::TlsContext& context, IPaddress address);
@@ -181,6 +187,24 @@ private:
     void noteRecipient(int code) noexcept;
     bool catchUp();
     bool endEmpty(long timeoutSecs);
+
+    // Signing in to a relay: SenderSignIn.cpp.
+    struct Secret {
+        std::string_view text; // what is said
+        std::string shown;     // the line that is shown for it
+        std::string challenge; // the text of the reply
+    };
+    bool mayUseRelays();
+    [[nodiscard]] const Email::RelayAccess::Line* accessTo(IPaddress address) const;
+    [[nodiscard]] bool isSignedInFor(const char* domain) const;
+    bool protectAtOnce(IPaddress address);
+    bool openAsUser(IPaddress address, int port);
+    std::string signIn();
+    std::string exchangeTexts(Email::Authentication& exchange, const std::string& name);
+    int saySecret(const char* command, std::string& text, const std::string& shown,
+                  std::string& challenge);
+    void hideSecret(std::string& reply);
+    bool failSignIn(const std::string& why);
 
     int readNumber(long timeoutSecs);
     bool command(Email::Stage stage, const char* cmd, const char* arg, long timeoutSecs,
@@ -208,6 +232,8 @@ private:
         Email::DaneVerdict dane{};
     };
     Protection required_;
+    const DomainRelay* relays_ = nullptr; // the table whose relays are tried, while they are
+    bool accessFailed_ = false;           // in this search a relay was not signed in to
 
     struct Session {
         std::optional<SMTPcode> hello; // result of EHLO or HELO, when it was said on connecting
@@ -217,7 +243,9 @@ private:
         Email::Pipeline pipeline;
         bool mayHaveRecipients = false; // one was not clearly refused
     };
-    Email::ServerExtensions* answer_ = nullptr; // takes the lines of the reply that is read
+    const Email::RelayAccess::Line* access_ = nullptr; // as whom the server is used; null: nobody
+    Secret* secret_ = nullptr;                         // what is said, while it is to be hidden
+    Email::ServerExtensions* answer_ = nullptr;        // takes the lines of the reply that is read
     Email::TextNeeds needs_;
     bool utf8Needed_ = false;
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 
 namespace {
@@ -49,7 +50,11 @@ bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMT
         conversation.error = Email::errorText(ETIME, "the server has fallen silent");
         return false;
     }
-    return writeCommand(line, timeoutSecs);
+    const bool written = writeCommand(line, timeoutSecs);
+    if (secret_ != nullptr) {
+        ::explicit_bzero(room.data(), room.size());
+    }
+    return written;
 }
 
 void Sender::tellMissingReply(int err, long timeoutSecs) {
@@ -82,7 +87,8 @@ int Sender::readNumber(long timeoutSecs) {
         const std::string_view text(line.data(), static_cast<std::size_t>(length));
         if (err == 0) {
             conversation.reply = text;
-            lineSaid(Side::Server, text);
+            hideSecret(conversation.reply);
+            lineSaid(Side::Server, conversation.reply);
         }
         const auto reply = Email::parseReplyLine(text);
         if (reply && answer_ != nullptr) {

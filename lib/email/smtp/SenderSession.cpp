@@ -46,8 +46,9 @@ bool Sender::wantsSession() const noexcept {
 // False when it cannot be told now: then the server gets no mail, neither in the clear nor else.
 // Asked before connecting, since look-ups may last longer than a server waits.
 bool Sender::decideProtection(IPaddress address, int port) {
-    required_ = {level_, port};
-    if (level_ != TlsLevel::Dane) {
+    // Who signs in tells a secret, whatever the domain asks for.
+    required_ = {access_ != nullptr ? TlsLevel::Verify : level_, port};
+    if (required_.level != TlsLevel::Dane) {
         return true;
     }
     required_.dane = Email::askDane(daneServer(domain_, address, port));
@@ -113,6 +114,9 @@ bool Sender::sayHello(IPaddress address, int port) {
 // True when the conversation may go on. What the server said to EHLO or HELO is for SendHELO() to
 // tell, as ever.
 bool Sender::openSession(IPaddress address, int port) {
+    if (access_ != nullptr) {
+        return openAsUser(address, port);
+    }
     if (!sayHello(address, port)) {
         return false;
     }
@@ -129,10 +133,16 @@ bool Sender::secure(IPaddress address, int port) {
         session_.hello = code;
         return true;
     }
-    tlsFailed(why);
     if (required_.level == TlsLevel::May) {
+        tlsFailed(why);
         return goOnInTheClear(address, port);
     }
+    return tlsMissing(why);
+}
+
+bool Sender::tlsMissing(const std::string& why) {
+    tlsFailed(why);
+    accessFailed_ = accessFailed_ || access_ != nullptr;
     CloseTransport();
     conversation.error = Email::errorText(0, "TLS is required: " + why);
     return false;
@@ -177,7 +187,8 @@ Email::TlsTarget Sender::tlsTarget() const {
 
 std::string Sender::shakeHands(Email::TlsContext& context, IPaddress address) {
     session_.broken = true;
-    session_.name = Email::serverName(domain_, address);
+    session_.name =
+        access_ != nullptr ? std::string(access_->host) : Email::serverName(domain_, address);
     auto session = context.start(theSocket, tlsTarget());
     if (session == nullptr) {
         return "the server's name is not known";
@@ -199,8 +210,12 @@ std::string Sender::shakeHands(Email::TlsContext& context, IPaddress address) {
 // What another recipient's domain asks of the connection that stands.
 bool Sender::mayShare(const EmailAddr& rcpt) const {
     std::array<char, EmailAddr::kDomainSize> domain{};
-    if (!Email::tlsPolicy().wanted() || !rcpt.GetDomain(domain.data())) {
+    const bool asks = Email::tlsPolicy().wanted() || Email::relayAccess().wanted();
+    if (!asks || !rcpt.GetDomain(domain.data())) {
         return true;
+    }
+    if (!isSignedInFor(domain.data())) {
+        return false;
     }
     const TlsLevel level = Email::tlsPolicy().levelFor(domain.data());
     if (level < TlsLevel::Encrypt) {

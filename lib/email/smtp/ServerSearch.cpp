@@ -78,6 +78,7 @@ bool ServerSearch::offerRouted(SMTPcode& code, const Destination& to, EmailAddr&
     if (!known_.server) {
         known_.noneFound("");
     }
+    code = driver_.mayPass() ? COMMS_FAILED : code;
     // That a domain does not exist stays true, however late it was learnt.
     if (code != MXHOST_NOT_FOUND && driver_.timeIsUp()) {
         code = TIMEOUTEXPIRED;
@@ -98,7 +99,7 @@ bool ServerSearch::tryRelays(DomainRelay& relays, const char* domain, bool& trie
         return false;
     }
     driver_.passed(EV_RELAY_FOUND);
-    if (driver_.offer(list, kMailPort)) {
+    if (driver_.offerRelays(list, relays)) {
         return true;
     }
     driver_.passed(EV_RELAYS_FAILED);

@@ -29,6 +29,13 @@ public:
         virtual void headsFor(const Destination& to) = 0;
         // At least one server, to be tried in this order. True ends the search: one is taken.
         virtual bool offer(const IPaddressList& servers, int port) = 0;
+        // The same for relays of a table.
+        virtual bool offerRelays(const IPaddressList& servers, const DomainRelay& /*relays*/) {
+            return offer(servers, kMailPort);
+        }
+        // True when what was in the way may pass, so that the mail is tried again whatever the name
+        // service said of its domain.
+        virtual bool mayPass() { return false; }
         // Told of the exchangers that are met; null for nobody.
         virtual ServerObserver* observer() noexcept { return nullptr; }
     };

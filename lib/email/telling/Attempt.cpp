@@ -6,8 +6,8 @@
 namespace Email {
 
 std::string_view stageName(Stage stage) noexcept {
-    static constexpr std::array<std::string_view, 9> kNames{
-        "", "connect", "greeting", "HELO", "MAIL", "RCPT", "DATA", "body", "dot"};
+    static constexpr std::array<std::string_view, 10> kNames{
+        "", "connect", "greeting", "HELO", "MAIL", "RCPT", "DATA", "body", "dot", "AUTH"};
     return kNames[static_cast<std::size_t>(stage)];
 }
 

@@ -12,9 +12,9 @@
 
 namespace Email {
 
-enum class Stage : std::uint8_t { None, Connect, Greeting, Helo, Mail, Rcpt, Data, Body, Dot };
+enum class Stage : std::uint8_t { None, Connect, Greeting, Helo, Mail, Rcpt, Data, Body, Dot, Auth };
 
-// "connect", "greeting", "HELO", "MAIL", "RCPT", "DATA", "body" or "dot"; nothing for None.
+// "connect", "greeting", "HELO", "MAIL", "RCPT", "DATA", "body", "dot" or "AUTH"; nothing for None.
 [[nodiscard]] std::string_view stageName(Stage stage) noexcept;
 
 // A system error as log lines show it: its number and its text in parentheses. The second form has

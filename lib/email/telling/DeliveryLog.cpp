@@ -66,6 +66,8 @@ constexpr std::array kTable{
 
     LogRow{LogLine::TlsFailed, EV_NONE, LOG_WARNING, LogGate::Always,
            "tls-failed msg=%m to=%t relay=%a reason=%q"},
+    LogRow{LogLine::SignInFailed, EV_NONE, LOG_ERR, LogGate::Always,
+           "sign-in-failed msg=%m to=%t relay=%a reason=%q reply=%y"},
 
     LogRow{LogLine::FewerWorkers, EV_NONE, LOG_NOTICE, LogGate::Always,
            "fewer-workers wanted=%s used=%s because=%s"},

@@ -49,6 +49,7 @@ enum class LogLine {
     ConnectFailed,
     NoGreeting,
     TlsFailed,
+    SignInFailed,
     // A run with many workers
     FewerWorkers,
     WorkerDied,
