@@ -22,19 +22,21 @@ class Run(SystemTest):
         return self.world.start("run", *args, binary=world.RETRYQ)
 
     def test_tries_what_is_due_and_tells_in_the_walkers_name(self):
+        self.world.table(*RELAYS, smtp_max_wait=86400)
         server = self.smtp()
         for n in range(5):
             self.world.queue(f"due{n}", f"<u{n}@x{n}.test>")
         self.world.queue("waiting", "<w@x.test>", last=-60)
+        self.world.queue("rarely", "<r@x.test>", first=-50000, last=-7200)  # an old one waits longer
         run = self.retryq("run")
         self.assertEqual(sorted(mail.recipients[0][1:3] for mail in server.mails), [f"u{n}" for n in range(5)])
-        self.assertEqual(sorted(self.world.spool()), ["waiting", "waiting.rmd"])
-        self.assertRegex(run.out, "^5 of 5 due messages tried, 0 left for dead destinations, 1 not due; ")
+        self.assertEqual(sorted(self.world.spool()), ["rarely", "rarely.rmd", "waiting", "waiting.rmd"])
+        self.assertRegex(run.out, "^5 of 5 due messages tried, 0 left for dead destinations, 2 not due; ")
         self.assertIn("recipients: 5 delivered, 0 deferred, 0 returned, 0 dropped\n", run.out)
-        self.assertTrue(run.lines(" walk-ended entries=6 attempted=5 held=0 delivered=5 "), run.log)
+        self.assertTrue(run.lines(" walk-ended entries=7 attempted=5 held=0 delivered=5 "), run.log)
         self.assertEqual({line.ident for line in run.log}, {"retryer"})
         self.retryq("run", "--now")
-        self.assertEqual((len(server.mails), self.world.spool()), (6, {}))
+        self.assertEqual((len(server.mails), self.world.spool()), (7, {}))
 
     def test_ends_as_the_walker_does_without_a_table(self):
         self.world.table(raw="other: deferred-directory /tmp/\n")

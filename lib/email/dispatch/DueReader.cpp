@@ -63,6 +63,7 @@ DueReader::Found DueReader::next(DueMessage& message) {
 
 bool DueReader::hasText(std::string_view leaf) const {
     struct stat text {};
+    // As the walk sees it: a link is an entry, wherever it points.
     return ::fstatat(::dirfd(directory_.get()), std::string(leaf).c_str(), &text,
                      AT_SYMLINK_NOFOLLOW) == 0;
 }
@@ -80,7 +81,10 @@ DueReader::Found DueReader::judge(DueMessage& message) const {
         message.destination = returnDestination(list.GetSender());
         return Found::Due;
     }
-    if (Email::tooSoon(list.lastSendTime(), now, mailscanGlobals::retry_min_interval)) {
+    const std::int32_t wait =
+        Email::waitAfter(list.firstSendTime(), list.lastSendTime(),
+                         mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
+    if (Email::tooSoon(list.lastSendTime(), now, wait)) {
         return Found::Waiting;
     }
     message.destination = list.IsEmpty() ? std::string() : destinationOf(*list.first());
