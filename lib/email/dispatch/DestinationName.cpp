@@ -59,6 +59,7 @@ bool severalDestinations(const Recipients& recipients) {
     const std::string destination = destinationOf(*first);
     for (const EmailAddr* other = first->next.get(); other != nullptr; other = other->next.get()) {
         Domain its{};
+        // Most lists have one domain: its relays are looked for once.
         const bool same =
             other->GetDomain(its.data()) && ::strcasecmp(its.data(), domain.data()) == 0;
         if (!same && destinationOf(*other) != destination) {

@@ -31,6 +31,7 @@ bool Destinations::mayBegin(const std::string& destination, std::int64_t now) co
     if (known.deadUntil > now) { // its servers are on every blacklist: nobody is troubled
         return known.limit.running < most_;
     }
+    // Destinations that share a server share its limit.
     const auto server = servers_.find(known.server.value);
     return known.limit.free() && (server == servers_.end() || server->second.free());
 }
@@ -58,6 +59,7 @@ Destinations::Talk Destinations::begin(const std::string& destination, std::int6
     ++known.limit.running;
     ++searching_;
     Talk talk{.destination = destination, .began = now, .open = true};
+    // The server of the last conversation, until this one shows its own.
     countAt(talk, known.server);
     return talk;
 }
@@ -71,6 +73,7 @@ void Destinations::connected(Talk& talk, IPaddress server) {
     talk.connected = true;
     Destination& known = destinations_[talk.destination];
     known.server = server;
+    // It answers, whatever it was taken for.
     known.deadUntil = -1;
     if (!known.reached) {
         known.reached = true;
@@ -85,6 +88,7 @@ bool Destinations::failed(Talk& talk, IPaddress server, std::int64_t now) {
     if (const auto known = servers_.find(server.value); known != servers_.end()) {
         known->second.halve();
         if (known->second.running > 0) {
+            // Others of this run talk to it: it has enough of us, and is not dead.
             talk.crowded = true;
             return true;
         }
@@ -132,6 +136,8 @@ bool Destinations::end(Talk& talk, std::int64_t now) {
         known.limit.halve();
         return false;
     }
+    // Nobody was found, but quickly, and no server failed to answer: the next message may ask
+    // again.
     if (!talk.foundDead && now - talk.began < kLongSearch) {
         return false;
     }
@@ -145,6 +151,7 @@ std::vector<IPaddress> Destinations::deadSince(std::uint64_t& from, std::size_t 
         dead_.pop_front();
         ++firstDead_;
     }
+    // Those that have expired meanwhile need not be told any more.
     from = std::max(from, firstDead_);
     std::vector<IPaddress> found;
     for (; from < firstDead_ + dead_.size() && found.size() < most; ++from) {

@@ -91,9 +91,11 @@ int Dispatcher::run() {
     while (!finished()) {
         const bool more = readOn();
         handOut();
+        // With more to read nothing is waited for, but signals and reports are heard.
         wait(more || finished() ? 0 : kTick);
     }
     for (WorkerState& worker : pool_.workers()) {
+        // None has a message now: each ends when its socket is closed.
         pool_.release(worker);
     }
     while (!pool_.workers().empty()) {
@@ -171,6 +173,7 @@ void Dispatcher::handOut() {
         }
         Email::writeLine(LogLine::FewerWorkers,
                          {.args = {"more", std::to_string(pool_.allowed()), std::strerror(errno)}});
+        // Back into the window: a worker that is free later takes it.
         window_.add(std::move(*message));
         if (pool_.workers().empty()) {
             walkAlone();
@@ -209,6 +212,7 @@ void Dispatcher::tryEach(MailReSender& walker) {
 
 // Not a single worker can be had: the run is made as a walker makes it.
 void Dispatcher::walkAlone() {
+    // Nobody reads the descriptor now: a signal ends the run at once, as it ends a walker.
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
     MailReSender walker;
     if (reader_.onlySome()) {
@@ -348,15 +352,18 @@ Email::RunCounts Dispatcher::counts() const noexcept {
     for (const WorkerState& worker : pool_.workers()) {
         all += worker.counts;
     }
+    // A worker counts what it was given; the run has seen all these.
     all.entries = static_cast<long>(tally_.due + tally_.waiting);
     return all;
 }
 
 void Dispatcher::ended(WorkerState& worker, int status) {
+    // What it said before it ended, its last outcome perhaps.
     hear(worker);
     ended_ += worker.counts;
     worker.counts = {};
     const int number = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    // Ended by our own signal, which is no fault of its.
     const bool ordered = cutShort() && WIFSIGNALED(status) && number == SIGTERM;
     worst_ = std::max(worst_, ordered ? 0 : number);
     const bool died = !worker.leaf.empty() || WIFSIGNALED(status);

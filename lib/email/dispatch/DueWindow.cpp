@@ -16,11 +16,13 @@ bool younger(const DueMessage& a, const DueMessage& b) noexcept {
 void DueWindow::add(DueMessage message) {
     Group& group = groups_[message.destination];
     group.push_back(std::move(message));
+    // On top comes the message that was first tried longest ago.
     std::ranges::push_heap(group, younger);
     ++size_;
 }
 
 DueWindow::Groups::iterator DueWindow::next(const MayBegin& mayBegin) {
+    // Round robin: from behind the destination that was served last, then from the beginning.
     const auto begin = groups_.upper_bound(last_);
     const auto may = [&](const Groups::value_type& entry) { return mayBegin(entry.first); };
     const auto behind = std::find_if(begin, groups_.end(), may);

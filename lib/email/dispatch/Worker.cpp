@@ -60,6 +60,7 @@ public:
             report(Step::NoGreeting, greeting);
             break;
         case EV_DEFERRED:
+            // It broke off, or says that it closes: perhaps we have too many conversations with it.
             if (value == COMMS_FAILED || value == kServiceCloses) {
                 report(Step::Lost, value);
             }
@@ -142,6 +143,7 @@ int work(const WorkerChannel& channel, Tells tells) {
         walker.tryFile(&entry);
         const Report done{Step::Done, IPaddress::null, walker.stopped(), {}, walker.counts()};
         showStage("idle");
+        // The one report that is waited for: without it the message would stay in hand for ever.
         if (!channel.send(encode(done), Wait::Yes) || walker.stopped() != 0) {
             break;
         }

@@ -54,6 +54,7 @@ bool take(std::string_view& from, Value& value) noexcept {
 }
 
 bool isLeaf(std::string_view name) noexcept {
+    // A name and no path: it is put behind the queue's directory.
     return !name.empty() && name.size() <= Order::kMaxLeaf &&
            name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
@@ -152,6 +153,7 @@ std::pair<WorkerChannel, WorkerChannel> WorkerChannel::pair() noexcept {
 }
 
 void WorkerChannel::end() noexcept {
+    // For everybody who holds the socket: a worker may have inherited a copy of it.
     ::shutdown(fd_.get(), SHUT_RDWR);
     close();
 }
@@ -172,6 +174,7 @@ std::optional<std::string> WorkerChannel::receive(Wait wait) const {
     do {
         got = ::recv(fd_.get(), record.data(), record.size(), flags);
     } while (got < 0 && errno == EINTR);
+    // 0 is the end of the talk: no record is empty.
     if (got > 0) {
         return std::string(record.data(), static_cast<std::size_t>(got));
     }

@@ -25,6 +25,7 @@ std::int64_t descriptorsLeft(int wanted) {
     }
     const rlim_t needed = static_cast<rlim_t>(wanted) + kOwnDescriptors;
     if (limit.rlim_cur < needed && limit.rlim_cur < limit.rlim_max) {
+        // As far as any process may without asking.
         const rlimit raised{std::min(needed, limit.rlim_max), limit.rlim_max};
         if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
             limit = raised;

@@ -64,6 +64,7 @@ WorkerState* WorkerPool::start() {
         become(ends.second);
     }
     if (pid < 0) {
+        // What the system refused now is not asked for again in this run.
         most_ = static_cast<int>(workers_.size());
         return nullptr;
     }

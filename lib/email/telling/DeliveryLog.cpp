@@ -232,6 +232,7 @@ private:
         case 'r':
             return textOf(fields_.code, [this](int code) { return codeText(code); });
         case 'e':
+            // What the conversation says of itself tells more than a number.
             return attempt().error.empty() ? textOf(fields_.error, systemError)
                                            : printable(attempt().error, kFieldLimit);
         case 'q':
@@ -328,6 +329,7 @@ bool lineEnabled(LogLine line) noexcept {
 void writeLine(LogLine line, const LogFields& fields) {
     if (lineEnabled(line)) {
         const std::string text = formatLine(line, fields);
+        // With the facility: the log may have been opened with another.
         ::syslog(LOG_DAEMON | rowOf(line).priority, "%s", text.c_str());
     }
 }
