@@ -29,6 +29,8 @@ bool BlackList::InList(IPaddress address, bool purge) noexcept {
     if (purge) {
         DateTime now;
         now.SetNow();
+        // The clock counts seconds: one purge in each is enough, however many servers are asked
+        // about.
         if (now > nextPurge_) {
             nextPurge_ = now;
             purgeExpired(now);

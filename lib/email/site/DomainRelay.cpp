@@ -158,6 +158,7 @@ void DomainRelay::relaysParam(DomainRelay& relays, const char* key, cfgrec* cfg)
 }
 
 void DomainRelay::relaysParamR(DomainRelay& relays, const char* key, cfgrec* line) {
+    // The head of a table is what was added last: so the last line is read first.
     std::vector<cfgrec*> lines;
     for (; line != nullptr; line = cfg_next(key, line)) {
         lines.push_back(line);
@@ -205,6 +206,7 @@ int DomainRelay::getAddresses(const char* domain, IPaddressList& out, int max, e
     if (head == table_.rend()) {
         return 0;
     }
+    // With "dns-rules rfc" only; else a relay is looked up once a run.
     head->lookUpAgain();
     head->noteServers(domain);
     return head->count() == 0 ? -1 : out.Add(*head, max);

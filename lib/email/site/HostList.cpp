@@ -81,6 +81,7 @@ void HostList::findName() noexcept {
     if (privateHostName[0] != '\0') {
         return;
     }
+    // A name that is cut need not be terminated by it; the last bytes stay zero.
     ::gethostname(privateHostName.data(), privateHostName.size() - 2);
     const hostent* self = Email::hostByName(privateHostName.data());
     if (self != nullptr && self->h_name != nullptr) {
@@ -124,6 +125,7 @@ std::vector<IPaddress> HostList::interfaceAddresses() {
     for (const ifaddrs* at = first; at != nullptr; at = at->ifa_next) {
         if (at->ifa_addr != nullptr && at->ifa_addr->sa_family == AF_INET) {
             sockaddr_in inet{};
+            // A copy: the address need not be aligned for what it holds.
             std::memcpy(&inet, at->ifa_addr, sizeof inet);
             found.emplace_back(inet.sin_addr.s_addr);
         }
@@ -133,6 +135,7 @@ std::vector<IPaddress> HostList::interfaceAddresses() {
 }
 
 bool HostList::isLocal(IPaddress address) {
+    // Again while none is known: the file may have been missing.
     InitialiseLocals();
     return std::find(m_selfaddr.begin(), m_selfaddr.end(), address) != m_selfaddr.end();
 }

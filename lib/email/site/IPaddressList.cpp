@@ -27,6 +27,7 @@ int IPaddressList::AddNot(const IPaddressList& other, int max, BlackList& bl) no
     const int others = other.count();
     for (int i = 0; i < others && Naddr < max; ++i) {
         const IPaddress address = other.addr(i);
+        // One purge for the whole list.
         if (!bl.InList(address, i == 0) && !IPaddressList::Add(address)) {
             break;
         }

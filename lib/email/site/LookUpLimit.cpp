@@ -106,11 +106,12 @@ LookUpLimit::LookUpLimit(bool anySize) noexcept {
     _res.options |= anySize ? RES_USE_EDNS0 : 0;
     resolver = &_res;
     struct sigaction ignore {};
+    // The library writes to a connection that the other side, or our timer, may have closed.
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &ignore, &oldPipe_);
     asking = true;
     if (!start(limitDatagrams())) {
-        _res.options |= RES_IGNTC;
+        _res.options |= RES_IGNTC; // no TCP then: nothing could end it
     }
 }
 

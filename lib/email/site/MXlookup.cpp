@@ -183,6 +183,8 @@ int MXlookup::useExchangers(const unsigned char* msg, int len, const char* domai
                             IPaddressList& out, int max, eventId& event) {
     Email::Exchangers mx;
     if (!resolver_.ParseQuery(msg, len, mx.names.data(), mx.preferences.data(), mx.count)) {
+        // Counts as a domain that does not exist: its mail is returned. "dns-rules rfc" waits for
+        // an answer that can be read.
         return -1;
     }
     Resolver::SortMXAnswers(mx.names.data(), mx.preferences.data(), mx.count);
@@ -223,6 +225,7 @@ int MXlookup::takeExchangers(const Email::Exchangers& mx, const char* domain, IP
         if (found >= max) {
             return found;
         }
+        // A name that does not resolve gives -1 and takes nothing from those before.
         last = found > 0 ? found : last;
     }
     event = last > 0 ? event : EV_MX_NO_ADDRESS;

@@ -76,6 +76,7 @@ int MXlookup::useByRfc(std::span<const unsigned char> message, const char* domai
         tell(gone, Fate::NotBetter);
         return takeOwnAddress(domain, out, max, event);
     }
+    // The best ten: a domain with hundreds must not hold the walker with look-ups.
     exchangers->resize(std::min<std::size_t>(exchangers->size(), Resolver::kMaxExchangers));
     const std::span<const Email::Exchanger> all = *exchangers;
     std::size_t at = 0;

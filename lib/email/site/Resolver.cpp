@@ -87,6 +87,7 @@ int Resolver::judge(int length, int error) noexcept {
         return QUERY_TEMPORARY;
     }
     switch (error) {
+    // No answer and no reason for it: it may pass.
     case 0:
     case TRY_AGAIN:
     case NO_RECOVERY:

@@ -87,6 +87,7 @@ void charParam(const char*& value, const char* key, cfgrec* cfg, const char* dfl
 }
 
 void charsParam(const char**& list, const char* key, cfgrec* cfg) {
+    // What an earlier reading handed out: the settings may be read again.
     std::erase_if(textArrays(), [list](const TextArray& array) { return array.get() == list; });
     list = nullptr;
     const cfgrec* const cf = lookUp(key, cfg);

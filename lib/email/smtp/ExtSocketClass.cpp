@@ -215,6 +215,7 @@ ssize_t ExtSocketClass::sendSome(const char* from, std::size_t size) noexcept {
 }
 
 int ExtSocketClass::waitToSend(long limitMs) const noexcept {
+    // TLS may have to receive before it can send.
     return waitFor(theSocket, channel_ ? channel_->events() : POLLOUT, limitMs);
 }
 
@@ -298,6 +299,7 @@ int ExtSocketClass::getLine(char* buf, int bufsize) noexcept {
         assert_failure("readBufferUsed >=0 && readBufferUsed < sizeof(readBuffer)", kUnit,
                        contractLine(238));
     }
+    // The ending of the line before may be all there is.
     if (readBufferUsed < 2) {
         return -1;
     }

@@ -90,6 +90,7 @@ bool Sender::tryAddress(IPaddress address, int port) {
         return false;
     }
     if (ReadBanner() && !CommandTimeOut()) {
+        // From the connection on: a greeting that came late held the walker as well.
         heldSince_ = begun;
         logEvent(EV_CONNECTED, nullptr, 0);
         return !wantsSession() || openSession(address, port);

@@ -78,6 +78,8 @@ bool Sender::sendText(std::istream& message, Block& block, SMTPcode* code) {
             return true;
         }
         if (item.kind == Kind::End) {
+            // What was added to the text meanwhile goes out; what is missing was part of the
+            // message.
             return reader.consumed() >= messageSize ||
                    textUnreadable(code, Email::errorText(0, "the text became shorter"));
         }

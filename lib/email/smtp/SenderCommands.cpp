@@ -31,6 +31,7 @@ bool success(int code) noexcept {
 
 bool Sender::sendCommand(const char* cmd, const char* arg, long timeoutSecs, SMTPcode* code) {
     if (CommandTimeOut()) {
+        // Out of courtesy: there is no time to wait for its reply.
         static constexpr std::string_view kQuit = "QUIT\r\n";
         if (!session_.pipeline.ahead()) {
             int err = 0;
@@ -92,6 +93,7 @@ int Sender::readNumber(long timeoutSecs) {
         }
         const auto reply = Email::parseReplyLine(text);
         if (reply && answer_ != nullptr) {
+            // A line that was accepted has four characters before its text.
             answer_->addLine(text.substr(4));
         }
         if (!reply) {

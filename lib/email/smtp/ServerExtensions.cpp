@@ -61,6 +61,7 @@ std::uint64_t limitOf(std::string_view digits) noexcept {
 } // namespace
 
 void ServerExtensions::addLine(std::string_view text) noexcept {
+    // The first line is the server's name and greeting.
     if (lines++ == 0 || lines > kMaxLines) {
         lines = lines > kMaxLines ? kMaxLines : lines;
         return;

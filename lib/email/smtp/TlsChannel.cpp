@@ -76,6 +76,7 @@ ssize_t TlsChannel::receive(char* to, std::size_t room) noexcept {
 ssize_t TlsChannel::send(const char* from, std::size_t size) noexcept {
     std::size_t done = 0;
     const TlsResult result = session_->write(from, size, done);
+    // The end for who reads is an error for who writes.
     return outcome(result == TlsResult::Closed ? TlsResult::Failed : result, done);
 }
 
