@@ -1,5 +1,6 @@
 #include "email/file/FileReplacement.h"
 #include "retryq/History.h"
+#include "retryq/Json.h"
 #include "retryq/history/Counters.h"
 
 #include <sys/statvfs.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -104,6 +106,38 @@ std::string textOf(const QueueFigures& queue, std::time_t now) {
     return out.str();
 }
 
+// What labelText() has written, from the opening brace on.
+Json labelsOf(std::string_view text) {
+    Json labels = Json::object();
+    while (text.starts_with('{') || text.starts_with(',')) {
+        const std::size_t equals = text.find('=');
+        std::string value;
+        std::size_t at = equals + 2;
+        for (; at < text.size() && text[at] != '"'; ++at) {
+            at += text[at] == '\\' ? 1U : 0U;
+            value += text.substr(at, 1);
+        }
+        labels[std::string(text.substr(1, equals - 1))] = value;
+        text.remove_prefix(std::min(at + 1, text.size()));
+    }
+    return labels;
+}
+
+// The same figures for programs that do not read the collector's format: each line an object.
+void writeObjects(std::ostream& out, const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with('#')) {
+            continue;
+        }
+        const std::size_t end = line.find_first_of("{ ");
+        const double value = std::strtod(line.c_str() + line.rfind(' '), nullptr);
+        writeJson(out, {{"metric", line.substr(0, end)},
+                        {"labels", labelsOf(std::string_view(line).substr(end))},
+                        {"value", value}});
+    }
+}
+
 constexpr std::time_t kSettled = 2; // seconds until nothing more is logged for a second
 
 void writeValue(std::ostream& out, const char* name, const char* help, std::int64_t value) {
@@ -150,7 +184,8 @@ bool count(const Context& context, const History& history, std::ostream& out) {
         return false;
     }
     writeCounters(out, counters);
-    if (end > counters.upTo() && !counters.save(history.counters, end)) {
+    // A new file too, whose time is later than `end`: what comes next is counted from there.
+    if (!counters.save(history.counters, std::max(end, counters.upTo()))) {
         std::cerr << "retryq metrics: cannot write " << history.counters << ": "
                   << std::strerror(errno) << '\n';
         return false;
@@ -172,7 +207,8 @@ int metrics(const Context& context, const std::string& file, const History& hist
     const bool counted = history.counters.empty() || count(context, history, more);
     const std::string text = textOf(queue, context.now) + more.str();
     if (file.empty()) {
-        context.screen.out << text;
+        context.json ? writeObjects(context.screen.out, text)
+                     : static_cast<void>(context.screen.out << text);
         return counted ? kDone : kTrouble;
     }
     Email::FileReplacement replacement(file, kFileMode, Email::FileReplacement::LeftOver::Remove,

@@ -66,9 +66,12 @@ void Counters::load(const std::string& text) {
     }
 }
 
+// A run that found mail says "walk-ended", with its time, just before "run-ended".
 void Counters::addRun(const LogEntry& entry) {
+    const bool timed = entry.word == "run-ended" &&
+                       (valueIn(entry.text, " due=") != 0 || valueIn(entry.text, " waiting=") != 0);
     lastRunEnd_ = entry.time;
-    lastRunSeconds_ = valueIn(entry.text, " seconds=");
+    lastRunSeconds_ = timed ? lastRunSeconds_ : valueIn(entry.text, " seconds=");
     lastRunStatus_ = entry.word == "stopped" ? valueIn(entry.text, " status=") : 0;
 }
 
