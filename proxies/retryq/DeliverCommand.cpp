@@ -4,6 +4,7 @@
 #include "retryq/Commands.h"
 #include "retryq/HeldLocks.h"
 #include "retryq/Json.h"
+#include "retryq/RunState.h"
 #include "retryq/Selection.h"
 #include "retryq/WalkerProcess.h"
 
@@ -203,6 +204,14 @@ private:
     std::map<std::string, long> open_; // the outcomes that were told of each message
 };
 
+// Null when the filter is about whole messages.
+ListSender::Wanted wantedBy(const Filter& filter) {
+    if (!filter.namesRecipients()) {
+        return nullptr;
+    }
+    return [&filter](const EmailAddr& recipient) { return filter.wants(recipient); };
+}
+
 } // namespace
 
 int deliver(const Context& context, const Delivery& delivery) {
@@ -212,7 +221,7 @@ int deliver(const Context& context, const Delivery& delivery) {
         return kTrouble;
     }
     std::vector<std::string> leaves;
-    if (!select(context, delivery.names, delivery.filter, leaves)) {
+    if (!select(context, "deliver", delivery.names, delivery.filter, leaves)) {
         return kTrouble;
     }
     if (leaves.empty()) {
@@ -227,11 +236,16 @@ int deliver(const Context& context, const Delivery& delivery) {
     {
         using Dispatch::Tells;
         Dispatch::Dispatcher dispatcher(
-            {.only = leaves, .tells = delivery.trace ? Tells::Conversation : Tells::Outcomes});
+            {.only = leaves,
+             .task = {.tells = delivery.trace ? Tells::Conversation : Tells::Outcomes,
+                      .wanted = wantedBy(delivery.filter)}});
         dispatcher.setListener(
             [&outcomes](const Dispatch::WorkerState& worker, const Report& report) {
                 outcomes.hear(worker, report);
             });
+        RunState state;
+        dispatcher.setWatcher(
+            [&state](const Dispatch::Dispatcher& running) { state.publish(running); });
         status = dispatcher.run();
         cutShort = dispatcher.cutShort();
     }

@@ -65,29 +65,34 @@ bool matches(std::string_view pattern, std::string_view address) {
     return fits(withoutBrackets(pattern), withoutBrackets(address));
 }
 
+bool Filter::namesRecipients() const noexcept {
+    return !domains.empty() || !recipients.empty() || !codes.empty();
+}
+
 bool Filter::empty() const noexcept {
-    return domains.empty() && recipients.empty() && senders.empty() && codes.empty() &&
-           state.empty() && olderThan == std::numeric_limits<std::int64_t>::min() &&
+    return !namesRecipients() && senders.empty() && state.empty() &&
+           olderThan == std::numeric_limits<std::int64_t>::min() &&
            youngerThan == std::numeric_limits<std::int64_t>::max();
 }
 
-bool Filter::accepts(const Message& message, const Recipients& list, std::time_t now) const {
-    const std::int64_t age = message.age(now);
-    const auto inDomain = [&](const EmailAddr& r) {
-        const std::string domain = domainOf(r);
+bool Filter::wants(const EmailAddr& recipient) const {
+    const auto inDomain = [&] {
+        const std::string domain = domainOf(recipient);
         return std::ranges::any_of(domains, [&](const std::string& asked) {
             return ::strcasecmp(domain.c_str(), asked.c_str()) == 0;
         });
     };
-    const auto hasCode = [&](const EmailAddr& r) {
-        return std::ranges::find(codes, r.reason) != codes.end();
-    };
-    const auto named = [&](const EmailAddr& r) { return anyMatches(recipients, r.text()); };
+    return (codes.empty() || std::ranges::find(codes, recipient.reason) != codes.end()) &&
+           (domains.empty() || inDomain()) && anyMatches(recipients, recipient.text());
+}
+
+bool Filter::accepts(const Message& message, const Recipients& list, std::time_t now) const {
+    const std::int64_t age = message.age(now);
     return age >= olderThan && age <= youngerThan &&
            (state.empty() || state == (message.held ? "held" : stateName(message.state))) &&
-           anyMatches(senders, message.sender) && (codes.empty() || anyRecipient(list, hasCode)) &&
-           (domains.empty() || anyRecipient(list, inDomain)) &&
-           (recipients.empty() || anyRecipient(list, named));
+           anyMatches(senders, message.sender) &&
+           (!namesRecipients() ||
+            anyRecipient(list, [this](const EmailAddr& r) { return wants(r); }));
 }
 
 } // namespace Retryq

@@ -11,7 +11,8 @@
 
 namespace Retryq {
 
-// Conditions that a message must all meet; of several words for one condition any will do.
+// Conditions that a message must all meet, those about recipients with the same one of them; of
+// several words for one condition any will do.
 struct Filter {
     std::vector<std::string> domains;    // a recipient is in one of them
     std::vector<std::string> recipients; // patterns, as matches() takes them
@@ -23,6 +24,11 @@ struct Filter {
 
     [[nodiscard]] bool accepts(const Message& message, const Recipients& recipients,
                                std::time_t now) const;
+
+    // True for a recipient that meets all that is asked of recipients: domain, address, code.
+    [[nodiscard]] bool wants(const EmailAddr& recipient) const;
+    // True when something is.
+    [[nodiscard]] bool namesRecipients() const noexcept;
 
     // True when nothing was asked for.
     [[nodiscard]] bool empty() const noexcept;

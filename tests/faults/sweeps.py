@@ -73,7 +73,8 @@ def killed_in_run(scratch, name, number):
 # What an operator does to a message by hand: the command, and who is left in the queue afterwards.
 HANDS = {"hold": (["hold"], "all"), "release": (["release"], "all"), "retry": (["retry"], "all"),
          "remove": (["remove"], ""), "remove one": (["remove", "--recipient", "busy@mixed.a.test"], "others"),
-         "return": (["return"], "")}
+         "return": (["return"], ""), "deliver one": (["deliver", "--recipient", "busy@mixed.a.test"], "all"),
+         "deliver another": (["deliver", "--recipient", "ok@mixed.a.test"], "served")}
 
 
 def by_hand(scratch, what, strace=()):
@@ -81,7 +82,8 @@ def by_hand(scratch, what, strace=()):
     scene = Scene(scratch, ["mixed"]).fill()
     if what == "release":
         scene.run("hold", "-y", "mixed", binary=world.RETRYQ)
-    return scene, scene.run(*HANDS[what][0], "-y", "mixed", strace=strace, binary=world.RETRYQ)
+    sure = [] if "deliver" in what else ["-y"]
+    return scene, scene.run(*HANDS[what][0], *sure, "mixed", strace=strace, binary=world.RETRYQ)
 
 
 def hand_cases(scratch):
@@ -100,11 +102,13 @@ def killed_by_hand(scratch, what, name, number):
         scene.run("release", "-y", "mixed", binary=world.RETRYQ)
     ledger = Ledger(scene)
     whole = {rcpt for rcpt, leaf in RECIPIENTS.items() if leaf == "mixed"}
-    left = {"all": [whole], "": [whole, set()], "others": [whole, whole - {"<busy@mixed.a.test>"}]}[HANDS[what][1]]
+    served = {"<ok@mixed.a.test>"} if what == "deliver another" else set()
+    left = {"all": [whole], "": [whole, set()], "others": [whole, whole - {"<busy@mixed.a.test>"}],
+            "served": [whole, whole - served]}[HANDS[what][1]]
     if ledger.kept not in left or (what == "return" and not ledger.kept and set(ledger.told) != whole):
         faults.append(f"left: {sorted(ledger.kept)}, told: {sorted(ledger.told)}")
     faults += scene.run_again()
-    late = Ledger(scene).check_copies(whole if what == "return" else ())
+    late = Ledger(scene).check_copies(whole if what == "return" else served)
     gone = whole - set(late.copies) - set(late.told) - late.kept
     return faults + ledger.faults + late.faults + [f"{gone} lost"] * bool(gone and what not in ("remove", "remove one"))
 

@@ -73,7 +73,7 @@ Dispatcher::Dispatcher(const Options& options)
     : before_(blockOwnSignals()), signals_(signalDescriptor()),
       reader_(mailscanGlobals::deferred_mail_path()),
       destinations_(std::max(options.perDestination, 1), HostList::BlackL.timeout()),
-      pool_(possibleWorkers(std::max(options.workers, 1)), before_, options.tells) {
+      pool_(possibleWorkers(std::max(options.workers, 1)), before_, options.task) {
     if (options.only) {
         reader_.readOnly(*options.only);
     }
@@ -215,6 +215,7 @@ void Dispatcher::walkAlone() {
     // Nobody reads the descriptor now: a signal ends the run at once, as it ends a walker.
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
     MailReSender walker;
+    walker.tryOnly(pool_.task().wanted);
     if (reader_.onlySome()) {
         tryEach(walker);
     } else {

@@ -27,7 +27,7 @@ struct Options {
     int workers = 200;
     int perDestination = Destinations::kDefaultMost;
     std::optional<std::vector<std::string>> only{}; // these messages, and no others
-    Tells tells = Tells::Steps;
+    Task task{};
 };
 
 // What a run has come to so far, in messages.

@@ -127,9 +127,10 @@ void leaveAlone(const std::vector<IPaddress>& servers) {
 
 } // namespace
 
-int work(const WorkerChannel& channel, Tells tells) {
+int work(const WorkerChannel& channel, const Task& task) {
     using Wait = WorkerChannel::Wait;
-    ReportingWalker walker(channel, tells);
+    ReportingWalker walker(channel, task.tells);
+    walker.tryOnly(task.wanted);
     while (const auto record = channel.receive(Wait::Yes)) {
         const auto order = decodeOrder(*record);
         if (!order && record->empty()) {

@@ -1,7 +1,5 @@
 #include "email/dispatch/WorkerPool.h"
 
-#include "email/dispatch/Worker.h"
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,7 +82,7 @@ void WorkerPool::become(const WorkerChannel& own) {
     }
     ::signal(SIGINT, SIG_IGN);
     ::sigprocmask(SIG_SETMASK, &mask_, nullptr);
-    ::_exit(work(own, tells_));
+    ::_exit(work(own, task_));
 }
 
 void WorkerPool::releaseIdle(std::int64_t time) {

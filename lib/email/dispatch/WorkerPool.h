@@ -3,6 +3,7 @@
 #pragma once
 
 #include "email/dispatch/Destinations.h"
+#include "email/dispatch/Worker.h"
 #include "email/dispatch/WorkerChannel.h"
 
 #include <sys/types.h>
@@ -12,6 +13,7 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <utility>
 
 namespace Dispatch {
 
@@ -32,8 +34,8 @@ struct WorkerState {
 class WorkerPool {
 public:
     // At most that many at once; `mask` is the signal mask that a worker runs with.
-    WorkerPool(int most, const sigset_t& mask, Tells tells) noexcept
-        : most_(most), mask_(mask), tells_(tells) {}
+    WorkerPool(int most, const sigset_t& mask, Task task)
+        : most_(most), mask_(mask), task_(std::move(task)) {}
     ~WorkerPool();
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
@@ -61,6 +63,7 @@ public:
     [[nodiscard]] std::list<WorkerState>& workers() noexcept { return workers_; }
     [[nodiscard]] const std::list<WorkerState>& workers() const noexcept { return workers_; }
     [[nodiscard]] int allowed() const noexcept { return most_; }
+    [[nodiscard]] const Task& task() const noexcept { return task_; }
 
 private:
     WorkerState* start();
@@ -68,7 +71,7 @@ private:
 
     int most_;
     sigset_t mask_;
-    Tells tells_;
+    Task task_;
     std::list<WorkerState> workers_;
 };
 

@@ -156,8 +156,12 @@ SendResult ListSender::attempt(std::istream& text, bool deferred, const char* na
     recipients_.forEach([](EmailAddr& rcpt) { rcpt.attempt.reset(); });
     traceLine(LogLine::TraceSending, name);
     messageName = name;
-    const bool expired = deferred && CheckTime();
+    const bool some = deferred && wanted_;
+    const bool expired = deferred && !some && CheckTime();
     if (deferred && !expired && tooSoon()) {
+        return SEND_DEFERRED;
+    }
+    if (some && !leaveOut(failed)) {
         return SEND_DEFERRED;
     }
     counts_.attempted += deferred ? 1 : 0;
@@ -178,6 +182,19 @@ SendResult ListSender::attempt(std::istream& text, bool deferred, const char* na
         }
     }
     return settle(failed, text, deferred, message);
+}
+
+// In the order of the list, on both sides.
+bool ListSender::leaveOut(MailList& failed) {
+    MailList back;
+    while (auto rcpt = recipients_.Remove()) {
+        back.Add(std::move(rcpt), IDS_NO_REASON);
+    }
+    while (auto rcpt = back.Remove()) {
+        rcpt->leftOut = !wanted_(*rcpt);
+        (rcpt->leftOut ? failed : recipients_).Add(std::move(rcpt), IDS_NO_REASON);
+    }
+    return !recipients_.IsEmpty();
 }
 
 // The size limit is a switch only: with any value but 0, fresh mail goes out at once only to a
@@ -226,7 +243,9 @@ void ListSender::reportDeferred() {
         return;
     }
     for (const EmailAddr* rcpt = recipients_.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        logEvent(EV_DEFERRED, rcpt->text(), rcpt->reason);
+        if (!rcpt->leftOut) {
+            logEvent(EV_DEFERRED, rcpt->text(), rcpt->reason);
+        }
     }
 }
 

@@ -12,6 +12,7 @@
 #include "email/spool/QueuedMessage.h"
 #include "email/spool/Recipients.h"
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -96,6 +97,12 @@ public:
 
     Recipients& recipients() noexcept { return recipients_; }
 
+    // From now on, of a deferred message only recipients for which that holds are tried; a message
+    // with none of them is left alone. The others stay on its list as they are, also when it is
+    // overdue: nobody is given up who was not asked for. Null: all.
+    using Wanted = std::function<bool(const EmailAddr&)>;
+    void tryOnly(Wanted wanted) { wanted_ = std::move(wanted); }
+
     // The errno number of a trouble that would meet the next message as well; 0 while there is
     // none. Nothing more should be tried then.
     [[nodiscard]] int stopped() const noexcept { return stopped_; }
@@ -151,6 +158,9 @@ private:
     [[nodiscard]] std::shared_ptr<const Email::Attempt> attemptAsOfNow() const;
     void reportDelivered(const MailList& accepted, SMTPcode code);
 
+    // Those who are not wanted go to `failed`, marked; false when nobody else is there.
+    bool leaveOut(MailList& failed);
+
     // Returns what failed for good and puts the rest into the deferred queue.
     SendResult settle(MailList& failed, std::istream& text, bool deferred,
                       Email::QueuedMessage* message);
@@ -170,6 +180,7 @@ private:
     void reportStep(eventId event, const char* text, int value);
     void tellEach(Email::LogLine line, const MailList& list);
 
+    Wanted wanted_;
     Email::QueuedMessage* queued_ = nullptr; // the deferred queue's message that is being attempted
     int deniedTexts_ = 0;                    // in a row
     int stopped_ = 0;

@@ -122,6 +122,8 @@ void ListSender::tellOutcome(LogLine line, const EmailAddr& rcpt, int code,
 
 void ListSender::tellEach(LogLine line, const MailList& list) {
     for (const EmailAddr* rcpt = list.first(); rcpt != nullptr; rcpt = rcpt->next.get()) {
-        tellOutcome(line, *rcpt, rcpt->reason, rcpt->attempt.get());
+        if (!rcpt->leftOut) {
+            tellOutcome(line, *rcpt, rcpt->reason, rcpt->attempt.get());
+        }
     }
 }

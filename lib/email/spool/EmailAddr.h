@@ -77,6 +77,8 @@ private:
 
 public:
     SMTPcode reason;
+    // Not asked for in this attempt: it stays on the list with its code, whatever that is.
+    bool leftOut = false;
     // What the latest attempt came to, once it has ended or servers were left out of it. A copy of
     // the record has none. Recipients that shared a conversation share it.
     std::shared_ptr<const Email::Attempt> attempt{};

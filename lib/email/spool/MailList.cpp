@@ -127,7 +127,7 @@ void MailList::ExtractDeferred(MailList& other) noexcept {
     std::unique_ptr<EmailAddr>* tail = &deferred;
     std::unique_ptr<EmailAddr>* link = &other.head_;
     while (*link) {
-        if (deferCode((*link)->reason)) {
+        if ((*link)->leftOut || deferCode((*link)->reason)) {
             *tail = detach(*link);
             tail = &(*tail)->next;
         } else {

@@ -62,8 +62,8 @@ public:
 
     [[nodiscard]] bool ReasonPresent(SMTPcode code) const noexcept;
 
-    // Moves every record with a deferrable code from `other` to the front of this list; relative
-    // order is kept on both sides.
+    // Moves every record with a deferrable code, or left out, from `other` to the front of this
+    // list; relative order is kept on both sides.
     void ExtractDeferred(MailList& other) noexcept;
 
     // Writes the addresses, head first, joined by single blanks, to `buf` (EmailAddr::kTextSize
