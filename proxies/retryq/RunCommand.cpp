@@ -2,6 +2,7 @@
 #include "email/site/mailscanGlobals.h"
 #include "retryq/Commands.h"
 #include "retryq/RunProgress.h"
+#include "retryq/RunState.h"
 #include "retryq/WalkerProcess.h"
 
 namespace Retryq {
@@ -16,10 +17,13 @@ int run(const Context& context, const RunOptions& options) {
     {
         Dispatch::Dispatcher dispatcher(
             {.workers = options.workers, .perDestination = options.perDestination});
-        RunProgress progress(context.screen, context.json,
-                             countMessages(context.queue.directory()));
-        dispatcher.setWatcher(
-            [&progress](const Dispatch::Dispatcher& running) { progress.show(running); });
+        RunProgress progress(context.screen, context.json, countMessages(context.queue.directory()),
+                             std::chrono::seconds(options.progress));
+        RunState state;
+        dispatcher.setWatcher([&](const Dispatch::Dispatcher& running) {
+            progress.show(running);
+            state.publish(running);
+        });
         status = dispatcher.run();
         cutShort = dispatcher.cutShort();
         progress.end(dispatcher);

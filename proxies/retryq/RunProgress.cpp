@@ -16,7 +16,6 @@ namespace Retryq {
 
 namespace {
 
-constexpr std::chrono::seconds kBetweenLines{60};
 constexpr std::size_t kSlowShown = 3;
 constexpr std::size_t kShown = 80; // bytes of a destination
 
@@ -166,7 +165,7 @@ void RunProgress::draw(const std::vector<std::string>& lines) {
 
 void RunProgress::show(const Dispatch::Dispatcher& run) {
     const bool terminal = screen_.width != 0 && !json_;
-    if (!terminal && Clock::now() - told_ < kBetweenLines) {
+    if (!terminal && Clock::now() - told_ < between_) {
         return;
     }
     told_ = Clock::now();

@@ -1,4 +1,5 @@
-// How a run comes along: a few lines on a terminal that are redrawn in place, else a line a minute.
+// How a run comes along: a few lines on a terminal that are redrawn in place, else a line now and
+// then.
 #pragma once
 
 #include "email/dispatch/Dispatcher.h"
@@ -14,9 +15,9 @@ namespace Retryq {
 
 class RunProgress {
 public:
-    // `there`: messages in the spool when the run begins.
-    RunProgress(Screen screen, bool json, std::uint64_t there)
-        : screen_(screen), json_(json), there_(there) {}
+    // `there`: messages in the spool when the run begins; `between`: the time between two lines.
+    RunProgress(Screen screen, bool json, std::uint64_t there, std::chrono::seconds between)
+        : screen_(screen), json_(json), there_(there), between_(between) {}
 
     // To be called about once a second.
     void show(const Dispatch::Dispatcher& run);
@@ -46,6 +47,7 @@ private:
     Screen screen_;
     bool json_;
     std::uint64_t there_;
+    std::chrono::seconds between_;
     Clock::time_point begin_ = Clock::now();
     Clock::time_point told_ = begin_;
     std::size_t drawn_ = 0; // lines on the terminal

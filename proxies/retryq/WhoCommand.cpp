@@ -5,6 +5,7 @@
 #include "retryq/HeldLocks.h"
 #include "retryq/Json.h"
 #include "retryq/Processes.h"
+#include "retryq/RunState.h"
 #include "retryq/Table.h"
 
 #include <dirent.h>
@@ -27,6 +28,23 @@ struct Row {
     std::vector<Recipient> recipients;
     std::optional<Connections::Peer> peer;
     std::string stage;
+    std::time_t inHandSince = 0; // it has had the message; 0: not known
+};
+
+// What all running dispatchers have told of themselves.
+struct Runs {
+    std::map<pid_t, RunState::Told> told;
+
+    // The word of the worker's own dispatcher counts, and no other's.
+    [[nodiscard]] std::time_t inHandSince(const Process& worker, std::time_t now) const {
+        const auto run = told.find(worker.parent);
+        if (run == told.end()) {
+            return 0;
+        }
+        const auto found = run->second.inHandSince.find(worker.pid);
+        const bool sense = found != run->second.inHandSince.end() && found->second <= now;
+        return sense ? std::max<std::time_t>(found->second, 0) : 0;
+    }
 };
 
 // The messages whose lock somebody holds, with the process that took it.
@@ -51,13 +69,13 @@ bool isWorker(const Process& process) {
     return process.title.starts_with(kTitle);
 }
 
-// A retryer, or a retryq that hands messages out; its workers are told by their locks.
-bool walks(const Process& process) {
+// Hands messages out to workers, which are told by their locks.
+bool dispatches(const Process& process) {
     const auto command = [&](const char* word) {
         return std::ranges::find(process.words, word) != process.words.end();
     };
-    return process.program == "retryer" || (process.program == "retryq" && !isWorker(process) &&
-                                            (command("run") || command("deliver")));
+    return process.program == "retryq" && !isWorker(process) &&
+           (command("run") || command("deliver"));
 }
 
 std::string stageOf(const Row& row, bool hidden) {
@@ -65,8 +83,7 @@ std::string stageOf(const Row& row, bool hidden) {
         return "process not visible";
     }
     if (row.leaf.empty()) {
-        return walks(row.process) && row.process.program == "retryq" ? "hands messages out"
-                                                                     : "between messages";
+        return dispatches(row.process) ? "hands messages out" : "between messages";
     }
     if (row.peer && !row.peer->standing) {
         return "connecting";
@@ -81,8 +98,9 @@ std::string stageOf(const Row& row, bool hidden) {
 }
 
 Row describe(const Context& context, const Process& process, const std::string& leaf,
-             const Connections& connections) {
+             const Connections& connections, const Runs& runs) {
     Row row{process, leaf, {}, {}, {}};
+    row.inHandSince = leaf.empty() ? 0 : runs.inHandSince(process, context.now);
     Message message;
     Recipients recipients;
     if (!leaf.empty() && context.queue.find(leaf, message, recipients)) {
@@ -96,21 +114,37 @@ Row describe(const Context& context, const Process& process, const std::string& 
     return row;
 }
 
+// Walkers and dispatchers without a lock of their own.
+std::vector<Process> otherWalkers(const std::map<pid_t, std::vector<std::string>>& held,
+                                  Runs& runs) {
+    std::vector<Process> found;
+    for (const pid_t pid : allProcesses()) {
+        const Process process = processOf(pid);
+        if (held.contains(pid) || !process.visible ||
+            (process.program != "retryer" && !dispatches(process))) {
+            continue;
+        }
+        found.push_back(process);
+        if (dispatches(process)) {
+            runs.told[pid] = RunState::of(pid);
+        }
+    }
+    return found;
+}
+
 std::vector<Row> collect(const Context& context,
-                         const std::map<pid_t, std::vector<std::string>>& held) {
+                         const std::map<pid_t, std::vector<std::string>>& held, Runs& runs) {
     std::vector<Row> rows;
+    const std::vector<Process> others = otherWalkers(held, runs);
     const Connections connections(::getpid());
     for (const auto& [pid, leaves] : held) {
         const Process process = processOf(pid);
         for (const std::string& leaf : leaves) {
-            rows.push_back(describe(context, process, leaf, connections));
+            rows.push_back(describe(context, process, leaf, connections, runs));
         }
     }
-    for (const pid_t pid : allProcesses()) {
-        const Process process = processOf(pid);
-        if (!held.contains(pid) && process.visible && walks(process)) {
-            rows.push_back(describe(context, process, "", connections));
-        }
+    for (const Process& process : others) {
+        rows.push_back(describe(context, process, "", connections, runs));
     }
     return rows;
 }
@@ -140,6 +174,7 @@ Json toJson(const Row& row) {
             {"program", orNull(!row.process.program.empty(), row.process.program)},
             {"user", orNull(!row.process.user.empty(), row.process.user)},
             {"since", orNull(row.process.since != 0, isoTimeText(row.process.since))},
+            {"in_hand_since", orNull(row.inHandSince != 0, isoTimeText(row.inHandSince))},
             {"message", orNull(!row.leaf.empty(), row.leaf)},
             {"recipients", std::move(recipients)},
             {"server", orNull(row.peer.has_value(), addressText(row.peer))},
@@ -151,35 +186,20 @@ std::vector<std::string> cellsOf(const Context& context, const Row& row) {
             row.process.program.empty() ? "-" : printable(row.process.program, kShown),
             row.process.user.empty() ? "-" : printable(row.process.user, kShown),
             row.process.since == 0 ? "-" : durationText(context.now - row.process.since),
+            row.inHandSince == 0 ? "-" : durationText(context.now - row.inHandSince),
             row.leaf.empty() ? "-" : printable(row.leaf, kShown),
             recipientText(row),
             addressText(row.peer),
             printable(row.stage, kShown)};
 }
 
-} // namespace
-
-int who(const Context& context) {
-    std::map<pid_t, std::vector<std::string>> held;
-    if (!heldMessages(context, held)) {
-        return cannotOpenSpool(context);
-    }
-    const std::vector<Row> rows = collect(context, held);
-    if (context.json) {
-        for (const Row& row : rows) {
-            writeJson(context.screen.out, toJson(row));
-        }
-        return kDone;
-    }
-    if (rows.empty()) {
-        context.screen.out << "Nobody works on the queue\n";
-        return kDone;
-    }
+void printRows(const Context& context, const std::vector<Row>& rows) {
     using Fit = Table::Fit;
     Table table(context.screen, {{"PID", 5, true},
                                  {"PROGRAM", 7},
                                  {"USER", 4},
-                                 {"SINCE", 5, true},
+                                 {"RUNS", 4, true},
+                                 {"HAS", 4, true},
                                  {"MESSAGE", 7, false, Fit::Wrap},
                                  {"RECIPIENT", 9, false, Fit::Wrap},
                                  {"SERVER", 6},
@@ -190,6 +210,43 @@ int who(const Context& context) {
         cells.push_back(cellsOf(context, row));
     }
     table.print(cells);
+}
+
+// Destinations none of whose servers answered, as each run knows them.
+void tellDead(const Context& context, const Runs& runs) {
+    for (const auto& [pid, told] : runs.told) {
+        for (const auto& [destination, messages] : told.dead) {
+            if (context.json) {
+                writeJson(
+                    context.screen.out,
+                    {{"pid", pid}, {"dead_destination", destination}, {"messages", messages}});
+            } else {
+                context.screen.out << "no server answers: " << printable(destination, kShown)
+                                   << ", " << messages << " messages left by run " << pid << '\n';
+            }
+        }
+    }
+}
+
+} // namespace
+
+int who(const Context& context) {
+    std::map<pid_t, std::vector<std::string>> held;
+    if (!heldMessages(context, held)) {
+        return cannotOpenSpool(context);
+    }
+    Runs runs;
+    const std::vector<Row> rows = collect(context, held, runs);
+    if (context.json) {
+        for (const Row& row : rows) {
+            writeJson(context.screen.out, toJson(row));
+        }
+    } else if (rows.empty()) {
+        context.screen.out << "Nobody works on the queue\n";
+    } else {
+        printRows(context, rows);
+    }
+    tellDead(context, runs);
     return kDone;
 }
 

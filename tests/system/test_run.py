@@ -92,6 +92,14 @@ class Run(SystemTest):
         line, = run.lines(" fewer-workers ")
         self.assertTrue(re.search("wanted=200 used=8 because=open files", line), line)
 
+    def test_tells_now_and_then_how_it_comes_along_where_there_is_no_terminal(self):
+        self.smtp(script={"rcpt": (2.5, "250 ok")})
+        self.world.queue("m", "<u@x.test>")
+        self.world.queue("waiting", "<w@x.test>", last=-60)
+        lines = self.retryq("run", "--progress", "1").out.splitlines()
+        self.assertTrue(2 <= len([line for line in lines if line.startswith("2 of 2 messages seen, 1 in hand, 0 tried (0.0/s), - left; 0 delivered, ")]) <= 4, lines)
+        self.assertEqual(len(self.retryq("run", "--now").out.splitlines()), 2)  # once a minute, else
+
     def test_shows_on_a_terminal_how_it_comes_along_and_wipes_it_in_the_end(self):
         self.smtp(script={"rcpt": (1.1, "250 ok")})
         for n in range(4):
@@ -117,15 +125,28 @@ class Deliver(SystemTest):
             self.world.queue(leaf, rcpts, sender=sender, last=-5)
 
     @cases({"name": (["q1"], {"q1"}), "beginning": (["q20"], {"q20"}), "name that begins another": (["q2"], {"q2"}),
-            "domain": (["--domain", "Y.test"], {"q1", "q2"}), "recipient": (["--recipient", "b*@*"], {"q1", "q2", "q20"}),
-            "sender": (["--sender", "<>"], {"q20"}), "both": (["q1", "q2", "--sender", "s@two.test"], {"q2"})})
-    def test_tries_by(self, args, leaves):
+            "domain": (["--domain", "Y.test"], {"q1", "q2"}, "y.test"), "recipient": (["--recipient", "b*@*"], {"q1", "q2", "q20"}, "<b"),
+            "both in one": (["--recipient", "b*", "--domain", "z.test"], {"q20"}, "z.test"), "sender": (["--sender", "<>"], {"q20"}),
+            "both": (["q1", "q2", "--sender", "s@two.test"], {"q2"})})
+    def test_tries_by(self, args, leaves, only=""):
         given = {leaf: self.world.rmd(leaf).recipients for leaf in ("q1", "q2", "q20")}
         told = self.objects("deliver", *args)
-        self.assertEqual({(one["message"], one["recipient"]) for one in told if one["report"] == "outcome"},
-                         {(leaf, rcpt) for leaf in leaves for rcpt, _ in given[leaf]})
+        wanted = {(leaf, rcpt) for leaf in leaves for rcpt, _ in given[leaf] if only in rcpt}
+        self.assertEqual({(one["message"], one["recipient"]) for one in told if one["report"] == "outcome"}, wanted)
         asked = {line[9:].decode() for session in self.server.sessions for line in session.commands if line.startswith(b"RCPT")}
-        self.assertEqual(asked, {rcpt for leaf in leaves for rcpt, _ in given[leaf]})
+        self.assertEqual(asked, {rcpt for _, rcpt in wanted})
+
+    def test_leaves_the_others_of_a_message_as_they_are(self):
+        others = [("<new@y.test>", -1), ("<gone@y.test>", 550), ("<late@y.test>", 1001)]
+        self.world.queue("q3", [*others[:2], ("<busy@x.test>", -1), others[2], ("<bad@x.test>", 450), ("<a@x.test>", -1)],
+                         sender="<>", first=-9 * 86400, last=-5)
+        run = self.retryq("deliver", "q3", "--domain", "x.test")
+        self.assertEqual(sorted(self.world.rmd("q3").recipients), sorted([*others, ("<busy@x.test>", 450)]))
+        self.assertEqual(run.lines("y.test"), [])  # nor a word about them
+        self.assertEqual(len(run.lines(" deferred ")), 1)
+        before = self.world.spool()
+        self.assertIn("no such message", self.retryq("deliver", "q3", "--domain", "z.test", status=1).out)
+        self.assertEqual(self.world.spool(), before)
 
     @cases({"nothing": ([], "needs a message"), "no such": (["x"], "x is not in the queue"), "several": (["q"], "q may be q1, q2, q20"),
             "one of them wrong": (["q1", "x"], "x is not in the queue"), "no message": (["--domain", "none.test"], "no such message")})
@@ -154,17 +175,25 @@ class Deliver(SystemTest):
 class Who(SystemTest):
     @cases({"walker": ((), None, "talking"), "worker": (("run", "--workers", "2"), world.RETRYQ, "RCPT")})
     def test_tells_of_a(self, args, binary, stage):
-        self.world.table(*RELAYS)
+        self.world.table(f"domain-relay dead.test {HERE_NOBODY}", *RELAYS)
         server = self.smtp(script={"rcpt": (3.0, "250 ok")})
         self.world.queue("m", ["<u@x.test>", "<v@x.test>"])
+        for n in range(2 if binary else 0):
+            self.world.queue(f"dead{n}", f"<u{n}@dead.test>", first=-9000)
         running = self.world.start(*args, binary=binary)
         while not any(line.startswith(b"RCPT") for session in server.sessions for line in session.commands):
             time.sleep(0.01)
-        rows = {row["message"]: row for row in self.objects("who")}
+        time.sleep(1.2)  # a run tells of itself once a second
+        told = self.objects("who")
+        dead = [(row.pop("dead_destination"), row["messages"]) for row in told if "dead_destination" in row]
+        rows = {row["message"]: row for row in told if "message" in row}
         self.assertEqual(set(rows), {"m"} if binary is None else {"m", None})
         row = rows["m"]
         self.assertEqual((row["server"], row["stage"], sorted(row["recipients"])), ("127.0.0.2", stage, ["<u@x.test>", "<v@x.test>"]))
         self.assertEqual(running.pid, row["pid" if binary is None else "parent"])
+        self.assertEqual(dead, [] if binary is None else [(f"relay {HERE_NOBODY}", 1)])
+        self.assertEqual(row["in_hand_since"] is None, binary is None)
+        self.assertLessEqual(row["since"], row["in_hand_since"] or row["since"])
         nobody = self.world.run("--reuid=65534", "--clear-groups", "--", world.RETRYQ, "who", binary="/usr/bin/setpriv")
         self.world.finish(running)
         self.assertIn("cannot open", nobody.out)
