@@ -21,7 +21,7 @@ _retryq() {
   done
   COMPREPLY=()
   case $prev in
-    --state) word='due waiting overdue unreadable held' ;;
+    --state) word='due waiting overdue unreadable on-hold held' ;;
     --by) word='domain code sender' ;;
     --sort) [ "$command" = summary ] && word='age count' || word='age size tries next rcpts' ;;
     --user) word=$(compgen -u) ;;

@@ -8,7 +8,9 @@
 #include "email/telling/DeliveryLog.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
+#include "retryq/Json.h"
 #include "retryq/ListText.h"
+#include "retryq/Selection.h"
 
 #include <pwd.h>
 #include <syslog.h>
@@ -49,6 +51,7 @@ void logChange(const char* word, const Message& message, const std::string& rest
 }
 
 struct ChangeWords {
+    const char* command;
     const char* question;
     const char* end;
 };
@@ -56,17 +59,17 @@ struct ChangeWords {
 ChangeWords wordsOf(Change what) {
     switch (what) {
     case Change::Remove:
-        return {"Delete ", " for good"};
+        return {"remove", "Delete ", " for good"};
     case Change::Retry:
-        return {"Make due now: ", ""};
+        return {"retry", "Make due now: ", ""};
     case Change::Hold:
-        return {"Put on hold: ", ""};
+        return {"hold", "Put on hold: ", ""};
     case Change::Release:
-        return {"Release: ", ""};
+        return {"release", "Release: ", ""};
     case Change::Return:
         break;
     }
-    return {"Return to the sender, now: ", ""};
+    return {"return", "Return to the sender, now: ", ""};
 }
 
 // Puts the question; true for yes.
@@ -258,13 +261,26 @@ private:
         return done(message.leaf, "is due now");
     }
 
-    bool done(const std::string& leaf, const char* what) {
-        context_.screen.out << printable(leaf, kShown) << ' ' << what << '\n';
+    void tell(const std::string& leaf, bool good, const std::string& text) const {
+        const char* const command = wordsOf(what_).command;
+        if (context_.json) {
+            writeJson(context_.screen.out,
+                      {{"command", command}, {"message", leaf}, {"done", good}, {"text", text}});
+        } else if (good) {
+            context_.screen.out << printable(leaf, kShown) << ' ' << text << '\n';
+        } else {
+            std::cerr << "retryq " << command << ": " << printable(leaf, kShown) << ' ' << text
+                      << '\n';
+        }
+    }
+
+    bool done(const std::string& leaf, const char* what) const {
+        tell(leaf, true, what);
         return true;
     }
 
-    static bool fail(const std::string& leaf, const std::string& why) {
-        std::cerr << "retryq: " << printable(leaf, kShown) << ' ' << why << '\n';
+    bool fail(const std::string& leaf, const std::string& why) const {
+        tell(leaf, false, why);
         return false;
     }
 
@@ -273,22 +289,55 @@ private:
     std::string recipient_; // only this one is removed; empty: the message
 };
 
+// The messages to be changed; false when a name stands for none. A whole name is taken as it is:
+// what a crash has left of a message, a recipient file alone, is to be named too.
+bool find(const Context& context, const char* command, const Changes& wanted,
+          std::vector<std::string>& leaves) {
+    Filter filter = wanted.filter;
+    if (wanted.names.empty() && !wanted.recipient.empty()) {
+        filter.recipients.push_back(wanted.recipient);
+    }
+    if (wanted.names.empty() && filter.empty()) {
+        std::cerr << "retryq " << command
+                  << ": which messages? Name them, or give --sender, --domain or another filter\n";
+        return false;
+    }
+    std::vector<std::string> names;
+    for (const std::string& name : wanted.names) {
+        const bool whole = name.find('/') != std::string::npos ||
+                           ::access(context.queue.recipientPath(name).c_str(), F_OK) == 0;
+        (whole && filter.empty() ? leaves : names).push_back(name);
+    }
+    if (names.empty() && !wanted.names.empty()) {
+        return true;
+    }
+    const bool good = select(context, command, names, filter, leaves);
+    if (good && leaves.empty()) {
+        std::cerr << "retryq " << command << ": no such message\n";
+    }
+    return good;
+}
+
 } // namespace
 
-int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes,
-           const std::string& recipient) {
-    if (!yes && ::isatty(STDIN_FILENO) == 0) {
-        std::cerr << "retryq: nobody to ask: give --yes\n";
+int change(const Context& context, Change what, const Changes& wanted) {
+    const char* const command = wordsOf(what).command;
+    std::vector<std::string> leaves;
+    bool all = find(context, command, wanted, leaves);
+    if (leaves.empty()) {
         return kTrouble;
     }
-    if (!yes && !confirmed(context, what, leaves.size())) {
+    if (!wanted.yes && ::isatty(STDIN_FILENO) == 0) {
+        std::cerr << "retryq " << command << ": nobody to ask: give --yes\n";
+        return kTrouble;
+    }
+    if (!wanted.yes && !confirmed(context, what, leaves.size())) {
         return kTrouble;
     }
     if (what == Change::Return) { // the return mail goes out at once, like a walker's
         DomainRelay::initialise(context.table.records());
     }
-    Changer changer(context, what, recipient);
-    bool all = true;
+    Changer changer(context, what, wanted.recipient);
     for (const std::string& leaf : leaves) {
         all = changer.apply(leaf) && all;
     }

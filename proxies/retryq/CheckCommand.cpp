@@ -41,7 +41,7 @@ public:
         constexpr std::array kLevels{
             Level{kTrouble, "warning", "WARNING  ", Colour::Yellow},
             Level{kStop, "stop", "STOP     ", Colour::Red},
-            Level{kLosesMail, "loses-mail", "LOSES MAIL  ", Colour::Red},
+            Level{kLosesMail, "loses-mail", "LOSES MAIL\n         ", Colour::Red},
         };
         const Level& level = kLevels.at(static_cast<std::size_t>(finding.weight));
         status_ = std::max(status_, level.status);
@@ -57,10 +57,12 @@ public:
             writeJson(context_.screen.out, object);
             return;
         }
+        constexpr int kIndent = 9;
+        const std::string line =
+            finding.line == 0 ? "" : "line " + std::to_string(finding.line) + ": ";
+        const int width = context_.screen.width == 0 ? 0 : context_.screen.width - kIndent;
         context_.screen.out << context_.screen.paint(level.label, level.colour)
-                            << (finding.line == 0 ? ""
-                                                  : "line " + std::to_string(finding.line) + ": ")
-                            << finding.text << '\n';
+                            << wrapped(line + finding.text, width, kIndent) << '\n';
     }
 
     void addAll(const char* about, const std::vector<Finding>& findings) {

@@ -28,19 +28,24 @@ std::vector<std::string> withUsualOptions(int argc, char** argv) {
     return words;
 }
 
-void addFilter(CLI::App& command, Filter& filter) {
-    const CLI::AsNumberWithUnit duration(kTimeUnits, CLI::AsNumberWithUnit::CASE_INSENSITIVE,
-                                         "TIME");
-    const CLI::Validator given(
-        [](const std::string& word) { return word.empty() ? "must not be empty" : ""; }, "");
-    command.add_option("--domain", filter.domains, "a recipient in this domain")->check(given);
+CLI::Validator given() {
+    return {[](const std::string& word) { return word.empty() ? "must not be empty" : ""; }, ""};
+}
+
+void addRecipient(CLI::App& command, Filter& filter) {
     command
         .add_option("--recipient", filter.recipients,
                     "this recipient; * stands for any text: *@lab.example")
-        ->check(given);
+        ->check(given());
+}
+
+void addFilter(CLI::App& command, Filter& filter) {
+    const CLI::AsNumberWithUnit duration(kTimeUnits, CLI::AsNumberWithUnit::CASE_INSENSITIVE,
+                                         "TIME");
+    command.add_option("--domain", filter.domains, "a recipient in this domain")->check(given());
     command
         .add_option("--sender", filter.senders, "this sender; * stands for any text, <> for none")
-        ->check(given);
+        ->check(given());
     command.add_option("--code", filter.codes, "a recipient of this result code");
     command.add_option("--older", filter.olderThan, "only at least this old: 90, 15m, 2h, 3d")
         ->transform(duration);
@@ -70,14 +75,22 @@ CLI::App* addForAnyTable(CLI::App& app, CommandLine& line, const char* name, con
 }
 
 template<Change What>
-CLI::App* addChange(CLI::App& app, CommandLine& line, const char* name, const char* help) {
+void addChange(CLI::App& app, CommandLine& line, const char* name, const char* help) {
     CLI::App* const command =
         add(app, line, name, help, [](const CommandLine& given, const Context& context) {
-            return change(context, What, given.words, given.yes, given.recipient);
+            return change(context, What, given.changes);
         });
-    command->add_option("MESSAGE", line.words, "leaf names")->required();
-    command->add_flag("-y,--yes", line.yes, "do not ask");
-    return command;
+    command->add_option("MESSAGE", line.changes.names, "leaf names, or how they begin");
+    addFilter(*command, line.changes.filter);
+    if constexpr (What == Change::Remove) {
+        command
+            ->add_option("--recipient", line.changes.recipient,
+                         "take only this recipient off the list")
+            ->check(given());
+    } else {
+        addRecipient(*command, line.changes.filter);
+    }
+    command->add_flag("-y,--yes", line.changes.yes, "do not ask");
 }
 
 std::string firstWord(const CommandLine& line) {
@@ -115,6 +128,7 @@ void addLooking(CLI::App& app, CommandLine& line) {
         add(app, line, "list", "a line a message, the oldest first",
             [](Line given, In context) { return list(context, given.filter, given.view); });
     addFilter(*listing, line.filter);
+    addRecipient(*listing, line.filter);
     listing->add_option("--sort", line.view.sort, "age, size, tries, next or rcpts")
         ->check(CLI::IsMember({"age", "size", "tries", "next", "rcpts"}));
     listing->add_option("--limit", line.view.limit, "at most so many messages");
@@ -152,6 +166,11 @@ void addRun(CLI::App& app, CommandLine& line) {
                      "conversations at once with one domain, and with one server")
         ->check(CLI::Range(1, kMost))
         ->capture_default_str();
+    running
+        ->add_option("--progress", line.run.progress,
+                     "seconds between two lines about it, without a terminal")
+        ->check(CLI::Range(1, kMost))
+        ->capture_default_str();
 }
 
 void addCheck(CLI::App& app, CommandLine& line) {
@@ -174,6 +193,7 @@ void addDeliver(CLI::App& app, CommandLine& line) {
             });
     delivering->add_option("MESSAGE", line.delivery.names, "leaf names, or how they begin");
     addFilter(*delivering, line.delivery.filter);
+    addRecipient(*delivering, line.delivery.filter);
     delivering->add_flag("--trace", line.delivery.trace, "show each command and reply");
     add(app, line, "who", "what each walker and worker does now, and who holds which lock",
         [](const CommandLine&, const Context& context) { return who(context); });
@@ -207,8 +227,7 @@ void addCommands(CLI::App& app, CommandLine& line) {
     addLooking(app, line);
     addJudging(app, line);
     addHistory(app, line);
-    addChange<Change::Remove>(app, line, "remove", "delete messages, or one recipient of each")
-        ->add_option("--recipient", line.recipient, "take only this recipient off the list");
+    addChange<Change::Remove>(app, line, "remove", "delete messages, or one recipient of each");
     addChange<Change::Hold>(app, line, "hold", "let every walker pass messages over");
     addChange<Change::Release>(app, line, "release", "let them be tried again");
     addChange<Change::Return>(app, line, "return", "give messages up now, with the return mail");

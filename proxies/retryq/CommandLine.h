@@ -24,8 +24,7 @@ struct CommandLine {
     std::vector<std::string> words; // message leaves, the address, or the file
     bool probe = false;
     bool body = false;
-    bool yes = false;
-    std::string recipient; // the only one that is removed
+    Changes changes;
     History history;
     RunOptions run;
     bool fatal = false; // of check

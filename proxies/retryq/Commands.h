@@ -47,8 +47,8 @@ struct SummaryView {
 // A line a message.
 int list(const Context& context, const Filter& filter, const ListView& view);
 
-// All about one message; its body too when asked.
-int show(const Context& context, const std::string& leaf, bool body);
+// All about one message, named or begun; its body too when asked.
+int show(const Context& context, const std::string& name, bool body);
 
 // Recipients by domain, result or sender, and by age.
 int summary(const Context& context, const SummaryView& view);
@@ -79,15 +79,21 @@ enum class Change {
     Release, // let them try it again
     Return,  // give it up now: the sender gets the return mail
 };
+struct Changes {
+    std::vector<std::string> names; // of messages, or how they begin
+    Filter filter;
+    bool yes = false;      // do not ask
+    std::string recipient; // Remove takes just this one off; without names, wherever it stands
+};
 // Changes each message under its lock and logs it. Asks first on a terminal, unless `yes`; without
-// a terminal to ask at, `yes` is needed. With a recipient, Remove takes just that one off.
-int change(const Context& context, Change what, const std::vector<std::string>& leaves, bool yes,
-           const std::string& recipient);
+// a terminal to ask at, `yes` is needed.
+int change(const Context& context, Change what, const Changes& wanted);
 
 struct RunOptions {
     bool now = false; // the minimum deferral does not hold messages back
     int workers = 200;
     int perDestination = 20; // conversations at once with one domain, and with one server
+    int progress = 60;       // seconds between two lines about it, where there is no terminal
 };
 // Tries what is due, with many conversations at once. The status is the worst of its workers'.
 int run(const Context& context, const RunOptions& options);

@@ -85,14 +85,27 @@ std::string codeText(std::int32_t code) {
     return code == IDS_NO_REASON ? "new" : std::to_string(code);
 }
 
+// What is to become of it, where there is no room for saying so, follows from the state.
+std::string nextText(const Context& context, const Message& message, Room room) {
+    const bool plain = message.state == State::Overdue || message.state == State::Unreadable;
+    return room != Room::All && plain && !message.held ? stateName(message.state)
+                                                       : nextTryText(message, context.now);
+}
+
+// On a narrow screen without its brackets, but for the null sender.
+std::string senderText(const Message& message, Room room) {
+    std::string text = message.sender.empty() ? "<>" : printable(message.sender, kShown);
+    const bool bare = room != Room::All && text.size() > 2 && text.starts_with('<');
+    return bare && text.ends_with('>') ? text.substr(1, text.size() - 2) : text;
+}
+
 std::vector<std::string> cellsOf(const Context& context, const Message& message) {
     const Room room = roomOn(context.screen);
     const bool readable = message.state != State::Unreadable;
-    std::vector<std::string> cells{
-        printable(message.leaf, kShown), durationText(message.age(context.now)),
-        readable ? std::to_string(message.recipients) : "-",
-        message.sender.empty() ? "<>" : printable(message.sender, kShown),
-        nextTryText(message, context.now)};
+    std::vector<std::string> cells{printable(message.leaf, kShown),
+                                   durationText(message.age(context.now)),
+                                   readable ? std::to_string(message.recipients) : "-",
+                                   senderText(message, room), nextText(context, message, room)};
     const std::string result =
         room == Room::All ? codeAndText(message.code) : codeText(message.code);
     cells.push_back(readable ? result : "-");

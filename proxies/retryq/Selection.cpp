@@ -18,16 +18,17 @@ struct Found {
     bool accepted;
 };
 
-bool fail(const std::string& name, const std::string& why) {
-    std::cerr << "retryq: " << printable(name, kShown) << ' ' << why << '\n';
+bool fail(const char* command, const std::string& name, const std::string& why) {
+    std::cerr << "retryq " << command << ": " << printable(name, kShown) << ' ' << why << '\n';
     return false;
 }
 
 // The name's own message goes before those that it begins. `all` is in order.
-bool resolve(const std::string& name, const std::vector<Found>& all, std::set<std::string>& named) {
+bool resolve(const char* command, const std::string& name, const std::vector<Found>& all,
+             std::set<std::string>& named) {
     const auto first = std::ranges::lower_bound(all, name, {}, &Found::leaf);
     if (first == all.end() || name.empty() || !first->leaf.starts_with(name)) {
-        return fail(name, "is not in the queue");
+        return fail(command, name, "is not in the queue");
     }
     const auto end = std::find_if(
         first, all.end(), [&](const Found& found) { return !found.leaf.starts_with(name); });
@@ -36,7 +37,7 @@ bool resolve(const std::string& name, const std::vector<Found>& all, std::set<st
         for (auto one = first; one != end && one - first < static_cast<int>(kMeant); ++one) {
             meant.append(one == first ? " " : ", ").append(printable(one->leaf, kShown));
         }
-        return fail(name, meant + (end - first > static_cast<int>(kMeant) ? " ..." : ""));
+        return fail(command, name, meant + (end - first > static_cast<int>(kMeant) ? " ..." : ""));
     }
     named.insert(first->leaf);
     return true;
@@ -44,8 +45,8 @@ bool resolve(const std::string& name, const std::vector<Found>& all, std::set<st
 
 } // namespace
 
-bool select(const Context& context, const std::vector<std::string>& names, const Filter& filter,
-            std::vector<std::string>& leaves) {
+bool select(const Context& context, const char* command, const std::vector<std::string>& names,
+            const Filter& filter, std::vector<std::string>& leaves) {
     std::vector<Found> all;
     const bool opened =
         context.queue.visit([&](const Message& message, const Recipients& recipients) {
@@ -59,7 +60,7 @@ bool select(const Context& context, const std::vector<std::string>& names, const
     std::set<std::string> named;
     bool good = true;
     for (const std::string& name : names) {
-        good = resolve(name, all, named) && good;
+        good = resolve(command, name, all, named) && good;
     }
     for (const Found& found : all) {
         if (found.accepted && (names.empty() || named.contains(found.leaf))) {

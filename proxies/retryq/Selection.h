@@ -9,9 +9,10 @@
 namespace Retryq {
 
 // Those that the filter accepts; with names, of these only. A name may be the beginning of one
-// message's name. Nothing, with a line on standard error, when a name fits no message or several,
-// or the spool cannot be opened.
-[[nodiscard]] bool select(const Context& context, const std::vector<std::string>& names,
-                          const Filter& filter, std::vector<std::string>& leaves);
+// message's name. False, with a line of the command's on standard error, when a name fits no
+// message or several, or the spool cannot be opened; `leaves` has the others then.
+[[nodiscard]] bool select(const Context& context, const char* command,
+                          const std::vector<std::string>& names, const Filter& filter,
+                          std::vector<std::string>& leaves);
 
 } // namespace Retryq

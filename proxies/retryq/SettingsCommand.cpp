@@ -37,36 +37,35 @@ Json toJson(const Setting& setting, const RuleTable& table) {
 
 void reportSettings(const Context& context) {
     Table table(context.screen,
-                {{"KEY", 27}, {"FROM", 8}, {"UNIT", 9}, {"VALUE", 10, false, Table::Fit::Wrap}});
+                {{"KEY", 27}, {"VALUE", 10, false, Table::Fit::Wrap}, {"FROM", 7}, {"UNIT", 9}});
+    std::vector<std::vector<std::string>> rows;
     for (const Setting& setting : settings()) {
-        if (setting.repeats()) {
-            continue;
+        if (!setting.repeats()) {
+            rows.push_back({setting.key, orDash(context.table.value(setting)),
+                            placeText(context.table.line(setting)), setting.unit});
         }
-        const std::array cells{std::string(setting.key), placeText(context.table.line(setting)),
-                               std::string(setting.unit), orDash(context.table.value(setting))};
-        table.row(cells);
     }
+    table.print(rows);
 }
 
 int showSettings(const Context& context) {
     Table table(context.screen, {{"KEY", 27},
                                  {"VALUE", 10, false, Table::Fit::Wrap},
-                                 {"FROM", 8},
+                                 {"FROM", 7},
                                  {"UNIT", 9},
                                  {"MEANING", 20, false, Table::Fit::Wrap}});
-    if (!context.json) {
-        table.header();
-    }
+    std::vector<std::vector<std::string>> rows;
     for (const Setting& setting : settings()) {
         if (context.json) {
             writeJson(context.screen.out, toJson(setting, context.table));
             continue;
         }
         const std::string value = setting.repeats() ? "" : context.table.value(setting);
-        const std::array cells{std::string(setting.key), orDash(value),
-                               placeText(context.table.line(setting)), orDash(setting.unit),
-                               std::string(setting.meaning)};
-        table.row(cells);
+        rows.push_back({setting.key, orDash(value), placeText(context.table.line(setting)),
+                        orDash(setting.unit), setting.meaning});
+    }
+    if (!context.json) {
+        table.print(rows);
     }
     return kDone;
 }

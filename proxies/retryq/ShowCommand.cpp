@@ -3,10 +3,10 @@
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
+#include "retryq/Selection.h"
 #include "retryq/Table.h"
 
 #include <cstring>
-#include <iostream>
 
 namespace Retryq {
 
@@ -102,12 +102,13 @@ void writeAllJson(const Context& context, const Message& message, const Recipien
 
 } // namespace
 
-int show(const Context& context, const std::string& leaf, bool body) {
+int show(const Context& context, const std::string& name, bool body) {
     Message message;
     Recipients recipients;
-    if (!context.queue.find(leaf, message, recipients)) {
-        std::cerr << "retryq: no message " << printable(leaf, kAddress) << " in "
-                  << context.queue.directory() << '\n';
+    std::vector<std::string> leaves;
+    if (!context.queue.find(name, message, recipients) &&
+        (!select(context, "show", {name}, {}, leaves) ||
+         !context.queue.find(leaves.front(), message, recipients))) {
         return kTrouble;
     }
     if (context.json) {

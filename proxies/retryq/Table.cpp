@@ -9,13 +9,16 @@ namespace {
 
 constexpr int kGap = 2; // blanks between columns
 
-// Takes what stands in the next line of a cell off the text; ends at a blank where there is one in
-// the second half.
+// Takes what stands in the next line of a cell off the text; ends at a blank, or else before an
+// address's "@", where there is one in the second half.
 std::string_view takePart(std::string_view& text, std::size_t width) {
     std::size_t length = std::min(width, text.size());
     if (length < text.size()) {
-        const std::size_t blank = text.substr(0, length + 1).rfind(' ');
-        length = blank != std::string_view::npos && blank >= width / 2 ? blank : length;
+        const std::string_view fitting = text.substr(0, length + 1);
+        for (const char end : {'@', ' '}) {
+            const std::size_t at = fitting.rfind(end);
+            length = at != std::string_view::npos && at > 0 && at >= width / 2 ? at : length;
+        }
     }
     const std::string_view part = text.substr(0, length);
     text.remove_prefix(std::min(text.find_first_not_of(' ', length), text.size()));
@@ -103,6 +106,16 @@ void Table::row(std::span<const std::string> cells, Colour colour) {
     do {
         screen_.out << screen_.paint(line(left), colour) << '\n';
     } while (std::ranges::any_of(left, [](std::string_view text) { return !text.empty(); }));
+}
+
+std::string wrapped(std::string_view text, int width, std::size_t indent) {
+    constexpr int kLeast = 20; // columns; on less there is nothing to be read anyway
+    std::string out;
+    while (width > 0 && text.size() > static_cast<std::size_t>(std::max(width, kLeast))) {
+        out += takePart(text, static_cast<std::size_t>(std::max(width, kLeast)));
+        out.append("\n").append(indent, ' ');
+    }
+    return out.append(text);
 }
 
 void Table::print(std::span<const std::vector<std::string>> rows) {

@@ -50,4 +50,8 @@ private:
     bool laidOut_ = false;
 };
 
+// The text in lines of at most `width` columns (0: one line), cut at blanks where there are some;
+// each line but the first begins with `indent` blanks, which do not count.
+[[nodiscard]] std::string wrapped(std::string_view text, int width, std::size_t indent);
+
 } // namespace Retryq

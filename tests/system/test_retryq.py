@@ -3,6 +3,7 @@
 import calendar
 import fcntl
 import gzip
+import json
 import os
 import re
 import shutil
@@ -246,6 +247,66 @@ class Check(SystemTest):
         self.retryq("-AS", "other", "list", status=2)
 
 
+# What every command is asked for here; the log is NEW_LOG, the queue and the servers those of the test.
+TOLD = ["list", "list --state unreadable", "show m --body", "summary", "summary --by code", "summary --by sender", "settings",
+        "check", "route u@x.test", "route u@literal.test --probe", "who", "metrics --counters {root}/counters --log {root}/log", "report {root}/log",
+        "story m1 --log {root}/log", "hold -y --sender o@from.test", "list --state on-hold", "release -y o", "retry -y m", "remove -y --recipient w@y.test",
+        "deliver m --trace", "run --progress 1 --now", "return -y n", "remove -y o missing"]
+
+
+class Json(SystemTest):
+    def documented(self):
+        """Command: the words that the page has for its objects."""
+        page = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/man/retryq.8")
+        with open(page, encoding="utf-8") as file:
+            part = file.read().partition(".Sh JSON OUTPUT")[2].partition(".Sh EXAMPLES")[0]
+        words = {}
+        for entry in part.split("\n.It Cm ")[1:]:
+            commands, _, rest = entry.partition("\n")
+            found = {word.strip(",.;()") for line in re.findall(r"(?m)^(?:\.Pq )?(?:or )?\.?Li (.*)|No or Li (\S+)", rest) for word in " ".join(line).split()}
+            for command in commands.split(" , "):
+                words[command.strip()] = found
+        words["show"] |= words["list"]
+        return words
+
+    def keys(self, value):
+        found = set()
+        for item in value.values() if isinstance(value, dict) else value if isinstance(value, list) else ():
+            found |= self.keys(item)
+        return found | (set(value) if isinstance(value, dict) else set())
+
+    def test_every_command_tells_what_its_page_has(self):
+        self.world.table(*RELAYS, "smtp-tls may")
+        for address in (harness.THERE, SENDERS):
+            self.smtp(address, script={"rcpt": {"busy": (1.5, "450 busy"), "": "250 ok"}})
+        for leaf in ("m", "n", "o"):
+            self.world.queue(leaf, ["<u@x.test>", "<busy@x.test>", "<w@y.test>"], sender=f"<{leaf}@from.test>", last=-60)
+        self.world.queue("dead", "<u@dead.test>")
+        self.world.put("unreadable", b"text\n")
+        self.world.put("unreadable.rmd", b"")
+        with open(self.world.root + "/log", "w") as file:
+            file.write(NEW_LOG + OLD_LOG)
+        documented, seen = self.documented(), {}
+        lock = os.open(self.world.spool_dir + "n.rmd", os.O_RDONLY)
+        self.addCleanup(os.close, lock)
+        for line in TOLD:
+            words = line.format(root=self.world.root).split()
+            fcntl.flock(lock, fcntl.LOCK_EX if words[0] == "who" else fcntl.LOCK_UN)
+            out = self.world.run("--json", *words, binary=world.RETRYQ).out
+            objects = [json.loads(row) for row in out.splitlines() if not row.startswith("retryq")]
+            self.assertTrue(objects, line)
+            keys = seen.setdefault(words[0], set())
+            for found in objects:
+                self.assertIsInstance(found, dict, line)
+                if words[0] == "metrics":
+                    found["labels"] = {}
+                elif "ages" in found:
+                    found["ages"] = []
+                keys |= self.keys(found)
+        self.assertEqual({command: keys - documented[command] for command, keys in seen.items() if keys - documented[command]}, {})
+        self.assertEqual(set(documented), set(seen))
+
+
 OLD_LOG = """\
 Nov 20 23:59:58 gw retryer[77]: 00077 connect-failed msg=m1 to=<a@x.test> relay=127.0.0.9 error=111 (Connection refused)
 Nov 21 00:00:08 gw retryer[77]: 00077 deferred msg=m1 from=<s@y.test> to=<a@x.test> code=1001 text=Mail Server is down
@@ -257,6 +318,8 @@ NEW_LOG = """\
 2026-11-21T00:00:31Z gw retryer: 00078 deferred msg=m2 from=<s@y.test> to=<b@z.test> relay=127.0.0.9 code=450 text=Busy stage=RCPT reply="450 4.2.0 wait 117 seconds"
 2026-11-21T01:00:00Z gw retryer: 00079 overdue msg=m1 from=<s@y.test> waited=400001 tries=9
 2026-11-21T01:00:00Z gw retryer: 00079 returned msg=m1 from=<s@y.test> to=<a@x.test> code=450 text=Busy
+2026-11-21T01:00:07Z gw retryer: 00079 walk-ended entries=2 attempted=1 held=0 delivered=0 return-delivered=0 deferred=0 returned=1 dropped=0 seconds=37
+2026-11-21T01:00:07Z gw retryer: 00079 run-ended due=1 tried=1 left=0 died=0 waiting=1
 """
 
 
@@ -276,7 +339,7 @@ class Log(SystemTest):
         self.assertEqual([(o["recipients"], o["reason"], o["server"]) for o in told if "reason" in o][0],
                          (2, "450 4.2.0 wait 283 seconds", "127.0.0.9"))
         self.assertEqual([(o["seconds"], o["lines"]) for o in told if "seconds" in o], [(31, 1)])
-        self.assertEqual((told[-1]["delivered"], told[-1]["lines"]), (0, 6))
+        self.assertEqual((told[-1]["delivered"], told[-1]["lines"]), (0, 8))
         self.assertEqual(self.objects("report", self.new, "--since", "2026-11-21 00:30")[-1]["returned"], 1)
         self.assertEqual(self.objects("report", self.new, "--since", "2026-11-21 00:30")[-1]["deferred"], 0)
 
@@ -288,6 +351,8 @@ class Log(SystemTest):
 
     def test_counters_count_each_line_once(self):
         kept = self.world.root + "/counters"
+        self.retryq("metrics", "--counters", kept, "--log", self.old)
+        self.assertTrue(os.path.exists(kept))  # else counting would begin anew each time
         with open(kept, "w") as file:
             file.write('{"up_to": 1700000000, "outcomes": [["delivered", "250", 7], ["x"], 3]}')
         for _ in range(2):
@@ -295,6 +360,7 @@ class Log(SystemTest):
             self.assertEqual(re.findall(r'_total{outcome="(\w+)",code="(\d+)"} (\d+)', text),
                              [("deferred", "1001", "1"), ("deferred", "450", "2"), ("delivered", "250", "7"),
                               ("returned", "450", "1")])
+            self.assertIn("\nretryer_last_run_duration_seconds 37\n", text)
         # What alerts and dashboard ask for is what there is.
         monitoring = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/monitoring")
         asked = set()
