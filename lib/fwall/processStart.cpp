@@ -15,6 +15,13 @@ void openStandardDescriptors() noexcept {
     } while (fd.valid() && fd.get() <= 2);
 }
 
+void takeSignals() noexcept {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_UNBLOCK, &all, nullptr);
+    std::signal(SIGCHLD, SIG_DFL);
+}
+
 void ignoreWriteSignals() noexcept {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

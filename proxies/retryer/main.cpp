@@ -79,6 +79,7 @@ int main(int argc, char** argv) {
     closeInheritedDescriptors();
     tellStops();
     openStandardDescriptors();
+    takeSignals();
     ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
     nameSubSystem("retryer");

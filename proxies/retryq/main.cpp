@@ -40,6 +40,7 @@ void tellWhyNot(const RuleTable& table) {
 int main(int argc, char** argv) {
     openStandardDescriptors();
     closeInheritedDescriptors();
+    takeSignals();
     std::ios::sync_with_stdio(false);
     const CommandLine line = readCommandLine(argc, argv);
     if (line.action == nullptr) {

@@ -9,7 +9,7 @@ import servers
 from harness import BACK, SENDERS, SystemTest, cases
 from servers import A, MX, a, mx
 from tables import outcome, route_agrees, table
-from world import DNS_ADDRESS, HOST, etc_file
+from world import BINARY, DNS_ADDRESS, HOST, etc_file
 
 ONE, TWO = "127.0.0.2", "127.0.0.3"
 ZONE = {
@@ -132,8 +132,9 @@ class Routes(SystemTest):
         self.world.table(BACK, "domain-relay relayed.test relay.test")
         self.world.queue("m", ["<u@one.test>", "<v@two.test>"])
         late = ["-e", "inject=writev:delay_enter=50000"]  # the question over TCP meets a peer that is gone
+        blocked = self.world.run("--block-signal=RTMIN,ALRM", BINARY, "--help", binary="/usr/bin/env")
         helped, told, run = self.world.run("--help"), self.retryq("list"), self.run_ok(strace=late, env={"ASAN_OPTIONS": "detect_leaks=0"})
-        self.assertLess(max(helped.seconds, told.seconds, run.seconds / 4), 2.5)
+        self.assertLess(max(helped.seconds, blocked.seconds, told.seconds, run.seconds / 4), 2.5)
         self.assertEqual([code for _, code in self.world.rmd("m").recipients], [1001, 1001])
 
 

@@ -49,11 +49,20 @@ struct Timer {
     pid_t process = 0; // the one that it was made for: a child does not inherit it
 };
 
+// A starter's mask is inherited, and this host's own name is looked up before main() begins.
+void unblockTimerSignal() noexcept {
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, timerSignal());
+    ::sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
 // Made once, for each process. Not the delivery alarm's signal: that goes on meanwhile.
 Timer makeTimer() noexcept {
     struct sigaction action {};
     action.sa_handler = timeIsUp;
     ::sigemptyset(&action.sa_mask);
+    unblockTimerSignal();
     sigevent event{};
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = timerSignal();
