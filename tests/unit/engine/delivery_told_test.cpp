@@ -24,7 +24,8 @@ extern "C" int connect(int fd, const sockaddr* to, socklen_t size) {
 namespace {
 
 // One conversation: "busy" is told 450, "bad" 550, everybody else is taken.
-void serve(int listener) {
+template<typename Action>
+void serve(int listener, Action inBody) {
     const UniqueFd client(::accept(listener, nullptr, nullptr));
     put(client.get(), "220 ready\r\n");
     for (std::string line; !(line = getUntil(client.get(), "\n")).empty();) {
@@ -34,6 +35,8 @@ void serve(int listener) {
                           : data                           ? "354 go\r\n"
                                                            : "250 ok\r\n");
         if (data) {
+            getUntil(client.get(), "\n");
+            inBody();
             getUntil(client.get(), "\r\n.\r\n");
             put(client.get(), "250 taken\r\n");
         }
@@ -55,7 +58,8 @@ std::string events() {
 
 TEST_F(Spool, LinesAndRecordsNameServerCodeAndMessageOfEachRecipient) {
     const UniqueFd listener = listenOn("127.0.0.5", mailPort);
-    std::jthread server([&] { serve(listener.get()), serve(listener.get()); });
+    const auto nothing = [] {};
+    std::jthread server([&] { serve(listener.get(), nothing), serve(listener.get(), nothing); });
     queue("m1", "<s@[127.0.0.5]>",
           "<bad@[127.0.0.5]>\t-1\n<busy@[127.0.0.5]>\t-1\n<one@[127.0.0.5]>\t-1\n<two@[127.0.0.5]>"
           "\t-1\n");
@@ -74,6 +78,20 @@ TEST_F(Spool, LinesAndRecordsNameServerCodeAndMessageOfEachRecipient) {
               "20=<one@[127.0.0.5]> <two@[127.0.0.5]> \n"
               "108 0: 7=127.0.0.5 12=rjct 19=<> 20=<s@[127.0.0.5]> \n"
               "103 0: 7=127.0.0.5 12=m1 13=450 17=21 19=<s@[127.0.0.5]> 20=<busy@[127.0.0.5]> \n");
+}
+
+TEST_F(Spool, ATextThatBecomesShorterIsToldSo) {
+    const UniqueFd listener = listenOn("127.0.0.5", mailPort = 0);
+    queue("m1", "<s@a.test>", "<one@[127.0.0.5]>\t-1\n");
+    write("m1", std::string(16 << 20, '\n')); // more than the buffers on the way hold
+    const auto shrink = [&] { std::filesystem::resize_file(deferred("m1"), 5000); };
+    std::jthread server([&] { serve(listener.get(), shrink); });
+    ListSender().Send(FileName(deferred("m1").c_str()), true, 0);
+    mailPort = 0;
+    EXPECT_EQ(linesWith("<27> text-read-failed msg=m1 from=<s@a.test> error=0 (the text became"),
+              1);
+    EXPECT_EQ(linesWith(" to=<one@[127.0.0.5]> relay=127.0.0.5 code=1005 "), 1);
+    EXPECT_EQ(linesWith(" stage=body error=0 (the text became shorter)"), 1);
 }
 
 } // namespace

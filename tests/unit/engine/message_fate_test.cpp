@@ -2,13 +2,30 @@
 // fails for now (1001), one without "@" for good (1003).
 #include "email/engine/MailReSender.h"
 #include "email/engine/ReturnMail.h"
+#include "support/clock.h"
 #include "support/mail.h"
+
+#include <netdb.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 namespace fs = std::filesystem;
+
+namespace {
+
+int questions = 0;
+
+} // namespace
+
+// In the place of the C library's: a name server that says nothing for eleven seconds.
+extern "C" int res_search(const char*, int, int, unsigned char*, int) noexcept {
+    ++questions;
+    steadyAhead += 11;
+    h_errno = TRY_AGAIN;
+    return -1;
+}
 
 namespace {
 
@@ -96,6 +113,19 @@ TEST_F(Engine, OnlyDeferredMailTriesEverybodyInOnePass) {
         }
         EXPECT_EQ(found, isDeferred ? "<1>1003 <2>1003 <3>1003 " : "<2>421 <1>422 <3>1003 ");
     }
+}
+
+TEST_F(Engine, DeadDomainsHoldAConversationAMinute) {
+    mailscanGlobals::dnsEnable = true;
+    DomainRelay::initialise(table("domain-relay relayed.test 127.0.0.2"));
+    for (int n = 0; n < 1000; ++n) {
+        engine.recipients().Add(("<u@dead" + std::to_string(n) + ".test>").c_str(), IDS_NO_REASON);
+    }
+    EmailAddr first("<u@relayed.test>", nullptr, IDS_NO_REASON);
+    SMTPcode code = IDS_NO_REASON;
+    EXPECT_FALSE(engine.OpenTransport(code, &first)); // nobody listens there
+    EXPECT_EQ(questions, 6);                          // 6 x 11 s
+    steadyAhead = 0;
 }
 
 TEST_F(Engine, FreshMailGoesOutByPolicyAndIsNeverStoredOverAnother) {

@@ -31,7 +31,7 @@ void shows(std::span<const std::byte> bytes, const std::string& arguments, int s
 
 TEST(EvDump, ShowsWholeRecordsWhereDamageIsAndNothingThatSteersATerminal) {
     Bytes whole;
-    for (const char* name : {"event1", "event2", "event3"})
+    for (const char* name : {"event1", "event2", "event3", "repeated"})
         append(whole, framed(type(name)));
     shows(whole, "--json < $F", 0, "events.json");
 

@@ -1,5 +1,6 @@
 #include "email/smtp/Sender.h"
 
+#include "support/clock.h"
 #include "support/peer.h"
 
 #include "email/base/Alarm.h"
@@ -98,6 +99,18 @@ TEST_F(Conversation, TimeEndsARead) {
     EXPECT_GT(timed([&] { EXPECT_FALSE(client.line(2000)); }), 900ms);
     EXPECT_LT(std::clock() - used, CLOCKS_PER_SEC / 10);
     EXPECT_EQ(client.err, ETIME);
+}
+
+TEST_F(Conversation, AWallClockThatIsSetBackHoldsNobody) {
+    std::jthread drips([&] {
+        for (int n = 0; n < 15; ++n, std::this_thread::sleep_for(100ms)) {
+            put(peer.get(), "x");
+            wallAhead = n < 2 ? 0 : -3600;
+        }
+    });
+    const auto taken = timed([&] { EXPECT_FALSE(client.line(1000)); });
+    EXPECT_TRUE(taken > 990ms && taken < 1400ms) << taken / 1ms;
+    wallAhead = 0;
 }
 
 TEST_F(Conversation, WritesSendAllOrSayHowItEnded) {
