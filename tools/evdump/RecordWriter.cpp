@@ -64,7 +64,7 @@ void RecordWriter::begin(std::string_view kind, std::uint64_t offset) {
     else
         out_ << kind << " at offset " << offset << '\n';
     depth_ = 1;
-    names_.assign(1, {"kind", "offset"});
+    names_.assign(1, {{"kind", 2}, {"offset", 2}});
 }
 
 void RecordWriter::end() {
@@ -153,9 +153,15 @@ void RecordWriter::name(std::string_view field, std::string_view type) {
 }
 
 std::string RecordWriter::onlyName(const std::string& name) {
-    std::string only = name;
-    for (int number = 2; !names_.back().insert(only).second; ++number)
-        only = name + '#' + std::to_string(number);
+    Names& names = names_.back();
+    const auto [same, fresh] = names.try_emplace(name, 2);
+    if (fresh)
+        return name;
+    // Counted on and not from 2 again: a record may hold a hundred thousand of one name.
+    std::string only;
+    do
+        only = name + '#' + std::to_string(same->second++);
+    while (!names.try_emplace(only, 2).second);
     return only;
 }
 

@@ -5,8 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <ostream>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,7 +45,8 @@ private:
 
     std::ostream& out_;
     bool json_;
-    std::vector<std::set<std::string>> names_; // of the open groups' fields, in JSON
+    using Names = std::map<std::string, int>; // with the number that a repeated one gets next
+    std::vector<Names> names_;                // of the open groups' fields, in JSON
     int depth_ = 0;
 };
 
