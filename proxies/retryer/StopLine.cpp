@@ -24,6 +24,7 @@ void tellStop(int status, void*) {
     if ((status & kStatusBits) == 0 || (failedCheck() == nullptr && stopReason == nullptr)) {
         return;
     }
+    // As the process that waits sees it: -1 is 255.
     const std::string number = std::to_string(status & kStatusBits);
     const std::string reason = reasonText();
     Email::writeLine(Email::LogLine::Stopped, {.args = {number, reason}});

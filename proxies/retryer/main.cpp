@@ -76,14 +76,17 @@ bool walk(std::unique_ptr<MailReSender> walker) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // First, so that nothing of the starter's is in the way of what follows.
     closeInheritedDescriptors();
     tellStops();
     openStandardDescriptors();
     takeSignals();
+    // A peer that hangs up, or a limit of file sizes, is an error and not the end of the run.
     ignoreWriteSignals();
     const Arguments arguments = parseArgs(argc, argv);
     nameSubSystem("retryer");
     install_segv_handler();
+    // The lines of a stack trace have a name of their own, apart from those about mail.
     segv_process_name = "retryer-stack";
     if (!arguments.valid) {
         return printUsage(argv[0]);

@@ -90,6 +90,7 @@ public:
         : context_(context), what_(what), recipient_(recipient) {}
 
     bool apply(const std::string& leaf) {
+        // A path could lead out of the queue.
         if (leaf.empty() || leaf.find('/') != std::string::npos) {
             return fail(leaf, "is no message's name");
         }
@@ -160,6 +161,7 @@ private:
                                       : whole      ? "has an unreadable recipient file"
                                                    : "has no message text");
         }
+        // Before the engine's own lines, which tell what came of it.
         logChange("given-up", message, "tries=" + std::to_string(message.tries));
         const std::int32_t usual = std::exchange(mailscanGlobals::retry_max_interval, kNever);
         FileName entry(context_.queue.textPath(message.leaf).c_str());
@@ -245,6 +247,7 @@ private:
         const std::string path = context_.queue.recipientPath(message.leaf);
         Email::FdStream in(path.c_str());
         const std::string old{std::istreambuf_iterator<char>(in), {}};
+        // So far back that no schedule lets it wait.
         const std::int64_t longest =
             std::max(mailscanGlobals::retry_min_interval, mailscanGlobals::retry_max_wait);
         const DateTime due = DateTime(-1) + -longest;

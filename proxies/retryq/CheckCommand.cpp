@@ -113,6 +113,7 @@ void reportSettingsInForce(const Context& context) {
 // Looks the names of one relay line up, as retryer does at its start.
 std::string relayServers(const cfgrec& record) {
     std::array<char, 2> every{"*"};
+    // A table of its own with this line alone, for every domain.
     DomainRelay relay;
     relay.AddDomain(every.data(), record.argv + 1, record.argc - 1);
     IPaddressList servers;
@@ -270,6 +271,7 @@ void reportSpools(const Context& context, Judge& judge, const std::string& wante
     SpoolReport deferred;
     SpoolReport outgoing;
     {
+        // Only while the spools are looked at: all else has the rights of who asked.
         const ActingAs walker(user);
         if (walker.failed()) {
             judge.add("user", {Weight::Warning, 0,
@@ -330,6 +332,7 @@ int check(const Context& context, const std::string& user) {
 int checkFatal(const Context& context) {
     int status = kDone;
     for (const Finding& finding : tableFindings(context.table)) {
+        // A warning is no reason to keep the unit from starting.
         if (finding.weight == Weight::Stop) {
             std::cerr << "retryq check: " << context.table.path() << " line " << finding.line
                       << ": " << finding.text << '\n';

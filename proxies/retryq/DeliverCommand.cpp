@@ -228,12 +228,14 @@ int deliver(const Context& context, const Delivery& delivery) {
         std::cerr << "retryq: no such message\n";
         return kTrouble;
     }
+    // Who names a message does not want to be told that it waits.
     mailscanGlobals::retry_min_interval = 0;
     becomeWalker(context);
     Outcomes outcomes(context, delivery.trace, leaves);
     int status = kDone;
     bool cutShort = false;
     {
+        // In a scope of its own: the signals are the process's again before the rest is told.
         using Dispatch::Tells;
         Dispatch::Dispatcher dispatcher(
             {.only = leaves,

@@ -37,6 +37,7 @@ std::string durationText(std::int64_t seconds) {
         return "-";
     }
     for (const Unit unit : kUnits) {
+        // From two on: "90m" says more than "1h".
         if (seconds >= 2 * unit.seconds) {
             return std::to_string(seconds / unit.seconds) + unit.name;
         }

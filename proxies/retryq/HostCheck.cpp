@@ -52,6 +52,7 @@ std::string noValidation() {
     }
     const bool validated =
         result == QUERY_OK && Email::isValidated({answer.data(), static_cast<std::size_t>(length)});
+    // Without an answer nothing is known, and another finding tells that.
     return result != QUERY_OK || validated
                ? ""
                : "the name server does not validate (asked for the root's SOA record)";

@@ -170,6 +170,7 @@ int list(const Context& context, const Filter& filter, const ListView& view) {
         printTable(context, rows);
     } else if (filter.empty()) {
         context.screen.out << "Mail queue is empty\n";
+        // A program that reads this takes no line for the answer.
     } else if (context.screen.width != 0) {
         context.screen.out << "No such message\n";
     }

@@ -211,6 +211,7 @@ int metrics(const Context& context, const std::string& file, const History& hist
                      : static_cast<void>(context.screen.out << text);
         return counted ? kDone : kTrouble;
     }
+    // The collector reads when it likes: the old figures or the new ones, never half of them.
     Email::FileReplacement replacement(file, kFileMode, Email::FileReplacement::LeftOver::Remove,
                                        Email::FileReplacement::InPlace::Never);
     if (replacement.open() && replacement.commit(text)) {

@@ -23,6 +23,7 @@ public:
         Probed found;
         found.passes = open && SendHELO(&code);
         found.offers = offered().text();
+        // Where TLS was tried in vain there is a word for it, but no protocol.
         found.tls = conversation.verified.empty() ? "" : conversation.tls;
         found.verified = conversation.verified;
         if (conversation.server) {

@@ -93,6 +93,7 @@ public:
         }
         recipients.Reset();
         message.state = State::Unreadable;
+        // The best that is known of its age.
         message.firstTry = text.st_mtime;
         return ::faccessat(directory_, list.c_str(), F_OK, 0) == 0;
     }
@@ -177,6 +178,7 @@ bool Queue::find(const std::string& leaf, Message& message, Recipients& recipien
         return false;
     }
     const Look look(*this, ::dirfd(directory.get()));
+    // Nearly always; only one on hold costs a walk over the directory.
     if (look.read(leaf, listOf(leaf), message, recipients)) {
         return true;
     }

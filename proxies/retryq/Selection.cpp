@@ -56,6 +56,7 @@ bool select(const Context& context, const char* command, const std::vector<std::
         (void)cannotOpenSpool(context);
         return false;
     }
+    // So that what a name begins stands together.
     std::ranges::sort(all, {}, &Found::leaf);
     std::set<std::string> named;
     bool good = true;

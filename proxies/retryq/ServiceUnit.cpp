@@ -103,12 +103,14 @@ void ServiceUnit::takeSetting(std::string_view key, std::string_view value) {
         user_ = value;
     } else if (key == "ProtectSystem") {
         strict_ = value == "strict";
+        // As in systemd, an empty value forgets those before.
     } else if (key == "ReadWritePaths" && value.empty()) {
         writable_.clear();
     } else if (key == "ReadWritePaths") {
         while (!value.empty()) {
             const std::string_view word = value.substr(0, value.find_first_of(kBlanks));
             value = trimmed(value.substr(word.size()));
+            // Marks in front of the path ("-", "+") change nothing about where it is.
             const std::size_t at = word.find('/');
             writable_.emplace_back(at < word.size() ? word.substr(at) : word);
         }

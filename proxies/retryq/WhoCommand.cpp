@@ -136,6 +136,7 @@ std::vector<Row> collect(const Context& context,
                          const std::map<pid_t, std::vector<std::string>>& held, Runs& runs) {
     std::vector<Row> rows;
     const std::vector<Process> others = otherWalkers(held, runs);
+    // The tables of this network namespace; a process in another one shows no peer.
     const Connections connections(::getpid());
     for (const auto& [pid, leaves] : held) {
         const Process process = processOf(pid);
