@@ -85,7 +85,7 @@ void CArchive::writeText(const void* text, std::size_t bytes) {
         Write(text, bytes);
 }
 
-// What the archive gave short of is as good as nothing.
+// Fewer bytes than asked for are a failure: half a value is none.
 void CArchive::take(void* bytes, std::size_t count) {
     if (Read(bytes, count) != count)
         Fail("the bytes end inside a value");

@@ -34,7 +34,7 @@ ActingAs::~ActingAs() {
     }
 }
 
-// With rights that are neither the one's nor the other's nothing may go on.
+// When the rights cannot be given back whole, nothing may go on with what is left of them.
 void ActingAs::giveBack() const noexcept {
     if (::seteuid(0) != 0 || ::setegid(group_) != 0 ||
         ::setgroups(groups_.size(), groups_.data()) != 0) {

@@ -88,7 +88,7 @@ public:
         context_.screen.out << std::flush;
     }
 
-    // Those that nobody was done with.
+    // The messages that have no outcome yet.
     void tellRest() {
         for (const auto& [leaf, outcomes] : open_) {
             notTried(leaf, outcomes == 0 ? "not tried: no server of its destination answers, or "
@@ -100,7 +100,7 @@ public:
     [[nodiscard]] bool all() const noexcept { return all_; }
 
 private:
-    // A word for what is no line of the conversation.
+    // A line of the conversation as it was said; what is none is told in words.
     static std::string traceText(const Report& report) {
         switch (report.step) {
         case Step::Said:
@@ -163,7 +163,7 @@ private:
                             << '\n';
     }
 
-    // A message without any outcome was passed over by the engine, which takes no word for it.
+    // A message without any outcome was passed over by the engine, which does not say why.
     void done(const std::string& leaf, long tried) {
         const auto found = open_.find(leaf);
         if (found != open_.end() && tried == 0) {

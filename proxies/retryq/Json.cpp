@@ -5,6 +5,7 @@
 namespace Retryq {
 
 void writeJson(std::ostream& out, const Json& object) {
+    // ASCII alone, and what is no UTF-8 replaced: names and texts may hold any byte.
     out << object.dump(-1, ' ', true, Json::error_handler_t::replace) << '\n';
 }
 

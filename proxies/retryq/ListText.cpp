@@ -33,6 +33,7 @@ std::string withLatestTry(std::string_view text, const DateTime& due) {
         return {};
     }
     std::string line = stamp(due);
+    // A stamp that reads as the time 0 makes a recipient file unreadable.
     if (!usable(line)) {
         line = stamp(due + -2); // one second less would be -1, which stands for now
     }

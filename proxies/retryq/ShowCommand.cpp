@@ -26,6 +26,7 @@ void readText(const std::string& path, bool body, auto&& line) {
     bool inBody = false;
     for (auto item = reader.next(); item.kind == Kind::Line || item.kind == Kind::Piece;
          item = reader.next()) {
+        // The first empty line ends the header, whatever line ends the text came with.
         inBody = inBody || item.text.empty() || item.text == "\r";
         if (inBody && !body) {
             return;

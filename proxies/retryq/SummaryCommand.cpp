@@ -122,6 +122,7 @@ void printTable(const Context& context, const Totals& totals, const SummaryView&
         rows.push_back(cellsOf(context, name, row));
     }
     const std::vector<std::string> last = cellsOf(context, "TOTAL", totals.all);
+    // The last row has the largest numbers, and the columns are laid out with the first.
     table.measure(last);
     table.print(rows);
     table.row(last, Colour::Bold);

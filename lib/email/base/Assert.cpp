@@ -23,6 +23,7 @@ const FailedCheck* failedCheck() noexcept {
 }
 
 void assert_failure(const char* condition, const char* file, std::uint32_t line) {
+    // For the line that the exit writes; from here only an event goes out.
     failed = {orEmpty(condition), orEmpty(file), line};
     GW_EVENT event = Reporter::createEvent(MANAGEMENT_CONTEXT, kSeverity, kAudience,
                                            EVENT_SYS_ERROR, Reason_Unknown, nullptr, nullptr);

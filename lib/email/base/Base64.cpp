@@ -31,6 +31,7 @@ std::string toBase64(std::string_view bytes) {
         const std::uint32_t all = group(bytes, at);
         const std::size_t left = bytes.size() - at;
         for (std::size_t digit = 0; digit < 4; ++digit) {
+            // One byte gives two digits, two give three.
             text += digit <= left ? kDigits[all >> (18 - 6 * digit) & 63U] : '=';
         }
     }

@@ -10,6 +10,7 @@ constinit const IPaddress IPaddress::null{0};
 
 int IPaddress::format(char* out) const noexcept {
     std::array<unsigned char, sizeof value> byte{};
+    // In network byte order the first octet is the lowest in memory.
     std::memcpy(byte.data(), &value, sizeof value);
     char* end = out;
     for (const unsigned char number : byte) {

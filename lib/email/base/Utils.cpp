@@ -107,6 +107,7 @@ void DateTime::Set(const char* text) noexcept {
     pinLocalZone();
     std::tm local = normalised;
     const std::time_t seconds = std::mktime(&local);
+    // A host of 32 bits knows no earlier time, and both kinds read the same files.
     Time = seconds < kEarliest ? -1 : seconds;
 }
 

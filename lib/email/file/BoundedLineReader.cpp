@@ -57,6 +57,7 @@ void BoundedLineReader::fill() {
     const auto got = static_cast<std::size_t>(in_.gcount());
     end_ += got;
     taken_ += static_cast<long long>(got);
+    // A stream gives less than asked for at its end, or when it fails.
     eof_ = got < room;
 }
 

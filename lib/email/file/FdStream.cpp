@@ -72,11 +72,13 @@ FdStreambuf::FdStreambuf(int fd, off_t size) noexcept : fd_(fd), size_(size) {}
 std::streamsize FdStreambuf::readAt(char* out, std::streamsize n) noexcept {
     ssize_t got = 0;
     do {
+        // The descriptor may be a lock's: its own position is left alone.
         got = ::pread(fd_, out, static_cast<std::size_t>(n), offset_);
     } while (got < 0 && errno == EINTR);
     if (got < 0) {
         error_ = errno;
         if (owner_ != nullptr) {
+            // A buffer alone can only say that there is no more.
             owner_->setstate(std::ios_base::badbit);
         }
         return 0;
@@ -100,6 +102,7 @@ std::streamsize FdStreambuf::xsgetn(char* out, std::streamsize n) {
         std::memcpy(out, gptr(), static_cast<std::size_t>(done));
         setg(nullptr, nullptr, nullptr);
     }
+    // A file that was read to its size is not asked once more whether it ends there.
     while (done < n && (done == 0 || offset_ != size_)) {
         const std::streamsize got = readAt(out + done, n - done);
         if (got == 0) {

@@ -84,6 +84,7 @@ std::unique_ptr<FileIterator> FileIterator::Next(FileInfo& info) {
         return nullptr;
     }
     struct stat status {};
+    // Of the directory and not of the entry, as its type is.
     static_cast<void>(::fstat(::dirfd(currentDir.get()), &status));
     info.created = DateTime(status.st_ctime);
     info.accessed = DateTime(status.st_atime);

@@ -86,7 +86,7 @@ bool copyBytes(int from, int to) noexcept {
     }
 }
 
-// A link that somebody planted is replaced, as a rename would: what it leads to is nobody's mail.
+// A link that somebody planted is replaced, as by a rename; the file behind it is left alone.
 int openTarget(const char* target) noexcept {
     constexpr int kFlags = O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
     const int fd = ::open(target, kFlags, kCopyMode);

@@ -134,6 +134,7 @@ bool FileReplacement::write(std::string_view bytes) noexcept {
 }
 
 bool FileReplacement::release(const UniqueFd* lock) noexcept {
+    // Locked before it gets the name: nobody can find the new list unlocked.
     return lock == nullptr ? fd_.close() : ::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
@@ -144,6 +145,7 @@ bool FileReplacement::commit(std::string_view bytes, UniqueFd* lock) noexcept {
         return false;
     }
     if (lock != nullptr) {
+        // The caller's lock moves on to the new file; the old one is nobody's any more.
         *lock = std::move(fd_);
     }
     return true;
@@ -162,6 +164,7 @@ bool writeAll(int fd, std::string_view bytes) noexcept {
             continue;
         }
         if (n <= 0) {
+            // A write of nothing would be tried for ever.
             errno = n == 0 ? EIO : errno;
             return false;
         }

@@ -31,7 +31,7 @@ bool exists(const FileName& file) noexcept {
     return ::access(file(), F_OK) == 0;
 }
 
-// A file that somebody else removed is as good.
+// A file that is gone already counts as removed.
 Trouble removed(const FileName& file) noexcept {
     return troubleUnless(file.Delete() || errno == ENOENT);
 }

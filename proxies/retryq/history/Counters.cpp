@@ -50,6 +50,7 @@ Counters::Counters(const std::string& file, std::time_t now) : upTo_(now) {
 
 void Counters::load(const std::string& text) {
     const Json object = Json::parse(text, nullptr, false);
+    // A file that is damaged, or from a clock that was ahead: counting begins now.
     if (!object.is_object() || number(object, "up_to") <= 0 || number(object, "up_to") > upTo_) {
         return;
     }
@@ -76,6 +77,7 @@ void Counters::addRun(const LogEntry& entry) {
 }
 
 void Counters::add(const LogEntry& entry, std::time_t end) {
+    // Each second is counted once, by the first look after it is over.
     if (entry.time < upTo_ || entry.time >= end) {
         return;
     }
@@ -90,6 +92,7 @@ void Counters::add(const LogEntry& entry, std::time_t end) {
             continue;
         }
         Outcome outcome(word == "return-delivered" ? "delivered" : word, entry.code);
+        // Each code is a time series of its own for the collector, and servers choose the codes.
         if (outcomes_.find(outcome) == outcomes_.end() && outcomes_.size() >= kMostCodes) {
             outcome.second = kOther;
         }

@@ -34,6 +34,7 @@ public:
             bytes.remove_prefix(end + 1);
         }
         held_ += bytes;
+        // No line of the gateway is as long: memory must not grow with what somebody logs.
         if (held_.size() >= kLineLimit) {
             finish();
         }

@@ -42,6 +42,7 @@ Value& at(std::unordered_map<std::string, Value>& map, const std::string& key) {
     if (found != map.end()) {
         return found->second;
     }
+    // Senders choose domains and servers their words: what is counted apart is bounded.
     return map[map.size() < Tally::kMostKeys ? key : Tally::kOthers];
 }
 
@@ -71,6 +72,8 @@ Outcomes& Outcomes::operator+=(const Outcomes& other) noexcept {
 
 std::string reasonKey(std::string_view words) {
     std::string key;
+    // Numbers in the words (queue names, sizes, times) differ from line to line; the codes in front
+    // tell.
     const std::size_t codes = words.find_first_not_of("0123456789. ");
     if (codes == std::string_view::npos) {
         return std::string(words);
