@@ -38,8 +38,13 @@ public:
     // wire in its place: the conversation cannot go on. Valid until the next call.
     std::optional<std::string_view> due(std::string_view line);
 
-    // True while commands are on the wire that were not due yet.
-    [[nodiscard]] bool ahead() const noexcept { return due_ < written_; }
+    // Commands on the wire that were not due yet, and whether the `number`th of them, from 0, is
+    // DATA.
+    [[nodiscard]] std::size_t countAhead() const noexcept { return written_ - due_; }
+    [[nodiscard]] bool ahead() const noexcept { return countAhead() != 0; }
+    [[nodiscard]] bool isData(std::size_t number) const noexcept {
+        return due_ + number + 1 == commands();
+    }
 
     // The next command ahead counts as due without being asked for; true when it is DATA.
     bool skip() noexcept { return ++due_ == commands(); }

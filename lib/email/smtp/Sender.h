@@ -26,6 +26,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -185,6 +186,9 @@ private:
     void tellCommands(std::string_view lines);
     bool writeCommand(std::string_view line, long timeoutSecs);
     void noteRecipient(int code) noexcept;
+    void readWindow(long timeoutSecs);
+    void distrustHeld();
+    int takeHeld();
     bool catchUp();
     bool endEmpty(long timeoutSecs);
 
@@ -240,7 +244,13 @@ private:
         Email::ServerExtensions offered;
         std::string name; // of the server, as TLS asked for it
         bool broken = false;
+        struct Reply {
+            int number;
+            std::string text;
+            std::string error;
+        };
         Email::Pipeline pipeline;
+        std::deque<Reply> held;         // to commands of the pipeline, in their order
         bool mayHaveRecipients = false; // one was not clearly refused
     };
     const Email::RelayAccess::Line* access_ = nullptr; // as whom the server is used; null: nobody

@@ -112,7 +112,10 @@ int Sender::readNumber(long timeoutSecs) {
 
 int Sender::readReply(long timeoutSecs, SMTPcode* code) {
     const bool late = replyLost_;
-    int number = readNumber(timeoutSecs);
+    if (session_.held.empty() && session_.pipeline.ahead()) {
+        readWindow(timeoutSecs);
+    }
+    int number = session_.held.empty() ? readNumber(timeoutSecs) : takeHeld();
     if (late && number >= 500 && number <= 599) {
         number = COMMS_FAILED;
         conversation.error = Email::errorText(0, "perhaps the late reply to an earlier command");
