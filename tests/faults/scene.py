@@ -41,7 +41,7 @@ class Server(SmtpServer):
         offer = {"ehlo": self.offer} if self.offer and "helo" not in (script or {}) else {}
         if tls and self.context:
             offer = {"ehlo": self.offer.replace("250 ", "250-STARTTLS\r\n250 "), "starttls": "220 go"}
-        super().__init__(address, {**offer, **(script or {})}, tls=self.context)
+        super().__init__(address, {**offer, **(script or {})}, tls=lambda sock: self.context.wrap_socket(sock, server_side=True))
 
     def _serve(self, client, session, script):
         try:

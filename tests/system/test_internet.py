@@ -13,7 +13,7 @@ import unittest
 import harness
 import world
 from harness import SENDERS, THERE, RELAYS, SystemTest, cases
-from servers import A, CLOSE, CNAME, MX, SILENT, TLSA, SignIn, a, mx, name, record, reply
+from servers import A, CLOSE, CNAME, MX, SILENT, TLSA, Cut, SignIn, a, drip, mx, name, record, reply
 from tables import outcome, route_agrees, table
 from world import DNS_ADDRESS, HOST, etc_file
 
@@ -115,6 +115,8 @@ def make_certificates():
     with open(os.path.join(harness.SCRATCH, "chain.pem"), "wb") as chain:
         chain.write(b"".join(read(kind + ".pem") for kind in ("good", "ca")))
     os.link(os.path.join(harness.SCRATCH, "good.key"), os.path.join(harness.SCRATCH, "chain.key"))
+    with open(os.path.join(harness.SCRATCH, "own.pem"), "wb") as own:  # what we show, certificate and key
+        own.write(read("far.pem") + read("far.key"))
 
 
 def read(leaf):
@@ -134,10 +136,21 @@ def tlsa_data(usage, selector, matching, kind):
     return bytes(map(int, (usage, selector, matching))) + (digest(found).digest() if digest and kind != "short" else found)
 
 
-def context(kind):
+def tls(kind, how=""):
+    """Makes a connection one of TLS, with that certificate."""
     made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     made.load_cert_chain(*(os.path.join(harness.SCRATCH, kind + end) for end in (".pem", ".key")))
-    return made
+    if how == "old":
+        made.minimum_version = made.maximum_version = ssl.TLSVersion.TLSv1
+        made.set_ciphers("ALL:@SECLEVEL=0")
+    elif how.startswith("asks"):
+        made.maximum_version = ssl.TLSVersion.TLSv1_2 if how == "asks1.2" else ssl.TLSVersion.TLSv1_3
+        made.verify_mode = ssl.CERT_REQUIRED
+        made.load_verify_locations(os.path.join(harness.SCRATCH, "ca.pem"))
+    elif how.startswith(("stall=", "cut=")) and "dot" not in how:
+        word, most = how.split("=")
+        return lambda sock: Cut(made, sock, int(most), {"stall": SILENT, "cut": CLOSE}[word])
+    return lambda sock: made.wrap_socket(sock, server_side=True)
 
 
 class Internet(SystemTest):
@@ -155,27 +168,30 @@ class Internet(SystemTest):
 
     def server(self, does):
         """As a row of tls.txt describes it."""
-        reply, *kind = does.split()
-        kind = kind[0] if kind else ""
+        reply, kind, how, *_ = *does.split(), "", ""
         script = {"ehlo": "250 mx.test" if reply == "-" else "250-mx.test\r\n250 STARTTLS", "starttls": reply + " here"}
         if reply == "inject":
             script["starttls"] = ("220 go\r\n250 injected",)
         odd = {"nonsense": ("220 go", 0.2, "nonsense, long enough for a record", CLOSE), "close": ("220 go", CLOSE),
-               "silence": ("220 go", SILENT)}
+               "silence": ("220 go", SILENT), "alerts": ("220 go", 0.2, b"\x15\x03\x03\0\2\1\x5a" * 10000, SILENT),
+               "giant": ("220 go", 0.2, b"\x16\x03\x03\xff\xff" + bytes(65535), SILENT),
+               "drip": ("220 go", 0.2, *drip(b"\x16\x03\x03\x40\0\2\0\x3f\0" + bytes(90), 0.1), SILENT)}
         script["starttls"] = odd.get(kind, script["starttls"])
-        return self.smtp(THERE, script, tls=context(kind) if kind in NAMES or kind == "chain" else None)
+        script.update({"notify=dot": {"dot": (lambda client: client.unwrap(), SILENT)}, "cut=dot": {"dot": (CLOSE,)},
+                       "silent=dot": {"dot": (SILENT,)}, "wants": {"mail": "530 5.7.0 Must issue STARTTLS"}}.get(how, {}))
+        return self.smtp(THERE, script, tls=tls(kind, how) if kind in NAMES or kind == "chain" else None)
 
     @cases(TLS)
     def test_tls(self, *row):
         self.tls(*row)
 
     def tls(self, lines, does, ends, log, why):
-        self.table(*lines)
+        self.table(*(line.format(harness.SCRATCH) for line in lines))
         server, returns = self.server(does), self.smtp(SENDERS)
         route = self.objects("route", "u@secure.test", "--probe")[0]
         probed = route["probed"]
         self.assertEqual(route["steps"][0]["servers"][0].get("tls", "").startswith("TLSA ") or "dane" not in log, True, route)
-        self.assertEqual(probed["passes"], ends[0] == "delivered", probed)
+        self.assertEqual(probed["passes"], ends[0] == "delivered" or does.split()[2:3] == ["wants"] or "=dot" in does, probed)
         self.assertEqual([probed["tls"].split("/")[0], probed["verified"]], log if len(log) == 2 else ["", ""], probed)
         self.world.queue("m", "<u@secure.test>")
         run = self.run_ok()
@@ -187,7 +203,7 @@ class Internet(SystemTest):
         self.assertEqual(len(failed), len(why))
         for words in why:
             self.assertIn(words, failed[0])
-        if "TLS" in log[0]:
+        if "TLS" in log[0] and ends[0] == "delivered":
             self.assertEqual(server.sessions[1].commands[2], EHLO.encode())
 
     def validating(self, links, records):
@@ -232,7 +248,7 @@ class Internet(SystemTest):
                   "auth": SignIn(USER, PASSWORD, "raw " + "A" * 2000 if does == "long" else does)}
         if kind == "-":
             script["ehlo"] = script["ehlo"].replace("STARTTLS", "X")
-        return self.smtp(THERE, script, port=int(port), tls=context(kind) if kind in NAMES else None)
+        return self.smtp(THERE, script, port=int(port), tls=tls(kind) if kind in NAMES else None)
 
     @cases(SIGN_IN)
     def test_sign_in(self, file, does, ends, log):

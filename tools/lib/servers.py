@@ -8,6 +8,7 @@ import os
 import re
 import shutil
 import socket
+import ssl
 import struct
 import subprocess
 import threading
@@ -53,16 +54,54 @@ class Session:
         self.signed_in = ""  # the mechanism of an AUTH that was passed
 
 
+class Cut:
+    """TLS of which the client gets the first bytes only, then nothing more (SILENT) or the end (CLOSE)."""
+
+    def __init__(self, context, sock, most, then):
+        self._sock, self._left, self._then = sock, most, then
+        self._in, self._out = ssl.MemoryBIO(), ssl.MemoryBIO()
+        self._tls = context.wrap_bio(self._in, self._out, server_side=True)
+        self._drive(self._tls.do_handshake)
+        self.setsockopt = sock.setsockopt
+
+    def _drive(self, step, *how):
+        while True:
+            try:
+                return step(*how)
+            except ssl.SSLWantReadError:
+                pass
+            finally:
+                self._send(self._out.read())
+            self._in.write(self._sock.recv(65536) or self._end())
+
+    def _send(self, data):
+        self._sock.sendall(data[:self._left])
+        self._left -= len(data)
+        if self._left < 0:
+            while self._then == SILENT and self._sock.recv(65536):
+                pass
+            self._end()
+
+    def _end(self):
+        raise EOFError
+
+    def recv(self, most):
+        return self._drive(self._tls.read, most)
+
+    def sendall(self, data):
+        self._drive(self._tls.write, data)
+
+
 class SmtpServer:
     """A scripted server on port 25 of one address ("" = every address without its own server).
 
     The script maps a stage (DEFAULT's keys, and "body": before the body is read) to an action, or, for
     "rcpt", "mail" and "helo", to a dictionary: action by a piece of the argument, "" for the rest. An
     action is a reply line, or a tuple of steps: str a line, bytes raw, a number of seconds to wait,
-    ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves). A list of scripts serves one
+    ("oob", byte), ("endless", bytes), CLOSE, RST, SILENT (until the client leaves), a function of the connection. A list of scripts serves one
     connection each, the last one all that follow. EHLO is answered as HELO unless there is an "ehlo"; with
-    `tls` (an SSLContext) TLS begins behind a 2xx to STARTTLS, or on port 465 at once. "auth" may be a SignIn. "early"
-    answers RCPT without MAIL, and DATA without an accepted recipient; with "serial" what came behind a command is thrown
+    `tls` (a function of the socket) TLS begins behind a 2xx to STARTTLS, or on port 465 at once. "auth" may be a SignIn.
+    "early" answers RCPT without MAIL, and DATA without an accepted recipient; with "serial" what came behind a command is thrown
     away. With a `gate` (threading.Event) nobody is greeted before it is set."""
 
     def __init__(self, address="127.0.0.2", script=None, port=25, gate=None, tls=None):
@@ -107,7 +146,7 @@ class SmtpServer:
                 if self._gate:
                     self._gate.wait()
                 if self._port == 465:
-                    client = self._tls.wrap_socket(client, server_side=True)
+                    client = self._tls(client)
                 _Conversation(client, session, script, self._tls).play()
         except (OSError, EOFError):  # a failed handshake is an OSError too
             pass
@@ -145,7 +184,7 @@ class _Conversation:
         if stage == "data" and reply[:1] == b"3":
             self.body()
         if stage == "starttls" and reply[:1] == b"2" and self.tls:
-            self.client = self.tls.wrap_socket(self.client, server_side=True)
+            self.client = self.tls(self.client)
 
     def body(self):
         if "body" in self.script:
@@ -190,6 +229,8 @@ class _Conversation:
         for step in self.steps(stage, argument):
             if isinstance(step, (int, float)):
                 time.sleep(step)
+            elif callable(step):
+                step(self.client)
             elif isinstance(step, tuple) and step[0] == "oob":
                 self.client.send(step[1], socket.MSG_OOB)
             elif isinstance(step, tuple):

@@ -176,6 +176,7 @@ private:
     bool sayHello(IPaddress address, int port);
     bool openSession(IPaddress address, int port);
     bool secure(IPaddress address, int port);
+    std::string helloBehindTls();
     bool tlsMissing(const std::string& why);
     bool goOnInTheClear(IPaddress address, int port);
     std::string startTls(IPaddress address);

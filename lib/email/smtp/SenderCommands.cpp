@@ -12,6 +12,7 @@
 
 namespace {
 
+constexpr int kTlsNeeded = 530;
 constexpr long kQuitLimitMs = 1000;
 
 using Clock = std::chrono::steady_clock;
@@ -119,6 +120,10 @@ int Sender::readReply(long timeoutSecs, SMTPcode* code) {
     if (late && number >= 500 && number <= 599) {
         number = COMMS_FAILED;
         conversation.error = Email::errorText(0, "perhaps the late reply to an earlier command");
+    } else if (number == kTlsNeeded && conversation.tls == "no") {
+        // RFC 3207, 4: it insists on what failed this time, and may not the next.
+        number = COMMS_FAILED;
+        conversation.error = Email::errorText(0, "the server wants the TLS that failed");
     }
     store(code, number);
     return number;

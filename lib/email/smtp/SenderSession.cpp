@@ -126,11 +126,11 @@ bool Sender::openSession(IPaddress address, int port) {
 }
 
 bool Sender::secure(IPaddress address, int port) {
-    const std::string why = startTls(address);
+    std::string why = startTls(address);
     if (why.empty()) {
-        SMTPcode code = COMMS_FAILED;
-        sayEhlo(code);
-        session_.hello = code;
+        why = helloBehindTls();
+    }
+    if (why.empty()) {
         return true;
     }
     if (required_.level == TlsLevel::May) {
@@ -148,9 +148,24 @@ bool Sender::tlsMissing(const std::string& why) {
     return false;
 }
 
+// Empty unless the session is lost again: in TLS 1.3 a server that wants a certificate of ours, or
+// another one, says so only when our handshake is over.
+std::string Sender::helloBehindTls() {
+    SMTPcode code = COMMS_FAILED;
+    sayEhlo(code);
+    session_.hello = code;
+    if (code != COMMS_FAILED || (GetExErr() != EPROTO && !hungUp(GetExErr()))) {
+        return {};
+    }
+    session_.broken = true;
+    const std::string trouble = channel()->trouble();
+    return trouble.empty() ? "the server closed the connection behind the handshake" : trouble;
+}
+
 // After a handshake that failed the connection is of no more use.
 bool Sender::goOnInTheClear(IPaddress address, int port) {
     conversation.tls = "no";
+    conversation.verified.clear();
     return !session_.broken || (openAgain(address, port) && sayHello(address, port));
 }
 

@@ -39,7 +39,10 @@ public:
     // "TLSv1.3/TLS_AES_256_GCM_SHA384".
     [[nodiscard]] std::string protocol() const { return session_->protocol(); }
     [[nodiscard]] TlsProof proof() const noexcept { return session_->proof(); }
-    [[nodiscard]] const std::string& trouble() const noexcept { return trouble_; }
+    // Why the handshake failed, or the session is lost; else empty.
+    [[nodiscard]] std::string trouble() const {
+        return trouble_.empty() ? session_->trouble() : trouble_;
+    }
 
 private:
     bool wants(TlsResult result) noexcept;

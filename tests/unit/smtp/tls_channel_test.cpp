@@ -27,6 +27,7 @@ struct Scripted final : Email::TlsSession {
     explicit Scripted(std::deque<Step> all) : steps(std::move(all)) {}
     Step next() {
         const Step step = steps.front();
+        lost = step.result == TlsResult::Failed || step.result == TlsResult::Closed;
         if (steps.size() > 1) {
             steps.pop_front();
         }
@@ -45,8 +46,9 @@ struct Scripted final : Email::TlsSession {
     void close() noexcept override {}
     [[nodiscard]] std::string protocol() const override { return "p"; }
     [[nodiscard]] Email::TlsProof proof() const noexcept override { return Email::TlsProof::None; }
-    [[nodiscard]] std::string trouble() const override { return "bad"; }
+    [[nodiscard]] std::string trouble() const override { return lost ? "bad" : ""; }
     std::deque<Step> steps;
+    bool lost = false;
 };
 
 struct Protected : testing::Test, ExtSocketClass {
