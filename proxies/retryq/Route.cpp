@@ -72,7 +72,7 @@ Server relayOf(const Candidate& candidate) {
                          ":" + std::to_string(line->port);
     }
     if (!access.trouble().empty() && server.leftOut.empty()) {
-        server.warning = "not used, the mail waits: relay-access " + access.trouble();
+        server.leftOut = "not used, the mail waits: relay-access " + access.trouble();
     }
     return server;
 }
@@ -221,6 +221,17 @@ private:
         return false;
     }
 
+    // As the client: without its file no relay is used, and the mail waits for it.
+    bool offerRelays(const IPaddressList& servers, const DomainRelay& /*relays*/) override {
+        accessFailed_ = !Email::relayAccess().trouble().empty();
+        if (accessFailed_) {
+            offered_ = route_.steps.size();
+            return false;
+        }
+        return offer(servers, Email::kMailPort);
+    }
+    bool mayPass() override { return accessFailed_; }
+
     void met(const Candidate& candidate) override {
         if (!answered()) {
             addStep(literal_ ? "literal" : "exchangers",
@@ -271,6 +282,7 @@ private:
     RelayLines relays_{"domain-relay"};
     RelayLines fallback_{"fallback-relay"};
     bool literal_ = false;
+    bool accessFailed_ = false;
     std::optional<std::size_t> askedFrom_; // steps there were when exchangers were asked for
     std::size_t offered_ = 0;              // steps whose servers the client has been offered
     Route route_;
