@@ -68,10 +68,24 @@ PIPELINED = {
 
 
 FAR = "10.9.8.7"  # an address of this host that /etc/hosts does not know, in this world also another's
+FOREIGN = "192.0.2.7"  # of a host that is not known to be this one
 
 
-def many(query):
-    return reply(query, *[mx(b"\xc0\x0c", 50, f"dead{n}.test") for n in range(40)], mx(b"\xc0\x0c", 5, "far.test"))
+class Many:
+    """So many useless exchangers, and behind them the best: over UDP as far as the question has room for them."""
+
+    def __init__(self, count, tcp=True):
+        self.over_tcp = self._over_tcp if tcp else None
+        self._records = [mx(b"\xc0\x0c", 50, f"dead{n}.test") for n in range(count)] + [mx(b"\xc0\x0c", 5, "far.test")]
+
+    def __call__(self, query):
+        room = int.from_bytes(query[-8:-6], "big") if query[11] else 512  # where EDNS tells it
+        whole = reply(query, *self._records)
+        return whole if len(whole) <= room else reply(query, flags=0x8380)
+
+    def _over_tcp(self, query):
+        whole = reply(query, *self._records)
+        return len(whole).to_bytes(2, "big"), whole
 
 
 def temporary(query):
@@ -87,8 +101,10 @@ RFC = {
                                  ("returned 1002", []), ("kept 1001", [])),
     "no address": ({("x.test", MX): lambda q: reply(q), ("x.test", A): lambda q: reply(q)}, "<u@x.test>", [],
                    ("returned 1002", []), ("returned 1002", [])),
-    "the best behind many": ({("x.test", MX): many, ("far.test", A): [a("far.test", "192.0.2.1")]}, "<u@x.test>", [],
-                             ("kept 1001", []), ("kept 1001", [])),
+    "a datagram of 900 bytes": ({("x.test", MX): Many(40, tcp=False), ("far.test", A): [a("far.test", FOREIGN)]}, "<u@x.test>", [],
+                                ("kept 1001", []), ("delivered", [FOREIGN])),
+    "5,000 bytes over TCP": ({("x.test", MX): Many(220), ("far.test", A): [a("far.test", FOREIGN)]}, "<u@x.test>", [],
+                             ("kept 1001", []), ("delivered", [FOREIGN])),
     "an address of no other": ({("x.test", MX): [mx("x.test", 10, "loop.test")], ("loop.test", A): [a("loop.test", THERE)]},
                                "<u@x.test>", [], ("delivered", [THERE]), ("kept 1001", [])),
     "an address of ours": ({("x.test", MX): [mx("x.test", 10, "our.test"), mx("x.test", 20, "far.test")],
@@ -157,6 +173,7 @@ class Internet(SystemTest):
     @classmethod
     def setUpClass(cls):
         subprocess.run(["ip", "address", "add", FAR + "/32", "dev", "lo"], check=True)
+        subprocess.run(["ip", "route", "add", "local", FOREIGN, "dev", "lo"], check=True)
         zone = {"secure.test": [(10, "mx.test")], "mx.test": [THERE], "from.test": [SENDERS]}
         cls.addClassCleanup(harness.Dnsmasq(harness.SCRATCH, zone).stop)
         if not os.path.exists(os.path.join(harness.SCRATCH, "ca.pem")):
@@ -278,6 +295,22 @@ class Internet(SystemTest):
         for secret in (PASSWORD, PASSWORD[:-1] + "x", "cEBzcyB3PXJ", base64.b64encode(f"\0{USER}\0{PASSWORD}".encode())[:-4].decode()):
             self.assertNotIn(secret, everything)
 
+    def test_dane_domains_share_no_conversation_and_no_server_waits_for_a_question(self):
+        there, waiting = self.server("220 self"), []
+        dns = self.validating(["ad"] * 3, ["3 1 1 self"])
+        for domain, flags in (("also.test", 0x81a0), ("open.test", 0x8180)):
+            dns.answers[domain, MX] = lambda query, owner=domain, flags=flags: reply(query, mx(owner, 10, "mx.test"), flags=flags)
+
+        def watched(answer):
+            return lambda query: (waiting.append(sum(b"QUIT" not in met.commands for met in there.sessions)), answer(query))[1]
+        dns.answers = {question: watched(answer) for question, answer in dns.answers.items()}
+        self.table("smtp-tls dane")
+        self.world.queue("m", ["<a@secure.test>", "<b@also.test>", "<c@open.test>", "<d@secure.test>", "<e@open.test>"])
+        self.run_ok()
+        self.assertEqual(sorted(sorted(mail.recipients) for mail in there.mails),
+                         [["<a@secure.test>", "<d@secure.test>"], ["<b@also.test>"], ["<c@open.test>", "<e@open.test>"]])
+        self.assertEqual(set(waiting), {0})
+
     def test_a_shared_server_is_not_shared_below_a_domains_level(self):
         self.zone_of_two = self.server("220 self")
         self.table("smtp-tls-policy strict.test verify", "domain-relay * mx.test")
@@ -323,8 +356,8 @@ class Internet(SystemTest):
         others = "127.0.0.54"
         etc_file("resolv.conf", f"nameserver {others}\noptions timeout:1 attempts:1\n")
         self.addCleanup(etc_file, "resolv.conf", f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n")
-        self.dns(answers, others)
-        servers, returns = [self.smtp(THERE), self.smtp(FAR)], self.smtp(SENDERS)
+        self.dns(answers, others, getattr(answers.get(("x.test", MX)), "over_tcp", None))
+        servers, returns = [self.smtp(THERE), self.smtp(FAR), self.smtp(FOREIGN)], self.smtp(SENDERS)
         for rules, (ends, reached) in (("classic", classic), ("rfc", rfc)):
             with self.subTest(rules):
                 self.world.table(f"domain-relay *.from.test {SENDERS}", f"dns-rules {rules}", *lines)
@@ -336,7 +369,7 @@ class Internet(SystemTest):
                 there = [session.address for server in servers for session in server.sessions]
                 self.assertEqual(there, reached)
                 self.assert_outcome("m", outcome(ends), returns)
-                self.assertTrue(route_agrees(route, outcome(ends), reached, (THERE, FAR)), route)
+                self.assertTrue(route_agrees(route, outcome(ends), reached, (THERE, FAR, FOREIGN)), route)
                 for name in self.world.spool():
                     os.unlink(self.world.spool_dir + name)
 
