@@ -62,11 +62,6 @@ public:
     // EV_MX_NO_RECORD or EV_MX_NONE_LEFT when the domain's own addresses are taken; else EV_NONE.
     int getAddresses(const char* domain, IPaddressList& out, int max, eventId& event) override;
 
-    // What follows from the answer to the MX question: `result` of Resolver::Query() and, for
-    // QUERY_OK, the message. Only the exchangers' names are looked up. As getAddresses() otherwise.
-    int useAnswer(int result, const unsigned char* msg, int len, const char* domain,
-                  IPaddressList& out, int max, eventId& event);
-
     // Forgets every remembered answer.
     static void clearCache() noexcept;
 
@@ -76,6 +71,10 @@ public:
     [[nodiscard]] static bool isThisHost(IPaddress address);
 
 private:
+    // What follows from the answer to the MX question: `result` of Resolver::Query() and, for
+    // QUERY_OK, the message.
+    int useAnswer(int result, const unsigned char* msg, int len, const char* domain,
+                  IPaddressList& out, int max, eventId& event);
     int lookUpByRfc(const char* domain, IPaddressList& out, int max, eventId& event);
     int useByRfc(std::span<const unsigned char> message, const char* domain, IPaddressList& out,
                  int max, eventId& event);

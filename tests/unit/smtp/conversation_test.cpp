@@ -4,6 +4,7 @@
 #include "support/peer.h"
 
 #include "email/base/Alarm.h"
+#include "email/site/DomainRelay.h"
 #include "email/site/mailscanGlobals.h"
 
 #include <gtest/gtest.h>
@@ -83,6 +84,10 @@ TEST(Socket, BindsConnectsByNameAndHandsOutTheLinesItHolds) {
     at = {};
     const UniqueFd peer(::accept(listener.get(), own, &size));
     EXPECT_EQ(at.sin_addr.s_addr, address("127.0.0.6").value);
+    std::ostringstream shown;
+    at.sin_port = htons(25);
+    shown << *own << escstring(" \"a\\\n\x1b\"");
+    EXPECT_EQ(shown.str(), "fam:2 127.0.0.6:25 \\\"a\\\\\\n\x1b\\\"");
     put(peer.get(), "one\r\ntwo\nthr");
     char line[ExtSocketClass::kReadBufferSize];
     EXPECT_EQ(socket.ReadLine(line, sizeof line, 1000, err), 3);
@@ -213,6 +218,20 @@ TEST_F(Conversation, TheFirstServerThatGreetsIsTaken) {
         ::getsockopt(client.theSocket, level, option, &on, &size);
         EXPECT_NE(on, 0);
     }
+}
+
+TEST_F(Conversation, RelaysThatMatchAreTriedAlone) {
+    DomainRelay relays;
+    bool tried = false;
+    EXPECT_FALSE(client.tryRelays(relays, "x.test", tried) || tried);
+    std::string relay = "127.0.0.10";
+    char* hosts[] = {relay.data()};
+    relays.AddDomain("*.test", hosts, 1);
+    EXPECT_FALSE(client.tryRelays(relays, "x.example", tried) || tried);
+    HostList::BlackL.Add(address("127.0.0.10")); // passed over without a connection
+    EXPECT_FALSE(client.tryRelays(relays, "x.test", tried));
+    EXPECT_TRUE(tried);
+    EXPECT_EQ(client.events, "100 100 116 119 ");
 }
 
 TEST_F(Conversation, WhoHeldTheWalkerLongAndTookNothingIsLeftAlone) {

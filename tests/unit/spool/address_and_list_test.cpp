@@ -133,6 +133,20 @@ TEST_F(Address, ExchangersAreLookedUpOnce) {
     EXPECT_EQ(none.GetMXhosts(out, 10), 2); // the count of `out`, no second lookup
 }
 
+TEST_F(Address, RecipientsLeaveAListByServerOrByTurn) {
+    MailList list;
+    for (const char* text : {"a@[198.51.100.1]", "b@[198.51.100.2]"}) {
+        list.Add(text, IDS_RTS450);
+    }
+    EXPECT_EQ(list.Remove(server('3')), nullptr);
+    EXPECT_STREQ(list.Remove(server('1'))->text(), "<a@[198.51.100.1]>");
+    std::array<char, EmailAddr::kTextSize> text;
+    SMTPcode code = IDS_NO_REASON;
+    EXPECT_TRUE(list.Remove(text.data(), &code) && list.IsEmpty());
+    EXPECT_EQ(text.data() + std::to_string(code), "<b@[198.51.100.2]>450");
+    EXPECT_FALSE(list.Remove(text.data(), nullptr));
+}
+
 TEST(MailList, RecordsKeepTheirCodeUnlessAnotherIsGiven) {
     MailList list;
     MailList other;

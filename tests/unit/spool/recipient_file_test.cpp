@@ -75,6 +75,9 @@ TEST(Recipients, WritingReversesTheOrderAndCountsTheTry) {
     dir.write("m", kTime + kTime + "99999999999\ns\na\t450\n"); // the count stays at its limit
     ASSERT_TRUE(r.Read(file, true) && r.OverWrite(file));
     EXPECT_EQ(r.tries(), std::numeric_limits<std::int32_t>::max());
+    r.resetTries();
+    EXPECT_TRUE(r.tries() == 0 && r.firstSendTime() == r.lastSendTime());
+    EXPECT_GE(r.firstSendTime().Time, before);
 }
 
 TEST(Recipients, FirstTryWithoutAnAnswerIsWrittenAsNone) {
