@@ -47,16 +47,17 @@ class Limits(SystemTest):
         self.assertEqual(self.world.run("-c", INHERITED, binary="/bin/bash").status, 0)
         self.assertEqual(self.world.spool(), {})
 
-    def test_texts_that_may_not_be_opened_end_the_run(self):
+    @cases({"ten in a row": (20, None, 1, 9, 22), "others between": (19, 9, 0, 18, 0)})
+    def test_texts_that_may_not_be_opened_end_the_run(self, count, readable, status, deleted, left):
         os.chmod(self.world.root, 0o755)
         os.chmod(self.world.spool_dir, 0o777)
-        for n in range(20):
+        for n in range(count):
             self.world.queue(f"m{n}", f"<{n}@there.test>")
-            os.chmod(self.world.spool_dir + f"m{n}", 0)
+            os.chmod(self.world.spool_dir + f"m{n}", 0o666 if n == readable else 0)
             os.chmod(self.world.spool_dir + f"m{n}.rmd", 0o666)
-        run = self.within(*NOBODY, status=1)
-        self.assertEqual((len(run.lines("action=delete")), len(run.lines(" run-stopped ", "error=13 "))), (9, 1))
-        self.assertEqual(len(os.listdir(self.world.spool_dir)), 22)
+        run = self.within(*NOBODY, status=status)
+        self.assertEqual((len(run.lines("action=delete")), len(run.lines(" run-stopped ", "error=13 "))), (deleted, status))
+        self.assertEqual(len(os.listdir(self.world.spool_dir)), left)
 
     def test_a_message_that_takes_too_much_memory_is_passed_over(self):
         self.world.queue("m", "<u@there.test>")

@@ -61,14 +61,15 @@ TEST_F(Spool, LinesAndRecordsNameServerCodeAndMessageOfEachRecipient) {
     const auto nothing = [] {};
     std::jthread server([&] { serve(listener.get(), nothing), serve(listener.get(), nothing); });
     queue("m1", "<s@[127.0.0.5]>",
-          "<bad@[127.0.0.5]>\t-1\n<busy@[127.0.0.5]>\t-1\n<one@[127.0.0.5]>\t-1\n<two@[127.0.0.5]>"
-          "\t-1\n");
+          "<bad@[127.0.0.5]>\t-1\n<busy@[127.0.0.5]>\t-1\n<one@[127.0.0.5]>"
+          "\t-1\n<two@[127.0.0.5]>\t-1\n<late@[127.0.0.6]>\t-1\n");
     ListSender().Send(FileName(deferred("m1").c_str()), true, 0);
     mailPort = 0;
     for (const char* line :
          {" delivered msg=m1 from=<s@[127.0.0.5]> to=<one@[127.0.0.5]> relay=127.0.0.5 code=250 ",
           " delivered msg=m1 from=<s@[127.0.0.5]> to=<two@[127.0.0.5]> relay=127.0.0.5 code=250 ",
           " deferred msg=m1 from=<s@[127.0.0.5]> to=<busy@[127.0.0.5]> relay=127.0.0.5 code=450 ",
+          " deferred msg=m1 from=<s@[127.0.0.5]> to=<late@[127.0.0.6]> relay=127.0.0.6 code=1001 ",
           " returned msg=m1 from=<s@[127.0.0.5]> to=<bad@[127.0.0.5]> relay=127.0.0.5 code=550 ",
           " from=<> to=<s@[127.0.0.5]> relay=127.0.0.5 code=250 "}) {
         EXPECT_EQ(linesWith(line), 1) << line;
@@ -77,7 +78,9 @@ TEST_F(Spool, LinesAndRecordsNameServerCodeAndMessageOfEachRecipient) {
               "102 0: 7=127.0.0.5 12=m1 17=21 19=<s@[127.0.0.5]> "
               "20=<one@[127.0.0.5]> <two@[127.0.0.5]> \n"
               "108 0: 7=127.0.0.5 12=rjct 19=<> 20=<s@[127.0.0.5]> \n"
-              "103 0: 7=127.0.0.5 12=m1 13=450 17=21 19=<s@[127.0.0.5]> 20=<busy@[127.0.0.5]> \n");
+              "103 0: 7=127.0.0.5 12=m1 13=450 17=21 19=<s@[127.0.0.5]> 20=<busy@[127.0.0.5]> \n"
+              "103 0: 7=127.0.0.5 12=m1 13=1001 17=21 19=<s@[127.0.0.5]> "
+              "20=<late@[127.0.0.6]> \n"); // a record has the last server, whoever it is about
 }
 
 TEST_F(Spool, ATextThatBecomesShorterIsToldSo) {

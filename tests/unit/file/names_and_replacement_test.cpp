@@ -131,6 +131,16 @@ bool replace(const std::string& path, std::string_view text) {
     return replacement.open() && replacement.commit(text);
 }
 
+TEST(FdStream, OnlyAShortageOfThisHostIsWaitedOut) {
+    for (const auto& [error, waits] : {std::pair{EMFILE, true},
+                                       {ENFILE, true},
+                                       {ENOMEM, true},
+                                       {EACCES, false},
+                                       {ENOENT, false}}) {
+        EXPECT_EQ(Email::isShortage(error), waits) << error;
+    }
+}
+
 TEST(FileIterator, HandsOutEveryEntryWithTheDirectorysOwnStatus) {
     const Scratch dir;
     FileInfo info;

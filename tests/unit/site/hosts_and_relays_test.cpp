@@ -129,6 +129,7 @@ TEST(Exchangers, AreTriedInTheOrderOfASelectionSortAndCutAtThisHost) {
     const std::pair<List, List> cases[] = {
         {{{10, "a."}, {10, "b"}, {5, "c"}}, {{5, "c"}, {10, "b"}, {10, "a"}}},
         {{{10, "a"}, {10, "gw.x"}, {5, "c"}, {20, "b"}}, {{5, "c"}}},
+        {{{5, "c"}, {10, "a"}, {10, "gw.x"}}, {{5, "c"}}},
         {{{1, "GW.X"}, {2, "a.gw.x"}, {3, "gw.x.more"}}, {{1, "GW.X"}, {2, "a.gw.x"}}},
         {{{1, "a"}, {2, "127.0.0.1"}}, {{1, "a"}}}, {{{1, "a"}, {2, "localhost.b"}}, {{1, "a"}}}};
     // clang-format on

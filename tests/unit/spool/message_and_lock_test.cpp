@@ -17,6 +17,17 @@ extern "C" int flock(int fd, int operation) noexcept {
     return static_cast<int>(::syscall(SYS_flock, fd, operation));
 }
 
+// The file that cannot be deleted, while there is one.
+static std::string stays;
+
+extern "C" int remove(const char* path) noexcept {
+    if (path == stays) {
+        errno = EIO;
+        return -1;
+    }
+    return std::filesystem::is_directory(path) ? ::rmdir(path) : ::unlink(path);
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -64,6 +75,18 @@ TEST_F(Spool, AMessageMayHaveTheTemporaryNameOfAnother) {
     EXPECT_EQ(names(), "m.rmd~ m.rmd~.rmd ");
 }
 
+TEST_F(Spool, AListThatCannotBeDeletedNamesNobody) {
+    queue("m", "<s@a.test>", "<a@x>\t450\n");
+    Message message(Message::Queue::Deferred, FileName("m"));
+    Recipients head;
+    ASSERT_FALSE(message.read(head, nullptr));
+    head.Remove();
+    stays = deferred("m.rmd");
+    EXPECT_EQ(message.remove(&head), EIO);
+    EXPECT_EQ(names() + envelope("m"), "m.rmd <s@a.test>\n");
+    stays.clear();
+}
+
 TEST_F(Spool, ALockLastsAsLongAsItsOwnerAndIsNoneOnAReplacedFile) {
     using Lock = Email::MessageLock;
     queue("m1", "<>", "");
@@ -73,6 +96,7 @@ TEST_F(Spool, ALockLastsAsLongAsItsOwnerAndIsNoneOnAReplacedFile) {
         EXPECT_EQ(lock.state(), Lock::State::Held);
         EXPECT_EQ(Lock(file).state(), Lock::State::Busy);
     }
+    EXPECT_EQ(Lock(file).state(), Lock::State::Held);
     write("m1.rmd~", "new list");
     beforeLock = [&] { fs::rename(file + "~", file); };
     EXPECT_EQ(Lock(file).state(), Lock::State::Busy);
