@@ -102,6 +102,7 @@ class Limits(SystemTest):
     def test_names_that_look_like_our_own_cost_nobody_anything(self):
         for leaf in ("m.rmd~", "m.rmd+", "m"):  # the last one is listed first
             self.world.queue(leaf, [f"<{leaf}{n}@{n}.test>" for n in range(2)] + ["<busy@there.test>"] * (leaf == "m"))
+        self.retryq("hold", "-y", "m.rmd~", status=1)  # else it would be no message any more, and its text left over
         for _ in range(2):
             self.run_ok("-now")
         self.assertEqual((set(self.copies().values()), len(self.copies())), ({1}, 6))

@@ -73,6 +73,8 @@ class Queue(SystemTest):
         server = self.smtp()
         self.world.queue("m", ["<u@x.test>", "<v@x.test>"])
         before = self.world.rmd("m")
+        self.retryq("hold", "-y", "m", strace=["-e", "inject=fsync:error=EIO"], status=1)
+        self.assertEqual(sorted(self.world.spool()), ["m", "m.rmd"])
         self.assertRegex(self.retryq("hold", "-y", "m").log[0].text, r" put-on-hold msg=m from=\S+ state=due by=root uid=0$")
         self.run_ok()
         self.run_ok("-now")

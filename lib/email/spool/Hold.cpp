@@ -27,16 +27,29 @@ bool takeNumber(std::string_view& text, Number& number) {
 }
 
 int rename(const std::string& directory, const std::string& from, const std::string& to) {
+    const std::string source = directory + from;
     const std::string target = directory + to;
     // rename() would replace it without a word.
     if (::access(target.c_str(), F_OK) == 0) {
         return EEXIST;
     }
-    if (std::rename((directory + from).c_str(), target.c_str()) != 0) {
+    if (errno != ENOENT || std::rename(source.c_str(), target.c_str()) != 0) {
         return errno;
     }
     // A hold that a power cut undid would let out what must not go.
-    return syncDirectory(target) ? 0 : errno;
+    if (syncDirectory(target)) {
+        return 0;
+    }
+    // Whoever asked is told that it failed: so it must not have happened.
+    const int error = errno;
+    static_cast<void>(std::rename(target.c_str(), source.c_str()));
+    return error;
+}
+
+// To a walker "m.rmd~" is what a killed run left beside "m.rmd", unless it has a recipient file of
+// its own.
+bool looksLeftOver(const std::string& message) {
+    return message.ends_with(ownList("") + kTemporaryEnding);
 }
 
 } // namespace
@@ -61,7 +74,7 @@ std::optional<Hold> Hold::of(std::string_view name) {
 }
 
 int Hold::put(const std::string& directory) const {
-    return rename(directory, ownList(message), listName());
+    return looksLeftOver(message) ? EINVAL : rename(directory, ownList(message), listName());
 }
 
 int Hold::release(const std::string& directory) const {

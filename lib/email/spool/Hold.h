@@ -28,8 +28,10 @@ struct Hold {
     [[nodiscard]] static std::optional<Hold> of(std::string_view name);
 
     // Puts the message on hold, or releases it, in that directory (a path that ends in "/"), and
-    // syncs the directory. The caller holds the message's lock. 0, or an errno number: EEXIST when
-    // the message has a recipient file of its own again, which stays.
+    // syncs the directory. The caller holds the message's lock. 0, or an errno number, and then the
+    // name is as before: EEXIST when the message has a recipient file of its own again, which
+    // stays; EINVAL for a message that is not put on hold because its name ends in ".rmd~", for
+    // a walker would take its text for the left-over of a killed run.
     [[nodiscard]] int put(const std::string& directory) const;
     [[nodiscard]] int release(const std::string& directory) const;
 };
