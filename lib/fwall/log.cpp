@@ -34,6 +34,7 @@ int modeOf(const cfgrec* record) {
     if (record == nullptr) {
         return LOG_MODE_SYSTEM;
     }
+    // Only a complaint: the first value counts all the same.
     if (record->argc != 1) {
         syslog(LOG_ERR, "cfgerr: logging keyword expects only one value, line %d", record->ln);
     }

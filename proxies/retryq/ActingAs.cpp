@@ -20,6 +20,7 @@ ActingAs::ActingAs(const std::string& user) : group_(::getegid()) {
         return;
     }
     changed_ = true;
+    // The user last: afterwards there is no right to change the groups.
     failed_ = ::initgroups(user.c_str(), entry->pw_gid) != 0 || ::setegid(entry->pw_gid) != 0 ||
               ::seteuid(entry->pw_uid) != 0;
     if (failed_) {

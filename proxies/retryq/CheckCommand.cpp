@@ -44,6 +44,7 @@ public:
             Level{kLosesMail, "loses-mail", "LOSES MAIL\n         ", Colour::Red},
         };
         const Level& level = kLevels.at(static_cast<std::size_t>(finding.weight));
+        // The worst finding is the exit status.
         status_ = std::max(status_, level.status);
         if (context_.json) {
             Json object{{"check", about},

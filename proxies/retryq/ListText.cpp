@@ -50,6 +50,7 @@ std::string withoutRecipient(std::string_view text, std::string_view address,
             return line < kHeadLines ? "" : out.append(text);
         }
         const std::string_view recipient = text.substr(0, std::min(end, text.rfind('\t', end)));
+        // The engine would read this line as two: nobody knows which recipient was meant.
         if (end > kLongestLine) {
             return {};
         }

@@ -88,6 +88,7 @@ Process processOf(pid_t pid) {
     process.user = userName(owner.st_uid);
     process.words = wordsOf(pid);
     std::error_code error;
+    // The program itself, where this user may know it, and else what the process calls itself.
     const fs::path file = fs::read_symlink(pathOf(pid, "exe"), error);
     process.program = !error                  ? file.filename().string()
                       : process.words.empty() ? process.title
@@ -144,6 +145,7 @@ std::optional<Connections::Peer> Connections::of(pid_t pid, bool& hidden) const 
         }
         const ino_t inode = std::strtoull(target.c_str() + kSocket.size(), nullptr, 10);
         const auto peer = peers_.find(inode);
+        // Of several connections the one to a mail server is meant.
         if (peer != peers_.end() && (!found || peer->second.port == kMailPort)) {
             found = peer->second;
         }

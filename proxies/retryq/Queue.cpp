@@ -153,6 +153,7 @@ QueuedMessage Queue::message(const std::string& leaf) const {
 }
 
 bool Queue::visit(const Visitor& visitor) const {
+    // Without a lock, so that no walker is held up: what it finishes meanwhile is simply not there.
     const UniqueDirectory directory(::opendir(directory_.c_str()));
     if (!directory) {
         return false;

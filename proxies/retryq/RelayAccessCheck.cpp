@@ -44,6 +44,7 @@ std::vector<Finding> checkRelayAccess(const RuleTable& table, const std::string&
     std::vector<Finding> found;
     RelayAccess access;
     {
+        // The walkers read it with the rights of their user.
         const ActingAs walker(user);
         access.load(mailscanGlobals::relayAccessFile);
     }

@@ -163,6 +163,7 @@ private:
             route_.tls = tlsWord(Email::tlsPolicy().levelFor(to.asked()));
         }
         if (to.kind == Kind::Direct || to.kind == Kind::Routed) {
+            // Only now: a literal, or mail that is refused, needs no relay looked up.
             relays_.read(rules_, to.asked());
             fallback_.read(rules_, to.asked());
         }

@@ -69,6 +69,7 @@ const std::vector<std::string>& ServiceUnit::places() {
 std::optional<ServiceUnit> ServiceUnit::read(const std::vector<std::string>& places) {
     ServiceUnit unit;
     for (const std::string& place : places) {
+        // The first place that has the unit hides it in all others.
         unit.path_ = place + "/" + std::string(kName);
         const auto text = contents(unit.path_);
         if (!text) {

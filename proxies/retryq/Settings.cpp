@@ -214,6 +214,8 @@ void RuleTable::adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) 
     const std::string key = printable(record.op, kShown);
     const Setting* const setting = known(record.op);
     if (setting == nullptr) {
+        // The gateway's other programs have keys of their own: only what is nearly one of ours is
+        // told.
         const Setting* const nearest = nearestSetting(record.op);
         if (nearest != nullptr) {
             warn("unknown key " + key + ": did you mean " + nearest->key + "?");
@@ -223,6 +225,7 @@ void RuleTable::adviseOnRecord(const cfgrec& record, std::vector<Finding>& out) 
     if (record.flags != 0) {
         warn(key + ": its deny-, permit- or absorb- is not looked at");
     }
+    // The first line of a key counts.
     if (!setting->repeats() && line(*setting) != record.ln) {
         warn(key + " does not count: it stands on line " + std::to_string(line(*setting)) +
              " already");

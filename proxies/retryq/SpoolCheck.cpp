@@ -151,6 +151,7 @@ private:
         if (report_.freeBytes < kLowBytes) {
             warn("less than 64 MiB are free");
         }
+        // Some file systems have no fixed number of files.
         if (report_.totalInodes != 0 && report_.freeInodes < kLowInodes) {
             warn("fewer than 1000 files can be made");
         }
@@ -168,6 +169,7 @@ private:
         Limited noFile(report_.findings, most_, "texts without recipient file");
         Limited noText(report_.findings, most_, "recipient files without text");
         Limited unusable(report_.findings, most_, "recipient files with faults");
+        // First who is on hold: such a message has no list of the usual name.
         std::set<std::string> onHold;
         for (const std::string& name : names) {
             if (const auto hold = Email::Hold::of(name)) {
@@ -221,6 +223,7 @@ private:
         }
         const std::string list = name + suffix_;
         std::string about = list;
+        // In the order in which a walk finds out: the lock, the text, the list.
         MessageFault fault = lockFault(report_.directory + list);
         if (fault.text.empty()) {
             fault = textFault(report_.directory + name);

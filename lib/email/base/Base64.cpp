@@ -47,6 +47,7 @@ std::optional<std::string> fromBase64(std::string_view text) {
     bytes.reserve(text.size() / 4 * 3);
     std::uint32_t all = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
+        // Filler counts as 0; the bytes that come of it are cut off at the end.
         const bool filler = at >= text.size() - padding;
         const std::size_t digit = filler ? 0 : kDigits.find(text[at]);
         if (digit == std::string_view::npos) {

@@ -84,6 +84,8 @@ private:
         if (known != nullptr) {
             server = known->server.value_or(IPaddress::null);
             outcome.stage = stageName(known->stage);
+            // Why it broke off says more than the last reply, and that more than who was passed
+            // over.
             outcome.words = !known->error.empty()  ? known->error
                             : known->reply.empty() ? known->leftOut
                                                    : known->reply;

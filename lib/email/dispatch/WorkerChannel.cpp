@@ -110,6 +110,7 @@ std::optional<Report> decodeReport(std::string_view record) {
         return std::nullopt;
     }
     Report report{static_cast<Step>(header.step), IPaddress(header.server), header.value, {}, {}};
+    // All sizes must add up: half a record is none.
     if ((report.step == Step::Done && !take(record, block)) ||
         header.textLength > Report::kMaxText || record.size() != header.textLength) {
         return std::nullopt;

@@ -185,6 +185,7 @@ std::string statusOf(SMTPcode code, std::string_view reply) {
 
 std::string deliveryStatusMail(const ReturnedMessage& message,
                                std::span<const FailedRecipient> failed, std::istream& text) {
+    // All parts before anything else: what separates them must stand in none.
     const std::string human = humanPart(failed);
     const std::string status = statusPart(message, failed);
     const Quoted quoted =

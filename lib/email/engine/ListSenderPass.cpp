@@ -101,6 +101,7 @@ void ListSender::deliver(std::unique_ptr<EmailAddr> first, MailList& failed, std
         refuseAll(accepted, failed, code);
         return;
     }
+    // From now on the list on disc names somebody who has the mail.
     noteServed();
     reportDelivered(accepted, code);
     traceLine(LogLine::TraceEnd, nullptr);

@@ -76,6 +76,7 @@ FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOve
         return;
     }
     if (exists && !S_ISREG(old.st_mode)) {
+        // What is no file (a device, say) keeps its name and is written as it stands.
         inPlace_ = EEXIST;
         fd_.reset(openInPlace(target_.c_str(), mode));
         return;
@@ -86,6 +87,7 @@ FileReplacement::FileReplacement(std::string path, mode_t mode, LeftOver leftOve
     temporary_ = target_ + kTemporaryEnding;
     fd_.reset(
         createFresh(temporary_.c_str(), exists ? old.st_mode & kPermissions : mode, leftOver));
+    // Where no name may be made, a file that is there may still be written.
     if (!fd_.valid() && takesNoNewNames(errno) && inPlace == InPlace::Allowed) {
         inPlace_ = errno;
         temporary_.clear();

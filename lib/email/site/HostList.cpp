@@ -154,6 +154,7 @@ int HostList::hostLookup(const char* name, IPaddressList& out, int max, bool ski
         asked.tell(Fate::Enough);
         return out.count();
     }
+    // An address needs no name service.
     if (isLiteral(name)) {
         take(literalAddress(name), out, skipLocal, asked);
         return out.count();

@@ -173,6 +173,7 @@ int MXlookup::useAnswer(int result, const unsigned char* msg, int len, const cha
     case QUERY_NO_RECORD:
         event = EV_MX_NO_RECORD;
         break;
+    // Whatever else the library says counts as no record.
     default:
         break;
     }

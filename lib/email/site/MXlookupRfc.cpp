@@ -149,6 +149,7 @@ int MXlookup::takeOwnAddress(const char* domain, IPaddressList& out, int max, ev
     }
     if (hostLookup(domain, found, IPaddressList::kCapacity, false) < 0) {
         asked.tell(Fate::Unresolved);
+        // Nobody said that there is no address.
         if (mayPass()) {
             event = EV_MX_TEMPFAIL;
             return 0;

@@ -123,6 +123,7 @@ bool Resolver::ParseQuery(const unsigned char* msg, int len, char** names, int* 
         return false;
     }
     p += std::min(kQuestionTail, end - p);
+    // To the end of the message: the counts in its header are not believed.
     while (end - p > kLeastRecord && n < capacity) {
         int preference = 0;
         const Step step = readRecord(msg, len, p, preference, name.data());

@@ -24,6 +24,7 @@ Destination Destination::of(const EmailAddr& recipient) noexcept {
     if (!recipient.GetDomain(to.domain.data())) {
         return to;
     }
+    // A direct send asks for this host's own name, so that for it the ports alone decide.
     if (namesThisHost(to.asked()) && to.port == mailscanGlobals::mailReadPort) {
         to.kind = Kind::ThisHost;
     } else if (to.direct) {

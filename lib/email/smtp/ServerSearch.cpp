@@ -93,6 +93,7 @@ bool ServerSearch::tryRelays(DomainRelay& relays, const char* domain, bool& trie
     IPaddressList list;
     eventId event = EV_NONE;
     const int n = relays.getAddresses(domain, list, mailscanGlobals::max_addr_to_try, event);
+    // Also with -1: the line decides, though its relays are not known now.
     tried = tried || n != 0;
     if (n < 1) {
         driver_.passed(event);

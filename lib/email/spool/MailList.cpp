@@ -143,6 +143,7 @@ void MailList::AllNames(char* buf) const noexcept {
     for (const EmailAddr* record = first(); record; record = record->next.get()) {
         const std::string_view name = record->text();
         const std::size_t blank = used == 0 ? 0 : 1;
+        // An address is named whole or not at all.
         if (used + blank + name.size() > EmailAddr::kMaxText) {
             break;
         }

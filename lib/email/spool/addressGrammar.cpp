@@ -145,6 +145,7 @@ char* acceptedBracketed(char* text, std::string_view inside, bool allowNull,
 char* acceptedAddress(char* text, bool allowNull, bool anyDomain) noexcept {
     const std::string_view whole = text;
     if (!whole.starts_with('<')) {
+        // Without brackets only a plain address will do: no quotes, no route.
         const std::size_t at = whole.find('@');
         return at != std::string_view::npos && isSimpleLocal(whole.substr(0, at)) &&
                        isDomain(whole.substr(at + 1), anyDomain)

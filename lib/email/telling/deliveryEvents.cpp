@@ -98,6 +98,7 @@ GW_EVENT deliveryEvent(const SEvent& row, const EventDetails& details) {
                                            static_cast<ReportableEvent>(row.event),
                                            static_cast<Reason>(row.reason), nullptr, nullptr);
     CPropertyBag& bag = event.m_PropertyBag;
+    // What is not known is no element of the record.
     if (details.messageSize > 0) {
         bag.Set(EPROP_SIZE, details.messageSize);
     }

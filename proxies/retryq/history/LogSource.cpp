@@ -187,6 +187,7 @@ bool readJournal(std::time_t since, const LineVisitor& visit) {
         }
     }
     cutter.finish();
+    // Before waiting for it: a journalctl that still has something to say would wait for us.
     output.reset();
     return endedWell(child);
 }

@@ -136,6 +136,8 @@ void Tally::addServer(const LogEntry& entry) {
     if (runs_.size() >= kMostKeys) {
         runs_.clear();
     }
+    // A process does one thing at a time: what passed since its line before went to this line's
+    // server. The log has no other measure of it.
     const auto [run, first] = runs_.try_emplace(entry.pid, entry.time);
     const std::time_t held = entry.time - run->second;
     run->second = entry.time;
