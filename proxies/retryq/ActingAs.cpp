@@ -8,20 +8,23 @@
 
 namespace Retryq {
 
-ActingAs::ActingAs(const std::string& user) : group_(::getegid()) {
+ActingAs::ActingAs(const std::string& user, const std::string& group) : group_(::getegid()) {
     if (user.empty() || ::geteuid() != 0) {
         return;
     }
     const passwd* const entry = ::getpwnam(user.c_str());
     const int count = ::getgroups(0, nullptr);
     groups_.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-    if (entry == nullptr || ::getgroups(count, groups_.data()) < 0) {
+    const struct group* const named = group.empty() ? nullptr : ::getgrnam(group.c_str());
+    if (entry == nullptr || (named == nullptr && !group.empty()) ||
+        ::getgroups(count, groups_.data()) < 0) {
         failed_ = true;
         return;
     }
     changed_ = true;
     // The user last: afterwards there is no right to change the groups.
-    failed_ = ::initgroups(user.c_str(), entry->pw_gid) != 0 || ::setegid(entry->pw_gid) != 0 ||
+    const gid_t first = named == nullptr ? entry->pw_gid : named->gr_gid;
+    failed_ = ::initgroups(user.c_str(), first) != 0 || ::setegid(first) != 0 ||
               ::seteuid(entry->pw_uid) != 0;
     if (failed_) {
         giveBack();

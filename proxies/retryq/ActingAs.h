@@ -12,8 +12,9 @@ namespace Retryq {
 class ActingAs {
 public:
     // Only root becomes somebody else; for others, and for an empty name, nothing changes. failed()
-    // tells when the user does not exist, or the system refuses: the rights are then root's still.
-    explicit ActingAs(const std::string& user);
+    // tells when the user or the group does not exist, or the system refuses: the rights are then
+    // root's still. With a group, that in place of the user's own.
+    explicit ActingAs(const std::string& user, const std::string& group = {});
     ~ActingAs();
 
     ActingAs(const ActingAs&) = delete;

@@ -316,7 +316,7 @@ bool find(const Context& context, const char* command, const Changes& wanted,
     }
     const bool good = select(context, command, names, filter, leaves);
     if (good && leaves.empty()) {
-        std::cerr << "retryq " << command << ": no such message\n";
+        std::cerr << "retryq " << command << ": no message fits\n";
     }
     return good;
 }
@@ -326,6 +326,9 @@ bool find(const Context& context, const char* command, const Changes& wanted,
 int change(const Context& context, Change what, const Changes& wanted) {
     const char* const command = wordsOf(what).command;
     std::vector<std::string> leaves;
+    if (!mayChange(context, command)) {
+        return kTrouble;
+    }
     bool all = find(context, command, wanted, leaves);
     if (leaves.empty()) {
         return kTrouble;

@@ -15,7 +15,9 @@
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <set>
+#include <utility>
 
 namespace Retryq {
 
@@ -257,41 +259,90 @@ void reportSpool(const Context& context, Judge& judge, const char* name, const S
     judge.addAll("spool", spool.findings);
 }
 
-// Whose rights the walkers have.
-std::string walkerUser(const std::string& wanted) {
-    const auto unit = ServiceUnit::read();
-    return wanted.empty() && unit ? unit->user() : wanted;
+// Of the instances that somebody has set up; with none, the template's.
+std::vector<ServiceUnit> unitsInUse() {
+    std::vector<ServiceUnit> units;
+    for (const std::string& instance : ServiceUnit::instances()) {
+        if (auto unit = ServiceUnit::read(instance)) {
+            units.push_back(std::move(*unit));
+        }
+    }
+    if (units.size() > 1) {
+        units.erase(units.begin()); // it is never started as such
+    }
+    return units;
 }
 
-// As the walkers find them: with the rights of their user, in their unit's sandbox.
-void reportSpools(const Context& context, Judge& judge, const std::string& wanted) {
-    constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-    const std::size_t most = context.json ? kAll : kMostNamed;
-    const auto unit = ServiceUnit::read();
-    const std::string user = walkerUser(wanted);
+// Whose rights the walkers have.
+std::string walkerUser(const std::string& wanted) {
+    const std::vector<ServiceUnit> units = unitsInUse();
+    return wanted.empty() && !units.empty() ? units.front().user() : wanted;
+}
+
+struct Spools {
     SpoolReport deferred;
     SpoolReport outgoing;
-    {
-        // Only while the spools are looked at: all else has the rights of who asked.
-        const ActingAs walker(user);
-        if (walker.failed()) {
-            judge.add("user", {Weight::Warning, 0,
-                               "the user " + printable(user, kShown) +
-                                   " does not exist: the spools are judged for root"});
-        }
-        deferred = checkSpool(mailscanGlobals::deferred_mail_path(),
-                              Email::QueuedMessage::Queue::Deferred, most);
-        outgoing = checkSpool(mailscanGlobals::outgoing_mail(),
-                              Email::QueuedMessage::Queue::Outgoing, most);
+};
+
+// All but the look at the spools is done with the rights of who asked.
+Spools judgedAs(Judge& judge, const std::string& user, const std::string& group, std::size_t most) {
+    using Queue = Email::QueuedMessage::Queue;
+    const ActingAs walker(user, group);
+    if (walker.failed()) {
+        judge.add("user", {Weight::Warning, 0,
+                           "the user " + printable(user, kShown) +
+                               (group.empty() ? "" : " or the group " + printable(group, kShown)) +
+                               " does not exist: the spools are judged for root"});
     }
-    if (unit && !unit->mayWrite(deferred.directory)) {
+    return {checkSpool(mailscanGlobals::deferred_mail_path(), Queue::Deferred, most),
+            checkSpool(mailscanGlobals::outgoing_mail(), Queue::Outgoing, most)};
+}
+
+// What only this walker meets.
+void addNew(std::vector<Finding>& found, const std::vector<Finding>& more) {
+    for (const Finding& finding : more) {
+        if (std::ranges::find(found, finding.text, &Finding::text) == found.end()) {
+            found.push_back(finding);
+        }
+    }
+}
+
+void checkSandbox(const ServiceUnit& unit, SpoolReport& deferred) {
+    if (!unit.mayWrite(deferred.directory)) {
         deferred.findings.push_back({Weight::Warning, 0,
-                                     "ReadWritePaths= of " + unit->path() +
+                                     "ReadWritePaths= of " + unit.name() +
                                          " and its drop-ins lacks it: walkers that systemd starts "
                                          "can lock and change nothing"});
     }
-    reportSpool(context, judge, "Deferred spool", deferred);
-    reportSpool(context, judge, "Outgoing spool", outgoing);
+}
+
+// As the walkers find them: with the rights of their users, in their units' sandboxes.
+void reportSpools(const Context& context, Judge& judge, const std::string& wanted) {
+    constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+    const std::size_t most = context.json ? kAll : kMostNamed;
+    const std::vector<ServiceUnit> units = unitsInUse();
+    std::set<std::pair<std::string, std::string>> walkers; // user, group
+    for (const ServiceUnit& unit : units) {
+        walkers.emplace(wanted.empty() ? unit.user() : wanted, wanted.empty() ? unit.group() : "");
+    }
+    if (walkers.empty()) {
+        walkers.emplace(wanted, "");
+    }
+    std::optional<Spools> all;
+    for (const auto& [user, group] : walkers) {
+        Spools spools = judgedAs(judge, user, group, most);
+        if (all) {
+            addNew(all->deferred.findings, spools.deferred.findings);
+            addNew(all->outgoing.findings, spools.outgoing.findings);
+        } else {
+            all = std::move(spools);
+        }
+    }
+    for (const ServiceUnit& unit : units) {
+        checkSandbox(unit, all->deferred);
+    }
+    reportSpool(context, judge, "Deferred spool", all->deferred);
+    reportSpool(context, judge, "Outgoing spool", all->outgoing);
 }
 
 void reportVerdict(const Context& context, Status status) {
@@ -335,8 +386,10 @@ int checkFatal(const Context& context) {
     for (const Finding& finding : tableFindings(context.table)) {
         // A warning is no reason to keep the unit from starting.
         if (finding.weight == Weight::Stop) {
-            std::cerr << "retryq check: " << context.table.path() << " line " << finding.line
-                      << ": " << finding.text << '\n';
+            const std::string line = finding.line == 0 ? ""
+                                                       : context.table.path() + " line " +
+                                                             std::to_string(finding.line) + ": ";
+            std::cerr << "retryq check: " << line << finding.text << '\n';
             status = kNoTable;
         }
     }

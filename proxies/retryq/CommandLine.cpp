@@ -2,13 +2,14 @@
 
 #include "fwall/hexesc.h"
 #include "retryq/Nearest.h"
+#include "retryq/history/LogSource.h"
 
 #include <CLI/CLI.hpp>
 
 #include <strings.h>
 
 #include <iostream>
-#include <map>
+#include <utility>
 
 namespace Retryq {
 
@@ -16,14 +17,17 @@ namespace {
 
 constexpr std::size_t kShown = 128; // bytes of a word that is no command
 
-const std::map<std::string, std::int64_t> kTimeUnits{
-    {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+constexpr int kMostRows = 1'000'000'000;
 
-// "-as" is no option in the usual form, but it is the gateway's.
+// "-as" is no option in the usual form, but it is the gateway's; "help list" is what many type.
 std::vector<std::string> withUsualOptions(int argc, char** argv) {
     std::vector<std::string> words;
     for (int i = argc - 1; i > 0; --i) { // the parser takes them from the back
         words.emplace_back(::strcasecmp(argv[i], "-as") == 0 ? "--as" : argv[i]);
+    }
+    if (!words.empty() && words.back() == "help") {
+        words.pop_back();
+        words.emplace(words.begin(), "--help");
     }
     return words;
 }
@@ -32,25 +36,69 @@ CLI::Validator given() {
     return {[](const std::string& word) { return word.empty() ? "must not be empty" : ""; }, ""};
 }
 
+CLI::Validator time() {
+    return {[](std::string& word) {
+                const std::int64_t seconds = secondsOf(word);
+                const std::string wrong = word + " is no time: 90, 15m, 2h or 3d is one";
+                word = std::to_string(seconds);
+                return seconds < 0 ? wrong : "";
+            },
+            "TIME"};
+}
+
+CLI::Validator code() {
+    return {[](const std::string& word) {
+                const bool number =
+                    word == "-1" || (!word.empty() && word.size() < 6 &&
+                                     word.find_first_not_of("0123456789") == std::string::npos);
+                return number ? "" : word + " is no result code: 450 is one, -1 is new mail's";
+            },
+            ""};
+}
+
+// May be given more than once, each time with one word: the next is not its own, but a message.
+template<typename Words>
+CLI::Option* addWords(CLI::App& command, const char* name, Words& words, const char* help) {
+    return command.add_option(name, words, help)->allow_extra_args(false);
+}
+
 void addRecipient(CLI::App& command, Filter& filter) {
-    command
-        .add_option("--recipient", filter.recipients,
-                    "this recipient; * stands for any text: *@lab.example")
+    addWords(command, "--recipient", filter.recipients,
+             "this recipient; * stands for any text: *@lab.example")
         ->check(given());
 }
 
+// What each command's help ends with.
+constexpr std::pair<const char*, const char*> kExamples[]{
+    {"run", "  retryq run --now"},
+    {"deliver", "  retryq deliver --domain lab.example\n  retryq deliver --trace q7Gh21"},
+    {"who", ""},
+    {"list", "  retryq list --domain lab.example --older 4h\n"
+             "  retryq list --recipient 'anna@*' --recipients --limit 20"},
+    {"show", "  retryq show q7Gh21"},
+    {"summary", "  retryq summary --sort count --top 10\n  retryq summary --by code"},
+    {"route", "  retryq route anna@lab.example"},
+    {"check", ""},
+    {"settings", ""},
+    {"metrics", ""},
+    {"report", "  retryq report --since 1h\n  retryq report /var/log/syslog.1 /var/log/syslog"},
+    {"story", "  retryq story anna@lab.example --since 2d"},
+    {"remove", "  retryq remove --sender spammer@corp.example\n"
+               "  retryq remove --recipient gone@lab.example q7Gh21"},
+    {"hold", "  retryq hold --domain lab.example"},
+    {"release", "  retryq release --domain lab.example"},
+    {"return", "  retryq return q7Gh21"},
+    {"retry", "  retryq retry --code 450"},
+};
+
 void addFilter(CLI::App& command, Filter& filter) {
-    const CLI::AsNumberWithUnit duration(kTimeUnits, CLI::AsNumberWithUnit::CASE_INSENSITIVE,
-                                         "TIME");
-    command.add_option("--domain", filter.domains, "a recipient in this domain")->check(given());
-    command
-        .add_option("--sender", filter.senders, "this sender; * stands for any text, <> for none")
+    addWords(command, "--domain", filter.domains, "a recipient in this domain")->check(given());
+    addWords(command, "--sender", filter.senders, "this sender; * stands for any text, <> for none")
         ->check(given());
-    command.add_option("--code", filter.codes, "a recipient of this result code");
+    addWords(command, "--code", filter.codes, "a recipient of this result code")->check(code());
     command.add_option("--older", filter.olderThan, "only at least this old: 90, 15m, 2h, 3d")
-        ->transform(duration);
-    command.add_option("--younger", filter.youngerThan, "only at most this old")
-        ->transform(duration);
+        ->transform(time());
+    command.add_option("--younger", filter.youngerThan, "only at most this old")->transform(time());
     command
         .add_option("--state", filter.state, "due, waiting, overdue, unreadable, on-hold or held")
         ->check(CLI::IsMember({"due", "waiting", "overdue", "unreadable", "on-hold", "held"}));
@@ -104,7 +152,9 @@ void addHistory(CLI::App& app, CommandLine& line) {
                 return report(context, given.history);
             });
     reporting->add_option("FILE", line.history.files, "log files; the journal without");
-    reporting->add_option("--top", line.history.top, "rows of each table")->capture_default_str();
+    reporting->add_option("--top", line.history.top, "rows of each table")
+        ->check(CLI::Range(1, kMostRows))
+        ->capture_default_str();
     reporting->add_option("--svg", line.history.svg, "a picture of the hours into this file");
     CLI::App* const telling =
         add(app, line, "story", "everything that happened to a message or an address",
@@ -114,7 +164,7 @@ void addHistory(CLI::App& app, CommandLine& line) {
     telling->add_option("MESSAGE|ADDRESS", line.words, "leaf name, or an address")
         ->required()
         ->expected(1);
-    telling->add_option("--log", line.history.files, "log files; the journal without");
+    addWords(*telling, "--log", line.history.files, "log files; the journal without");
     for (CLI::App* const command : {reporting, telling}) {
         command->add_option("--since", line.history.since,
                             "since then: 90, 15m, 2h, 3d, or \"2026-11-21 14:05\"");
@@ -131,7 +181,8 @@ void addLooking(CLI::App& app, CommandLine& line) {
     addRecipient(*listing, line.filter);
     listing->add_option("--sort", line.view.sort, "age, size, tries, next or rcpts")
         ->check(CLI::IsMember({"age", "size", "tries", "next", "rcpts"}));
-    listing->add_option("--limit", line.view.limit, "at most so many messages");
+    listing->add_option("--limit", line.view.limit, "at most so many messages")
+        ->check(CLI::Range(1, kMostRows));
     listing->add_flag("--recipients", line.view.recipients, "each recipient with its last result");
     CLI::App* const showing =
         add(app, line, "show", "all about one message",
@@ -145,7 +196,8 @@ void addLooking(CLI::App& app, CommandLine& line) {
         ->check(CLI::IsMember({"domain", "code", "sender"}));
     summing->add_option("--sort", line.grouping.sort, "age (of the oldest) or count")
         ->check(CLI::IsMember({"age", "count"}));
-    summing->add_option("--top", line.grouping.top, "only the first so many rows");
+    summing->add_option("--top", line.grouping.top, "only the first so many rows")
+        ->check(CLI::Range(1, kMostRows));
 }
 
 void addRun(CLI::App& app, CommandLine& line) {
@@ -218,7 +270,7 @@ void addJudging(CLI::App& app, CommandLine& line) {
         ->expected(0, 1);
     metrics->add_option("--counters", line.history.counters,
                         "count outcomes from the log, and keep the counters in this file");
-    metrics->add_option("--log", line.history.files, "log files; the journal without");
+    addWords(*metrics, "--log", line.history.files, "log files; the journal without");
 }
 
 void addCommands(CLI::App& app, CommandLine& line) {
@@ -232,38 +284,68 @@ void addCommands(CLI::App& app, CommandLine& line) {
     addChange<Change::Release>(app, line, "release", "let them be tried again");
     addChange<Change::Return>(app, line, "return", "give messages up now, with the return mail");
     addChange<Change::Retry>(app, line, "retry", "make messages due now");
+    for (const auto& [command, examples] : kExamples) {
+        app.get_subcommand(command)->footer(examples);
+    }
 }
 
-// For a first word that is no command: which one may have been meant. False when that is not what
-// is wrong.
-bool tellUnknownCommand(const CLI::App& app) {
-    const std::vector<std::string> words = app.remaining();
-    if (!app.get_subcommands().empty() || words.empty() || words.front().starts_with('-')) {
-        return false;
-    }
+std::vector<std::string> commandsOf(const CLI::App& app) {
     std::vector<std::string> names;
     for (const CLI::App* const command :
          app.get_subcommands([](const CLI::App*) { return true; })) {
         names.push_back(command->get_name());
     }
-    const std::vector<std::string_view> candidates(names.begin(), names.end());
-    const std::string_view meant = nearest(words.front(), candidates);
-    std::cerr << "retryq: unknown command " << printable(words.front(), kShown);
-    if (!meant.empty()) {
-        std::cerr << ": did you mean " << meant << '?';
+    return names;
+}
+
+std::vector<std::string> optionsOf(const CLI::App& command) {
+    std::vector<std::string> names;
+    for (const CLI::Option* const option : command.get_options()) {
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
     }
-    std::cerr << "\nRun with --help for more information.\n";
-    return true;
+    return names;
+}
+
+std::string meantText(const std::string& word, const std::vector<std::string>& names) {
+    const std::vector<std::string_view> candidates(names.begin(), names.end());
+    const std::string_view meant = nearest(word, candidates);
+    return printable(word, kShown) +
+           (meant.empty() ? "" : ": did you mean " + std::string(meant) + "?");
+}
+
+// What is wrong with a word that is neither command nor option of the command that was begun; empty
+// when something else is wrong.
+std::string unknownText(const CLI::App& app) {
+    const std::vector<CLI::App*> begun = app.get_subcommands();
+    if (begun.empty()) {
+        const std::vector<std::string> words = app.remaining();
+        const bool command = !words.empty() && !words.front().starts_with('-');
+        return command ? "unknown command " + meantText(words.front(), commandsOf(app)) : "";
+    }
+    for (const std::string& word : app.remaining(true)) {
+        if (word.starts_with("--")) {
+            return "unknown option " +
+                   meantText(word.substr(0, word.find('=')), optionsOf(*begun.front()));
+        }
+    }
+    return "";
 }
 
 // "retryq list: --sort: ...": the program, the command that was begun, and the option.
 std::string failureText(const CLI::App& app, const CLI::Error& error) {
-    std::string text = "retryq";
+    std::string program = "retryq";
     for (const CLI::App* const command : app.get_subcommands()) {
-        text += " " + command->get_name();
+        program += " " + command->get_name();
     }
-    return text + ": " + printable(error.what(), 4 * kShown) +
-           "\nRun with --help for more information.\n";
+    const std::string unknown = unknownText(app);
+    const bool none = error.get_name() == "RequiredError" && app.get_subcommands().empty();
+    return program + ": " +
+           (!unknown.empty() ? unknown
+            : none           ? "which command? summary, list and show look at the queue"
+                             : printable(error.what(), 4 * kShown)) +
+           "\n" + program + " --help tells more\n";
 }
 
 } // namespace
@@ -280,12 +362,13 @@ CommandLine readCommandLine(int argc, char** argv) {
     app.failure_message(
         [](const CLI::App* where, const CLI::Error& error) { return failureText(*where, error); });
     app.footer("retryq COMMAND --help tells more; retryq(8) tells all.");
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     addCommands(app, line);
     try {
         app.parse(withUsualOptions(argc, argv));
     } catch (const CLI::ParseError& error) {
         constexpr int kWrong = 1;
-        line.status = tellUnknownCommand(app) || app.exit(error) != 0 ? kWrong : 0;
+        line.status = app.exit(error) != 0 ? kWrong : 0;
         return line;
     }
     return line;

@@ -110,6 +110,10 @@ int deliver(const Context& context, const Delivery& delivery);
 // What each walker and worker does now, and who holds each lock.
 int who(const Context& context);
 
+// False, with the command's line on standard error, when this user has no right to change the
+// spool: whatever were tried would be left undone, or be done and then not noted.
+[[nodiscard]] bool mayChange(const Context& context, const char* command);
+
 // Reports that the spool cannot be opened (errno tells why); kTrouble.
 int cannotOpenSpool(const Context& context);
 

@@ -216,16 +216,17 @@ ListSender::Wanted wantedBy(const Filter& filter) {
 
 int deliver(const Context& context, const Delivery& delivery) {
     if (delivery.names.empty() && delivery.filter.empty()) {
-        std::cerr << "retryq: deliver needs a message, --domain, --recipient or --sender; retryq "
+        std::cerr << "retryq deliver: needs a message, --domain, --recipient or --sender; retryq "
                      "run --now tries all\n";
         return kTrouble;
     }
     std::vector<std::string> leaves;
-    if (!select(context, "deliver", delivery.names, delivery.filter, leaves)) {
+    if (!mayChange(context, "deliver") ||
+        !select(context, "deliver", delivery.names, delivery.filter, leaves)) {
         return kTrouble;
     }
     if (leaves.empty()) {
-        std::cerr << "retryq: no such message\n";
+        std::cerr << "retryq deliver: no message fits\n";
         return kTrouble;
     }
     // Who names a message does not want to be told that it waits.

@@ -14,12 +14,13 @@ constexpr std::time_t kUsualTime = 86400; // seconds, when nothing is said
 
 } // namespace
 
-bool beginOf(const History& history, std::time_t now, std::time_t& since) {
+bool beginOf(const char* command, const History& history, std::time_t now, std::time_t& since) {
     since = history.files.empty() ? now - kUsualTime : 0;
     if (history.since.empty() || readSince(history.since, now, since)) {
         return true;
     }
-    std::cerr << "retryq: --since takes 90, 15m, 2h, 3d or \"2026-11-21 14:05\"\n";
+    std::cerr << "retryq " << command
+              << ": --since takes 90, 15m, 2h, 3d or \"2026-11-21 14:05\"\n";
     return false;
 }
 

@@ -31,7 +31,8 @@ int metrics(const Context& context, const std::string& file, const History& hist
 
 // When the part that is asked for begins. False, with a word on standard error, when it makes no
 // sense.
-[[nodiscard]] bool beginOf(const History& history, std::time_t now, std::time_t& since);
+[[nodiscard]] bool beginOf(const char* command, const History& history, std::time_t now,
+                           std::time_t& since);
 
 // Tells every entry of the log that may be of that time or later. False, with a word on standard
 // error, when something cannot be read.

@@ -3,6 +3,9 @@
 #include "retryq/Json.h"
 #include "retryq/Table.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -177,9 +180,19 @@ int list(const Context& context, const Filter& filter, const ListView& view) {
     return kDone;
 }
 
+bool mayChange(const Context& context, const char* command) {
+    const std::string& directory = context.queue.directory();
+    if (::faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0 || errno != EACCES) {
+        return true;
+    }
+    std::cerr << "retryq " << command << ": no right to change " << directory
+              << ": be root, or of its group\n";
+    return false;
+}
+
 int cannotOpenSpool(const Context& context) {
     std::cerr << "retryq: cannot open " << context.queue.directory() << ": " << std::strerror(errno)
-              << '\n';
+              << (errno == EACCES ? ": be root, or of its group" : "") << '\n';
     return kTrouble;
 }
 

@@ -217,7 +217,7 @@ int metrics(const Context& context, const std::string& file, const History& hist
     if (replacement.open() && replacement.commit(text)) {
         return counted ? kDone : kTrouble;
     }
-    std::cerr << "retryq: cannot write " << file << ": " << std::strerror(errno) << '\n';
+    std::cerr << "retryq metrics: cannot write " << file << ": " << std::strerror(errno) << '\n';
     return kTrouble;
 }
 

@@ -100,6 +100,9 @@ void printAll(const Context& context, const Tally& tally, std::size_t top) {
     context.screen.out << "Recipients: " << total.delivered << " delivered, " << total.deferred
                        << " deferred, " << total.returned << " returned, " << total.dropped
                        << " dropped\n";
+    if (tally.lines() == 0) {
+        context.screen.out << "In this time the log has no line of retryer\n";
+    }
     if (total.delivered + total.failed() == 0) {
         return;
     }
@@ -160,7 +163,7 @@ bool writePicture(const std::string& file, const Tally& tally) {
 int report(const Context& context, const History& history) {
     Tally tally;
     std::time_t since = 0;
-    if (!beginOf(history, context.now, since) ||
+    if (!beginOf("report", history, context.now, since) ||
         !readHistory("report", history, context.now, since,
                      [&](const LogEntry& entry) { tally.add(entry, since); })) {
         return kTrouble;

@@ -8,6 +8,9 @@
 namespace Retryq {
 
 int run(const Context& context, const RunOptions& options) {
+    if (!mayChange(context, "run")) {
+        return kTrouble;
+    }
     if (options.now) {
         mailscanGlobals::retry_min_interval = 0;
     }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <set>
 
 namespace Retryq {
 
@@ -18,7 +19,8 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMostBytes = 65536;
 constexpr std::size_t kMostDropIns = 100;
-constexpr std::string_view kName = "retryer@.service";
+constexpr std::size_t kMostInstances = 20;
+constexpr std::string_view kPrefix = "retryer@";
 constexpr std::string_view kBlanks = " \t\r";
 
 std::string_view trimmed(std::string_view text) noexcept {
@@ -42,16 +44,28 @@ std::optional<std::string> contents(const std::string& path) {
     return text;
 }
 
-// By name; one of an earlier place stands for those of the same name in later ones.
-std::map<std::string, std::string> dropIns(const std::vector<std::string>& places) {
+std::string nameOf(const std::string& instance) {
+    return std::string(kPrefix) + instance + ".service";
+}
+
+// By name; one of an earlier place stands for those of the same name in later ones, and in one
+// place the instance's for the template's.
+std::map<std::string, std::string> dropIns(const std::string& instance,
+                                           const std::vector<std::string>& places) {
     std::map<std::string, std::string> found;
-    for (const std::string& place : places) {
+    const auto look = [&found](const std::string& directory) {
         std::error_code error;
-        for (fs::directory_iterator at(place + "/" + std::string(kName) + ".d", error), end;
+        for (fs::directory_iterator at(directory, error), end;
              !error && at != end && found.size() < kMostDropIns; at.increment(error)) {
             if (at->path().extension() == ".conf") {
                 found.emplace(at->path().filename(), at->path());
             }
+        }
+    };
+    for (const std::string& place : places) {
+        look(place + "/" + nameOf(instance) + ".d");
+        if (!instance.empty()) {
+            look(place + "/" + nameOf("") + ".d");
         }
     }
     return found;
@@ -66,22 +80,47 @@ const std::vector<std::string>& ServiceUnit::places() {
     return kPlaces;
 }
 
-std::optional<ServiceUnit> ServiceUnit::read(const std::vector<std::string>& places) {
+// An instance's own file goes before the template, wherever they stand.
+std::optional<ServiceUnit> ServiceUnit::read(const std::string& instance,
+                                             const std::vector<std::string>& places) {
     ServiceUnit unit;
-    for (const std::string& place : places) {
-        // The first place that has the unit hides it in all others.
-        unit.path_ = place + "/" + std::string(kName);
-        const auto text = contents(unit.path_);
-        if (!text) {
-            continue;
+    unit.instance_ = instance;
+    for (const std::string& name : {nameOf(instance), nameOf("")}) {
+        for (const std::string& place : places) {
+            // The first place that has the unit hides it in all others.
+            unit.path_ = place + "/" + name;
+            const auto text = contents(unit.path_);
+            if (!text) {
+                continue;
+            }
+            unit.take(*text);
+            for (const auto& [file, path] : dropIns(instance, places)) {
+                unit.take(contents(path).value_or(""));
+            }
+            return unit;
         }
-        unit.take(*text);
-        for (const auto& [name, path] : dropIns(places)) {
-            unit.take(contents(path).value_or(""));
-        }
-        return unit;
     }
     return std::nullopt;
+}
+
+std::vector<std::string> ServiceUnit::instances(const std::vector<std::string>& places) {
+    std::set<std::string> found{""};
+    const auto look = [&found](const std::string& directory) {
+        std::error_code error;
+        for (fs::directory_iterator at(directory, error), end;
+             !error && at != end && found.size() < kMostInstances; at.increment(error)) {
+            const std::string name = at->path().filename();
+            const std::size_t dot = name.find('.');
+            if (name.starts_with(kPrefix) && dot != std::string::npos) {
+                found.insert(name.substr(kPrefix.size(), dot - kPrefix.size()));
+            }
+        }
+    };
+    for (const std::string& place : places) {
+        look(place);
+        look(place + "/timers.target.wants");
+    }
+    return {found.begin(), found.end()};
 }
 
 void ServiceUnit::take(std::string_view text) {
@@ -102,6 +141,8 @@ void ServiceUnit::take(std::string_view text) {
 void ServiceUnit::takeSetting(std::string_view key, std::string_view value) {
     if (key == "User") {
         user_ = value;
+    } else if (key == "Group") {
+        group_ = value;
     } else if (key == "ProtectSystem") {
         strict_ = value == "strict";
         // As in systemd, an empty value forgets those before.
@@ -116,6 +157,11 @@ void ServiceUnit::takeSetting(std::string_view key, std::string_view value) {
             writable_.emplace_back(at < word.size() ? word.substr(at) : word);
         }
     }
+}
+
+std::string ServiceUnit::name() const {
+    const bool own = path_.ends_with("/" + nameOf(instance_));
+    return own ? path_ : path_ + " (" + nameOf(instance_) + ")";
 }
 
 bool ServiceUnit::mayWrite(const std::string& directory) const {

@@ -86,7 +86,7 @@ void print(const Context& context, const std::vector<Event>& events) {
 int story(const Context& context, const History& history, const std::string& about) {
     Picker picker(about);
     std::time_t since = 0;
-    if (!history.since.empty() && !beginOf(history, context.now, since)) {
+    if (!history.since.empty() && !beginOf("story", history, context.now, since)) {
         return kTrouble;
     }
     const bool read = readHistory("story", history, context.now, since, [&](const LogEntry& entry) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <unordered_map>
 
 namespace Retryq {
@@ -56,12 +57,15 @@ std::string groupOf(const Message& message, const EmailAddr& recipient, const st
 struct Totals {
     std::uint64_t messages = 0;
     std::uint64_t bytes = 0;
+    std::map<State, std::uint64_t> states;
+    std::uint64_t held = 0; // of any state: left alone by the next run as well
     Row all;
     std::unordered_map<std::string, Row> groups;
 
     void add(const Message& message, const Recipients& recipients, const std::string& by,
              std::time_t now) {
         ++messages;
+        ++(message.held ? held : states[message.state]);
         bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(message.size, 0));
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
             groups[groupOf(message, *r, by)].add(message.age(now));
@@ -107,6 +111,24 @@ std::string titleOf(const std::string& by) {
     return by == "code" ? "RESULT" : by == "sender" ? "SENDER" : "RECIPIENT DOMAIN";
 }
 
+// What a run that began now would do.
+void printNextRun(const Context& context, const Totals& totals) {
+    const auto of = [&](State state) {
+        const auto found = totals.states.find(state);
+        return found == totals.states.end() ? 0 : found->second;
+    };
+    const auto words = [](std::uint64_t messages, const char* what) {
+        return messages == 0 ? "" : ", " + std::to_string(messages) + what;
+    };
+    const std::string text = "The next run: " + std::to_string(of(State::Due)) + " tried" +
+                             words(of(State::Overdue), " returned") +
+                             words(of(State::Unreadable), " removed as unreadable") +
+                             words(of(State::Waiting), " not due") +
+                             words(of(State::OnHold), " on hold") +
+                             words(totals.held, " being tried now");
+    context.screen.out << wrapped(text, context.screen.width, 2) << '\n';
+}
+
 void printTable(const Context& context, const Totals& totals, const SummaryView& view) {
     std::vector<Table::Column> columns{
         {titleOf(view.by), 8, false, Table::Fit::Wrap}, {"OLDEST", 6, true}, {"RCPTS", 5, true}};
@@ -130,6 +152,7 @@ void printTable(const Context& context, const Totals& totals, const SummaryView&
                        << sizeText(static_cast<std::int64_t>(totals.bytes)) << " bytes, "
                        << totals.groups.size() << ' ' << view.by
                        << (totals.groups.size() == 1 ? "" : "s") << '\n';
+    printNextRun(context, totals);
 }
 
 Json rowJson(const Row& row) {
@@ -147,6 +170,10 @@ void writeAllJson(const Context& context, const Totals& totals, const SummaryVie
         writeJson(context.screen.out, object);
     }
     Json object{{"total", true}, {"messages", totals.messages}, {"bytes", totals.bytes}};
+    object["states"] = Json{{"held", totals.held}};
+    for (const auto& [state, messages] : totals.states) {
+        object["states"][stateName(state)] = messages;
+    }
     object.update(rowJson(totals.all));
     writeJson(context.screen.out, object);
 }

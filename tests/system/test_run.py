@@ -145,11 +145,11 @@ class Deliver(SystemTest):
         self.assertEqual(run.lines("y.test"), [])  # nor a word about them
         self.assertEqual(len(run.lines(" deferred ")), 1)
         before = self.world.spool()
-        self.assertIn("no such message", self.retryq("deliver", "q3", "--domain", "z.test", status=1).out)
+        self.assertIn("no message fits", self.retryq("deliver", "q3", "--domain", "z.test", status=1).out)
         self.assertEqual(self.world.spool(), before)
 
     @cases({"nothing": ([], "needs a message"), "no such": (["x"], "x is not in the queue"), "several": (["q"], "q may be q1, q2, q20"),
-            "one of them wrong": (["q1", "x"], "x is not in the queue"), "no message": (["--domain", "none.test"], "no such message")})
+            "one of them wrong": (["q1", "x"], "x is not in the queue"), "no message": (["--domain", "none.test"], "no message fits")})
     def test_tries_nothing_for(self, args, says):
         before = self.world.spool()
         self.assertIn(says, self.retryq("deliver", *args, status=1).out)

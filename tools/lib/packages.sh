@@ -29,17 +29,18 @@ fresh_lists() {
     apt-cache show exim4-daemon-light >/dev/null 2>&1 || as_root apt-get -qq update
 }
 
-# unpack_peer PACKAGE: unpacks it, with what it needs and the host lacks, into build/peers/PACKAGE.
-# Nothing is installed and no service starts.
+# unpack_peer PACKAGE [alone]: unpacks it, with what it needs and the host lacks, or alone, into
+# build/peers/PACKAGE. Nothing is installed and no service starts.
 unpack_peer() {
-    local target=$root/build/peers/$1 debs deb
+    local target=$root/build/peers/$1 debs deb how=(-d --no-install-recommends install)
+    [ "${2-}" != alone ] || how=(download)
     [ -e "$target" ] && return
     echo "Unpacking $1 into build/peers (it is not installed)"
     fresh_lists
     debs=$(mktemp -d)
     mkdir -p "$debs/archives/partial" "$root/build/peers"
-    apt-get -qq -y -d --no-install-recommends -o Debug::NoLocking=1 -o APT::Sandbox::User=root \
-        -o Dir::Cache::archives="$debs/archives" install "$1" >/dev/null ||
+    (cd "$debs/archives" && apt-get -qq -y -o Debug::NoLocking=1 -o APT::Sandbox::User=root \
+        -o Dir::Cache::archives="$debs/archives" "${how[@]}" "$1" >/dev/null) ||
         { echo "$1 could not be fetched" >&2; exit 1; }
     for deb in "$debs"/archives/*.deb; do dpkg -x "$deb" "$target.new"; done
     chmod -f u-s "$target.new"/usr/sbin/exim4 || : # only this one peer has it

@@ -123,22 +123,6 @@ bool exists(const std::string& path) {
     return ::access(path.c_str(), R_OK) == 0;
 }
 
-// "3d" and the like, in seconds; -1 for anything else.
-std::int64_t duration(std::string_view text) {
-    constexpr std::string_view kUnits = "smhd";
-    constexpr std::array<std::int64_t, 4> kSeconds{1, 60, 3600, 86400};
-    constexpr std::int64_t kMost = 1'000'000'000;
-    text.remove_prefix(text.starts_with('-') ? 1 : 0);
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
-    if (error != std::errc() || unit.size() > 1 || number < 0 || number > kMost) {
-        return -1;
-    }
-    const std::size_t at = unit.empty() ? 0 : kUnits.find(unit[0]);
-    return at == std::string_view::npos ? -1 : number * kSeconds.at(at);
-}
-
 } // namespace
 
 bool readLogFile(const std::string& path, const LineVisitor& visit) {
@@ -214,8 +198,23 @@ std::vector<std::string> usualLogFiles() {
     return files;
 }
 
+std::int64_t secondsOf(std::string_view text) {
+    constexpr std::string_view kUnits = "smhd";
+    constexpr std::array<std::int64_t, 4> kSeconds{1, 60, 3600, 86400};
+    constexpr std::int64_t kMost = 1'000'000'000;
+    text.remove_prefix(text.starts_with('-') ? 1 : 0);
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
+    if (error != std::errc() || unit.size() > 1 || number < 0 || number > kMost) {
+        return -1;
+    }
+    const std::size_t at = unit.empty() ? 0 : kUnits.find(unit[0]);
+    return at == std::string_view::npos ? -1 : number * kSeconds.at(at);
+}
+
 bool readSince(std::string_view text, std::time_t now, std::time_t& since) {
-    if (const std::int64_t seconds = duration(text); seconds >= 0) {
+    if (const std::int64_t seconds = secondsOf(text); seconds >= 0) {
         since = now - seconds;
         return true;
     }

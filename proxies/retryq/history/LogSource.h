@@ -27,6 +27,9 @@ bool readJournal(std::time_t since, const LineVisitor& visit);
 // first; those that there are.
 [[nodiscard]] std::vector<std::string> usualLogFiles();
 
+// "90", "15m", "-2h" or "3d" in seconds; -1 for anything else.
+[[nodiscard]] std::int64_t secondsOf(std::string_view text);
+
 // "90", "15m", "-2h", "3d" before `now`, or "2026-11-21 14:05" (local; the time of day may be left
 // out). False for anything else.
 bool readSince(std::string_view text, std::time_t now, std::time_t& since);
