@@ -212,46 +212,55 @@ ListSender::Wanted wantedBy(const Filter& filter) {
     return [&filter](const EmailAddr& recipient) { return filter.wants(recipient); };
 }
 
-} // namespace
-
-int deliver(const Context& context, const Delivery& delivery) {
+// False, with a word about it, when there is nothing to try.
+bool choose(const Context& context, const Delivery& delivery, std::vector<std::string>& leaves) {
     if (delivery.names.empty() && delivery.filter.empty()) {
         std::cerr << "retryq deliver: needs a message, --domain, --recipient or --sender; retryq "
                      "run --now tries all\n";
-        return kTrouble;
+        return false;
     }
-    std::vector<std::string> leaves;
     if (!mayChange(context, "deliver") ||
         !select(context, "deliver", delivery.names, delivery.filter, leaves)) {
-        return kTrouble;
+        return false;
     }
     if (leaves.empty()) {
         std::cerr << "retryq deliver: no message fits\n";
+    }
+    return !leaves.empty();
+}
+
+// The status of the run. While the dispatcher lives, the process's signals are its own.
+int tryEach(const Delivery& delivery, const std::vector<std::string>& leaves, Outcomes& outcomes,
+            bool& cutShort) {
+    using Dispatch::Tells;
+    Dispatch::Dispatcher dispatcher(
+        {.only = leaves,
+         .task = {.tells = delivery.trace ? Tells::Conversation : Tells::Outcomes,
+                  .wanted = wantedBy(delivery.filter)}});
+    dispatcher.setListener([&outcomes](const Dispatch::WorkerState& worker, const Report& report) {
+        outcomes.hear(worker, report);
+    });
+    RunState state;
+    dispatcher.setWatcher(
+        [&state](const Dispatch::Dispatcher& running) { state.publish(running); });
+    const int status = dispatcher.run();
+    cutShort = dispatcher.cutShort();
+    return status;
+}
+
+} // namespace
+
+int deliver(const Context& context, const Delivery& delivery) {
+    std::vector<std::string> leaves;
+    if (!choose(context, delivery, leaves)) {
         return kTrouble;
     }
     // Who names a message does not want to be told that it waits.
     mailscanGlobals::retry_min_interval = 0;
     becomeWalker(context);
     Outcomes outcomes(context, delivery.trace, leaves);
-    int status = kDone;
     bool cutShort = false;
-    {
-        // In a scope of its own: the signals are the process's again before the rest is told.
-        using Dispatch::Tells;
-        Dispatch::Dispatcher dispatcher(
-            {.only = leaves,
-             .task = {.tells = delivery.trace ? Tells::Conversation : Tells::Outcomes,
-                      .wanted = wantedBy(delivery.filter)}});
-        dispatcher.setListener(
-            [&outcomes](const Dispatch::WorkerState& worker, const Report& report) {
-                outcomes.hear(worker, report);
-            });
-        RunState state;
-        dispatcher.setWatcher(
-            [&state](const Dispatch::Dispatcher& running) { state.publish(running); });
-        status = dispatcher.run();
-        cutShort = dispatcher.cutShort();
-    }
+    const int status = tryEach(delivery, leaves, outcomes, cutShort);
     outcomes.tellRest();
     endWalk(context, cutShort);
     return status != kDone || outcomes.all() ? status : kTrouble;
