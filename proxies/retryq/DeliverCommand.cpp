@@ -116,6 +116,8 @@ private:
                    std::generic_category().message(report.value);
         case Step::NoGreeting:
             return "** " + addressText(report.server) + " did not greet";
+        case Step::NotSignedIn:
+            return "** " + addressText(report.server) + " did not let us sign in";
         default:
             return "** the connection was lost";
         }

@@ -13,8 +13,15 @@ namespace {
 class Prober final : public Sender {
 public:
     void logEvent(eventId, const char*, int) override {}
-    void tlsFailed(const std::string& why) override { trouble_ = "TLS: " + why; }
-    void signInFailed(const std::string& why) override { trouble_ = "sign-in: " + why; }
+    // Both come before the connection ends, and what is known of the server with it.
+    void tlsFailed(const std::string& why) override {
+        trouble_ = "TLS: " + why;
+        offers_ = offered().text();
+    }
+    void signInFailed(const std::string& why, bool /*relayRefuses*/) override {
+        trouble_ = "sign-in: " + why;
+        offers_ = offered().text();
+    }
 
     Probed ask(const std::string& address) {
         EmailAddr rcpt(address.c_str(), nullptr, IDS_NO_REASON);
@@ -22,7 +29,8 @@ public:
         const bool open = OpenTransport(code, &rcpt);
         Probed found;
         found.passes = open && SendHELO(&code);
-        found.offers = offered().text();
+        found.offers = open ? offered().text() : offers_;
+        found.user = found.passes ? user() : "";
         // Where TLS was tried in vain there is a word for it, but no protocol.
         found.tls = conversation.verified.empty() ? "" : conversation.tls;
         found.verified = conversation.verified;
@@ -49,6 +57,7 @@ private:
     }
 
     std::string trouble_;
+    std::string offers_; // of a server that was given up
 };
 
 } // namespace

@@ -1,5 +1,5 @@
 // Asks the servers of an address what they offer, and how far a message to it would come: greeting,
-// EHLO and TLS as the rule table asks for them. No mail is sent.
+// EHLO, TLS and signing in as the rule table asks for them. No mail is sent.
 #pragma once
 
 #include "retryq/Settings.h"
@@ -13,6 +13,7 @@ struct Probed {
     std::string offers;   // extensions, in the server's keywords
     std::string tls;      // protocol and cipher; empty in the clear
     std::string verified; // with TLS: "ca", "dane" or "no"
+    std::string user;     // as whom it let us sign in; empty when that was not asked
     std::string trouble;  // what was in the way; empty when nothing was
     bool passes = false;  // a message could be offered to the server
 };

@@ -107,8 +107,9 @@ Json toJson(const Route& route) {
 }
 
 Json toJson(const Probed& probed) {
-    return {{"server", probed.server},     {"offers", probed.offers},   {"tls", probed.tls},
-            {"verified", probed.verified}, {"trouble", probed.trouble}, {"passes", probed.passes}};
+    return {{"server", probed.server},     {"offers", probed.offers}, {"tls", probed.tls},
+            {"verified", probed.verified}, {"user", probed.user},     {"trouble", probed.trouble},
+            {"passes", probed.passes}};
 }
 
 void print(const Screen& screen, const Probed& probed) {
@@ -119,6 +120,9 @@ void print(const Screen& screen, const Probed& probed) {
     if (!probed.tls.empty()) {
         screen.out << "  TLS        " << printable(probed.tls, kShown)
                    << ", verified: " << probed.verified << '\n';
+    }
+    if (!probed.user.empty()) {
+        screen.out << "  signed in  as " << printable(probed.user, kShown) << '\n';
     }
     if (!probed.trouble.empty()) {
         screen.out << "  trouble    " << printable(probed.trouble, kShown) << '\n';

@@ -22,7 +22,7 @@ TLS = {name: (lines.split("; "), server, outcome(ends), log.split(), why)
        for name, lines, server, ends, log, *why in table("system/data/tls.txt")}
 DANE = {name: (lines.split("; "), links.split(), [] if records == "-" else records.split("; "), kind, outcome(ends), log.split(), why)
         for name, lines, links, records, kind, ends, log, *why in table("system/data/dane.txt")}
-SIGN_IN = {name: (file, relay, outcome(ends), log) for name, file, relay, ends, log in table("system/data/signin.txt")}
+SIGN_IN = {name: (file, relay, outcome(ends), log, *via) for name, file, relay, ends, log, *via in table("system/data/signin.txt")}
 USER, PASSWORD = "us", "p@ss w=rd"
 OFFER = "250-mx.test\r\n250-SIZE 5000\r\n250-8BITMIME\r\n250-SMTPUTF8\r\n250 ENHANCEDSTATUSCODES"
 # Rule-table lines, what the server answers to EHLO, the text, the recipient, what is said up to RCPT (by connection),
@@ -268,16 +268,17 @@ class Internet(SystemTest):
         return self.smtp(THERE, script, port=int(port), tls=tls(kind) if kind in NAMES else None)
 
     @cases(SIGN_IN)
-    def test_sign_in(self, file, does, ends, log):
+    def test_sign_in(self, file, does, ends, log, via="domain-relay * mx.test"):
         file = self.access_file(file)
-        self.table("relay-access " + file, harness.BACK, "domain-relay * mx.test")
+        self.table("relay-access " + file, harness.BACK, via)
         relay, returns = self.relay(does), self.smtp(SENDERS)
-        probed = self.objects("route", "u@secure.test", "--probe")[0]["probed"]
+        probed = self.objects("route", "u@nowhere.test", "--probe")[0]["probed"]
         self.assertEqual(probed["passes"], ends[0] == "delivered", probed)
-        self.world.queue("m", "<u@secure.test>")
+        self.assertEqual(probed["user"], USER if ends[0] == "delivered" and log else "")
+        self.world.queue("m", "<u@nowhere.test>")
         run = self.run_ok()
         self.assert_outcome("m", ends, returns)
-        self.world.queue("m", "<u@secure.test>")
+        self.world.queue("m", "<u@nowhere.test>")
         shown = self.retryq("deliver", "m", "--trace").out
         if ends[0] == "delivered":
             self.assertEqual([session.signed_in for session in relay.sessions], [log] * 3)
@@ -287,11 +288,13 @@ class Internet(SystemTest):
             self.assertIn("error=0 (", run.lines(" deferred ", " code=1001 ")[0])
             self.assertEqual({session.signed_in for session in relay.sessions} - {""},
                              {"SCRAM-SHA-256"} if "did not prove" in log else set())
-        if "offer it" in log or "mismatch" in log or "self" in log or "file" in log:
+        if any(words in log for words in ("offer it", "mismatch", "self-signed", "file", "others", "line 2")):
             self.assertFalse([1 for session in relay.sessions for line in session.commands if line[:4] == b"AUTH"])
-        everything = shown + probed["trouble"] + "".join(line.text for line in run.log)
-        for command in ("check", "route u@secure.test", "settings --json"):
-            everything += self.world.run(*command.split(), binary=world.RETRYQ).out
+        told = "".join(self.world.run(*words.split(), binary=world.RETRYQ).out
+                       for words in ("check", "route u@nowhere.test", "settings --json"))
+        self.assertIn("no relay is used, their mail waits" if re.search("file|others|line 2", log)
+                      else f"signs in as {USER} at mx.test:" if log else "mx.other, which is no relay here", told.replace("MX", "mx"))
+        everything = shown + probed["trouble"] + told + "".join(line.text for line in run.log)
         for secret in (PASSWORD, PASSWORD[:-1] + "x", "cEBzcyB3PXJ", base64.b64encode(f"\0{USER}\0{PASSWORD}".encode())[:-4].decode()):
             self.assertNotIn(secret, everything)
 
@@ -310,6 +313,30 @@ class Internet(SystemTest):
         self.assertEqual(sorted(sorted(mail.recipients) for mail in there.mails),
                          [["<a@secure.test>", "<d@secure.test>"], ["<b@also.test>"], ["<c@open.test>", "<e@open.test>"]])
         self.assertEqual(set(waiting), {0})
+
+    def test_a_connection_is_shared_by_those_who_sign_in_alike(self):
+        file = self.access_file(f"mx.test {USER} {PASSWORD}; {THERE}:2525 {USER} {PASSWORD}x")
+        self.table("relay-access " + file, f"domain-relay plain.test {THERE}", "domain-relay * mx.test")
+        relay, other = self.relay("587 good PLAIN accept"), self.relay("2525 good PLAIN accept")
+        self.world.queue("m", ["<a@one.test>", "<b@plain.test>", "<c@two.test>"])
+        self.run_ok()
+        self.assertEqual([sorted(mail.recipients) for mail in relay.mails], [["<a@one.test>", "<c@two.test>"]])
+        self.assertEqual(self.world.rmd("m").recipients, [("<b@plain.test>", 1001)])
+        self.assertEqual([len(server.sessions) for server in (relay, other)], [1, 1])
+
+    def test_a_refused_password_is_not_tried_with_every_message(self):
+        self.table("relay-access " + self.access_file(f"mx.test {USER} x"), "domain-relay * mx.test")
+        relay = self.relay("587 good PLAIN accept")
+        for number in range(40):
+            self.world.queue(f"m{number}", "<u@nowhere.test>")
+        self.run_ok()
+        self.assertEqual(len(relay.sessions), 1)
+        for leaf in [name for name in self.world.spool() if name.endswith(".rmd")]:
+            self.assertEqual(self.world.rmd(leaf[:-4]).recipients, [("<u@nowhere.test>", 1001)])
+            self.world.queue(leaf[:-4], "<u@nowhere.test>")
+        relay.sessions.clear()
+        self.retryq("run")
+        self.assertLessEqual(len(relay.sessions), 20)  # as many conversations as one server gets at once
 
     def test_a_shared_server_is_not_shared_below_a_domains_level(self):
         self.zone_of_two = self.server("220 self")

@@ -301,6 +301,7 @@ void Dispatcher::take(WorkerState& worker, const Report& report) {
         break;
     case Step::ConnectFailed:
     case Step::NoGreeting:
+    case Step::NotSignedIn:
         // The worker has put a server on its blacklist that others talk to.
         if (destinations_.failed(worker.talk, report.server, now_)) {
             pool_.release(worker);

@@ -70,6 +70,13 @@ public:
         }
     }
 
+    void signInFailed(const std::string& why, bool relayRefuses) override {
+        MailReSender::signInFailed(why, relayRefuses);
+        if (relayRefuses) {
+            report(Step::NotSignedIn, 0);
+        }
+    }
+
 private:
     static constexpr int kServiceCloses = 421; // RFC 5321, 3.8
 

@@ -31,7 +31,8 @@ enum class Step : std::uint8_t {
     Connected,     // a server greeted
     ConnectFailed, // value: error number
     NoGreeting,
-    Lost, // a recipient was left by a broken connection: its destination
+    NotSignedIn, // a relay that must be signed in to did not let us
+    Lost,        // a recipient was left by a broken connection: its destination
     // Only on request (Tells):
     Outcome, // of a recipient: value: code, text: the fields of RecipientOutcome
     Said,    // a line of the conversation, without its end: to the server

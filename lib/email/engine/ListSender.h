@@ -47,7 +47,7 @@ public:
 
     // Writes a "tls-failed" line about the recipient that a server is searched for.
     void tlsFailed(const std::string& why) override;
-    void signInFailed(const std::string& why) override;
+    void signInFailed(const std::string& why, bool relayRefuses) override;
 
     // Forgets the message: size, server, name and trace. The recipients stay.
     void clear() noexcept;

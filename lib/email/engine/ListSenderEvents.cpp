@@ -92,7 +92,7 @@ void ListSender::tlsFailed(const std::string& why) {
     tellOfServer(LogLine::TlsFailed, why);
 }
 
-void ListSender::signInFailed(const std::string& why) {
+void ListSender::signInFailed(const std::string& why, bool /*relayRefuses*/) {
     tellOfServer(LogLine::SignInFailed, why);
 }
 

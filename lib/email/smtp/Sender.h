@@ -70,8 +70,9 @@ public:
 
     // Why a server did not get the TLS that it should have got, or what it tried meanwhile.
     virtual void tlsFailed(const std::string& /*why*/) {}
-    // Why mail cannot go through a relay that must be signed in to. No secret is in it.
-    virtual void signInFailed(const std::string& /*why*/) {}
+    // Why mail cannot go through a relay that must be signed in to; no secret is in it. With
+    // `relayRefuses` it is serverAddress, which is on the blacklist then.
+    virtual void signInFailed(const std::string& /*why*/, bool /*relayRefuses*/) {}
 
     // True when no further command may be started: the alarm has fired or the deadline has passed.
     [[nodiscard]] bool CommandTimeOut() const noexcept;
@@ -139,6 +140,10 @@ protected:
     // What the server offered, once EHLO was said to it.
     [[nodiscard]] const Email::ServerExtensions& offered() const noexcept {
         return session_.offered;
+    }
+    // As whom we are signed in, or were to be; empty for nobody.
+    [[nodiscard]] std::string_view user() const noexcept {
+        return access_ == nullptr ? std::string_view() : access_->user;
     }
     // Each line of the conversation as it stands on the wire, a command's with its end; of a body
     // nothing but its closing dot, and asterisks for what is secret.

@@ -55,7 +55,7 @@ bool Sender::mayUseRelays() {
     }
     const std::string why = "relay-access " + trouble;
     accessFailed_ = true;
-    signInFailed(why);
+    signInFailed(why, false);
     conversation.noneFound("relay-access");
     conversation.error = Email::errorText(0, why);
     return false;
@@ -63,8 +63,8 @@ bool Sender::mayUseRelays() {
 
 bool Sender::failSignIn(const std::string& why) {
     accessFailed_ = true;
-    signInFailed(why);
     HostList::BlackL.Add(serverAddress);
+    signInFailed(why, true);
     CloseTransport();
     conversation.error = Email::errorText(0, why);
     return false;
