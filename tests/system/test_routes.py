@@ -22,6 +22,21 @@ ZONE = {
 # Name: rule-table lines, recipient, outcome, the server reached, if any.
 ROUTES = {name: (lines.split("; "), rcpt, outcome(ends), reached)
           for name, lines, rcpt, ends, *reached in table("system/data/routes.txt")}
+# What route tells of each server, by step: tried (+) or why not, in the last word about it.
+TOLD = {
+    ("u@noname.test", ""): "exchangers -missing.test:resolve +127.0.0.3",
+    ("u@better.test", ""): f"exchangers +127.0.0.3 -{HOST}:it -one.test:it",
+    ("u@here.test", ""): f"exchangers -{HOST}:it -one.test:it own-address +127.0.0.3",
+    ("u@order.test", "max-addr-to-try 1"): "exchangers +127.0.0.2 -127.0.0.3:before",
+    ("u@better.test", "dns-rules rfc"): f"exchangers -127.0.0.3:other -{HOST}:it -one.test:it",
+    ("u@two.test", "dns-rules rfc"): "own-address -127.0.0.3:other",
+    ("u@[127.0.0.3]", "domain-relay * one.test"): "literal +127.0.0.3",
+    ("u@plain.test", "domain-relay *.test 127.0.0.1; domain-relay plain.test two.test; domain-relay * one.test"):
+        "domain-relay -127.0.0.1:(/etc/hosts) domain-relay +127.0.0.3",
+    ("u@plain.test", "max-addr-to-try 1; domain-relay * missing.test two.test one.test"):
+        "domain-relay -missing.test:resolve +127.0.0.3 -one.test:before",
+    ("u@plain.test", "use-dns no; fallback-relay * one.test; domain-relay x.test two.test"): "exchangers fallback-relay +127.0.0.2",
+}
 
 
 class Routes(SystemTest):
@@ -40,6 +55,16 @@ class Routes(SystemTest):
         self.run_ok()
         self.assertEqual([session.address for server in there for session in server.sessions], reached)
         self.assert_outcome("m", ends, returns)
+
+    def test_route_tells_of_each_server(self):
+        for (rcpt, lines), told in TOLD.items():
+            with self.subTest(rcpt + " " + lines):
+                self.world.table(*filter(None, lines.split("; ")))
+                route, = self.objects("route", rcpt)
+                words = [word for step in route["steps"] for word in (step["by"], *(
+                    f"-{server['address'] or server['name']}:{server['left_out'].split()[-1]}" if "left_out" in server
+                    else "+" + server["address"] for server in step["servers"]))]
+                self.assertEqual(" ".join(words), told)
 
     def test_a_failing_server_is_asked_once_a_run(self):
         self.world.table(BACK, f"domain-relay * {ONE} {TWO}")

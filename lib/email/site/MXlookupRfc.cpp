@@ -100,6 +100,7 @@ std::vector<Exchanger> MXlookup::order(std::vector<Exchanger>& exchangers) const
                    return left.name == one.name && left.preference == one.preference;
                });
     });
+    std::ranges::stable_sort(gone, {}, &Exchanger::preference);
     return gone;
 }
 
