@@ -245,7 +245,7 @@ class Daemon(Peer):
         before = self.account.seconds()
         begin = time.monotonic()
         self.go()
-        while sink.peek()[counted] < messages and time.monotonic() < begin + 300:
+        while sink.peek()[counted] < messages:
             time.sleep(0.002)
         wall = time.monotonic() - begin
         time.sleep(0.1)  # for what follows the last reply
@@ -253,11 +253,9 @@ class Daemon(Peer):
         self.stop()
         return {"wall": wall, "cpu": cpu, "rss": peak, "status": 0}
 
-    def wait_for(self, done, seconds=300):
-        limit = time.monotonic() + seconds
+    @staticmethod
+    def wait_for(done):
         while not done():
-            if time.monotonic() > limit:
-                raise RuntimeError(f"{self.name}: this takes too long")
             time.sleep(0.1)
 
 

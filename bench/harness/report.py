@@ -133,7 +133,7 @@ class Targets:
             self.quotient(f"{key} wall time to the floor's", (key, "retryer"), (key, "floor"), "wall", "<= 2")
         self.ahead("W5a", "retryer", 1, "wall", EVERYONE)
         self.growth("W5a", "W5b")
-        self.quotient("W12 wall time a message to that of W5a", ("W12", "retryer"), ("W5a", "retryer"), "wall", "<= 1.2")
+        self.quotient("W12a wall time a message to that of W5a", ("W12a", "retryer"), ("W5a", "retryer"), "wall", "<= 1.2")
         if self.has("W6", "retryer", "floor"):
             more = self.per_unit("W6", "retryer", "wall") - self.per_unit("W6", "floor", "wall")
             self.add("W6 ms over an empty program", more * 1e3, "<= 3")

@@ -57,8 +57,8 @@ def seed(directory, body, recipient_lists, age=86400):
     fill(directory, body, recipient_lists, age)
 
 
-def fill(directory, body, recipient_lists, age=86400):
+def fill(directory, body, recipient_lists, age=86400, name="m"):
     for i, recipients in enumerate(recipient_lists):
-        path = f"{directory}/m{i * 7919 % 1000003:06}"
+        path = f"{directory}/{name}{i * 7919 % 1000003:06}"
         write(path, body)
         write(path + ".rmd", recipient_file(recipients, age))

@@ -1,8 +1,10 @@
 """The workloads and the order in which they are run."""
+import contextlib
 import dataclasses
 import json
 import os
 import re
+import signal
 import subprocess
 import sys
 import threading
@@ -23,7 +25,7 @@ w5a,w5b,w12: smtp-min-deferral 300000
 w12: deferred-directory /var/spool/fresh/w12/
 w12: directory /var/spool/fresh/w12-outgoing/
 w7: domain-relay dead.bench.test {space.DEAD}
-w1,w7,w9: domain-relay * {space.SERVER}
+w1,w7,w9,w12: domain-relay * {space.SERVER}
 """
 
 
@@ -122,12 +124,11 @@ class Maker:
                             *self.of_peers(1, body)], 1)
 
     def recipients(self):
-        domains = space.DOMAINS
-        for key, count in (("W3a", 1000), ("W3b", 10000)):
+        for key, count in (("W3a", 1000), ("W3b", 10000), ("W3c", 100000)):
             count = max(2, int(count * self.options.scale))
             yield Workload(key, f"one message, {count} recipients, one server", count,
                            self.pair("w1", self.small, [sum(people(count), [])]), 1)
-        for key, count in (("W4a", 1000), ("W4b", 10000)):
+        for key, count, domains in (("W4a", 1000, 100), ("W4b", 10000, 100), ("W4c", 100000, space.HOSTS)):
             count = max(domains, int(count * self.options.scale))
             lists = [[f"r{i}@d{i % domains}.bench.test" for i in range(count)]]
             yield Workload(key, f"one message, {count} recipients, {domains} domains", count,
@@ -152,9 +153,9 @@ class Maker:
                         Subject("retryer", self.walker("w6"), against="floor")], repeat=20)
 
     def million(self):
-        """From memory, and with nothing of the spool in memory."""
-        count, where = self.scaled(1000000), "/var/spool/fresh/w12/"
-        if not wanted(self.options, "W12"):
+        """From memory, with nothing of the spool in memory, and with some that are due."""
+        count, few, where = self.scaled(1000000), self.scaled(1000), "/var/spool/fresh/w12/"
+        if not (self.options.million or "W12" in self.options.only.upper()):
             return
         disc = space.FreshDisc(self.options.work, "/var/spool/fresh", 2 * count)
         for directory in (where, "/var/spool/fresh/w12-outgoing"):
@@ -162,19 +163,21 @@ class Maker:
             os.chmod(directory, 0o2770)
         spool.fill(where, spool.text(200), people(count))
         disc.forget()
-        scan, walker = self.floor("scan", where), self.walker("w12")
-        retryq = str(self.options.retryer.parent.parent / "retryq/retryq")
+        scan, retryq = self.floor("scan", where), str(self.options.retryer.parent.parent / "retryq/retryq")
 
-        def ready():
-            space.run(*scan)
+        def subjects(ready, rounds):
+            yield Subject("floor", scan, ready, rounds=rounds)
+            yield Subject("retryer", self.walker("w12"), ready, against="floor", rounds=rounds)
+            for word in ("list", "summary", "check"):   # which may find something to say about this host
+                yield Subject(f"retryq {word}", ["/bin/sh", "-c", f"{retryq} -as w12 {word} >/dev/null || :"], ready, rounds=rounds)
 
-        def subjects(name, argv, against=""):
-            yield Subject(name, argv, ready, against=against, rounds=SLOW_ROUNDS)
-            yield Subject(name + ", cold", argv, disc.forget, against=against and against + ", cold", rounds=1)
-        of_retryq = [subjects(f"retryq {word}", ["/bin/sh", "-c", f"exec {retryq} -as w12 {word} >/dev/null"])
-                     for word in ("list", "summary", "check")]
-        pairs = [subjects("floor", scan), subjects("retryer", walker, "floor"), *of_retryq]
-        yield Workload("W12", f"{count} small messages, none due", count, [s for pair in pairs for s in pair])
+        def add_due():
+            spool.fill(where, spool.text(200), people(few, "due"), 4 * 86400, "due")
+        title = f"{count} small messages"
+        yield Workload("W12a", f"{title}, none due", count, list(subjects(lambda: space.run(*scan), SLOW_ROUNDS)))
+        run = Subject("retryq run", [retryq, "--as", "w12", "run"], add_due, rounds=SLOW_ROUNDS)
+        yield Workload("W12b", f"{title}, and {few} that are due", few, [run], few)
+        yield Workload("W12c", f"{title}, none due, cold", count, list(subjects(disc.forget, 1)))
 
     def idle_peers(self, count):
         return [Subject(p.name, p.idle_argv, lambda p=p: p.seed_idle(count, self.small), 1, p, "floor",
@@ -209,7 +212,7 @@ class Maker:
                 subjects[-1].rounds = 1
             for peer in peers.chosen(self.options):
                 if peer.name in ("postfix", "dma", "opensmtpd", "exim", "sendmail"):
-                    count = self.scaled(100) if peer.name in ("exim", "sendmail") else n
+                    count = self.scaled(100 if delay < 100 else 30) if peer.name in ("exim", "sendmail") else n
                     subjects.append(self.domains_peer(peer, some[:count]))
             yield Workload(key, f"{n} due messages, 20 servers, each reply after {delay} ms", n, subjects, -1,
                            delay * 1000, memory=True)
@@ -258,9 +261,32 @@ def wanted(options, key):
     return not chosen or any(re.match(re.escape(c) + r"(?!\d)", key.upper()) for c in chosen)
 
 
+class TooLong(RuntimeError):
+    """A peer is not waited for any longer."""
+
+
+@contextlib.contextmanager
+def within(seconds, text):
+    def over(*_):
+        raise TooLong(text.format(seconds))
+    before = signal.signal(signal.SIGALRM, over)
+    signal.alarm(seconds)
+    try:
+        yield
+    finally:
+        signal.alarm(0)
+        signal.signal(signal.SIGALRM, before)
+
+
 def run_once(options, subject, workload, sink):
     """Seeds, runs, and checks that the work was done; the figures of the run."""
-    options.disc.prepare(subject.seed)
+    with within(3 * options.cap, "its queue was not filled after {} s"):
+        options.disc.prepare(subject.seed)
+    with within(options.cap if subject.peer else 3600, "> {} s"):
+        return run_seeded(options, subject, workload, sink)
+
+
+def run_seeded(options, subject, workload, sink):
     sink.reset(workload.delay_us)
     refused, begun = space.connections("AttemptFails"), space.connections("ActiveOpens")
     if subject.peer and subject.peer.daemon:
@@ -315,9 +341,11 @@ def memory_of(options, subject, workload, sink):
     try:
         run_once(options, subject, workload, sink)
     except (OSError, RuntimeError, subprocess.SubprocessError):
+        sink.ended()
         account.clear()
-    over.set()
-    watcher.join()
+    finally:
+        over.set()
+        watcher.join()
     return max(sizes)
 
 
@@ -358,8 +386,9 @@ def attempt(options, subject, workload, sink):
     try:
         tries = [run_once(options, subject, workload, sink) for _ in range(workload.repeat)]
     except (OSError, RuntimeError, subprocess.SubprocessError) as error:
-        print(f"  {subject.name}: {error}", file=sys.stderr, flush=True)
-        workload.left_out[subject.name] = str(error)
+        text = str(error) + sink.ended()
+        print(f"  {subject.name}: {text}", file=sys.stderr, flush=True)
+        workload.left_out[subject.name] = text
         peers.Peer.account.clear()
         return None
     print(f"  {subject.name}: {time.monotonic() - begin:.1f} s", file=sys.stderr, flush=True)

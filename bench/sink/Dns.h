@@ -10,10 +10,10 @@
 #include <string>
 #include <string_view>
 
-inline constexpr std::uint32_t kLateSubnet = 1U << 8; // servers that greet late
-inline constexpr std::uint32_t kCutSubnet = 2U << 8;  // that close after DATA
-inline constexpr std::uint32_t kDeadSubnet = 3U << 8; // that answer no connection
-inline constexpr unsigned kSickHosts = 20;            // of each kind
+inline constexpr std::uint32_t kLateSubnet = 16U << 8; // servers that greet late
+inline constexpr std::uint32_t kCutSubnet = 17U << 8;  // that close after DATA
+inline constexpr std::uint32_t kDeadSubnet = 18U << 8; // that answer no connection
+inline constexpr unsigned kSickHosts = 20;             // of each kind
 
 class Dns {
 public:

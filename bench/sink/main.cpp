@@ -347,5 +347,9 @@ int main(int argc, char** argv) {
                      argv[0]);
         return 2;
     }
+    rlimit most{}; // there are peers that open a connection for each of thousands of messages
+    getrlimit(RLIMIT_NOFILE, &most);
+    most.rlim_cur = most.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &most);
     Sink(ntohl(first.s_addr), static_cast<unsigned>(std::atoi(argv[2])), argv[3], argv[4]).run();
 }
