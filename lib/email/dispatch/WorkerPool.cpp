@@ -1,11 +1,16 @@
 #include "email/dispatch/WorkerPool.h"
 
+#include "email/site/TlsPolicy.h"
+#include "email/site/mailscanGlobals.h"
+#include "email/smtp/TlsModule.h"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -27,6 +32,16 @@ pid_t forkPatiently(bool first) {
         pid = ::fork();
     }
     return pid;
+}
+
+// What workers share is read once: the system's store of authorities takes each of them longer than
+// many conversations, and most of its memory. A trouble is told where a server first offers TLS.
+void readAuthorities() {
+    std::string trouble;
+    if (Email::tlsPolicy().wanted()) {
+        static_cast<void>(Email::tlsContext(mailscanGlobals::tlsAuthorities,
+                                            mailscanGlobals::tlsCertificate, trouble));
+    }
 }
 
 } // namespace
@@ -56,6 +71,7 @@ WorkerState* WorkerPool::find() {
 WorkerState* WorkerPool::start() {
     std::pair<WorkerChannel, WorkerChannel> ends = WorkerChannel::pair();
     WorkerChannel& ours = ends.first;
+    readAuthorities();
     const pid_t pid = ours.open() ? forkPatiently(workers_.empty()) : -1;
     if (pid == 0) {
         ours.close();
