@@ -64,7 +64,7 @@ class Targets:
         self.of = {w.key: (w, runs) for w, runs, _ in results}
         self.lines = []
         for part in (self.one_server, self.large, self.many_recipients, self.idle, self.troubled,
-                     self.distant, self.sick_day, self.memory):
+                     self.distant, self.sick_day, self.secured, self.memory):
             part()
 
     def add(self, what, figure, limit, digits=2):
@@ -163,6 +163,12 @@ class Targets:
                 self.quotient(f"{key} processor time to that of {other}", (key, "retryq run"), (key, other), "cpu", "< 1")
             if self.has(key, "postfix") and mine["postfix"][0].get("pss"):
                 self.add(f"{key} memory of all processes to postfix's", run[0]["pss"] / mine["postfix"][0]["pss"], "<= 0.25")
+
+    def secured(self):
+        one = "postfix, one at a time"
+        self.quotient(f"W1t wall time to that of {one}", ("W1t", "retryer, TLS"), ("W1t", one), "wall", "<= 1.1")
+        self.quotient("W10t wall time to that of postfix", ("W10t", "retryq run, TLS"), ("W10t", "postfix"), "wall", "<= 1.1")
+        self.quotient("W10t processor time to that of postfix", ("W10t", "retryq run, TLS"), ("W10t", "postfix"), "cpu", "< 1")
 
     def sick_day(self):
         self.quotient("W11 wall time to that of the healthy mail alone", ("W11", "retryq run"),

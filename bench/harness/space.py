@@ -154,10 +154,15 @@ class Sink:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind("/run/bench-asker")
         self.socket.settimeout(30)
+        self.certificate = "/run/bench-certificate"
+        run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "9",
+            "-subj", "/CN=sink.bench.test", "-keyout", self.certificate, "-out", "/run/bench-public", stderr=subprocess.DEVNULL)
+        with open(self.certificate, "a") as file:
+            file.write(Path("/run/bench-public").read_text())
         self.start()
 
     def start(self):
-        self.process = subprocess.Popen([self.program, SERVER, str(HOSTS), CONTROL, "/dev/log"])
+        self.process = subprocess.Popen([self.program, SERVER, str(HOSTS), CONTROL, "/dev/log", self.certificate])
         while not os.path.exists("/dev/log"):
             time.sleep(0.01)
         os.chmod("/dev/log", 0o666)
@@ -171,9 +176,10 @@ class Sink:
         self.start()
         return f"; the sink had ended with status {status}"
 
-    def reset(self, delay_us=0):
-        """Sets the delay before each reply; returns what was counted since the last call."""
-        self.socket.sendto(str(delay_us).encode(), CONTROL)
+    def reset(self, delay_us=0, tls=False):
+        """Sets the delay before each reply, and whether TLS is offered; returns what was counted since
+        the last call."""
+        self.socket.sendto(f"{delay_us}{' tls' * tls}".encode(), CONTROL)
         return json.loads(self.socket.recv(1024))
 
     def peek(self):

@@ -17,7 +17,9 @@ from . import peers, space, spool
 DEFERRED = "/var/spool/deferred/"
 MEGABYTE = 1000 * 1000
 SLOW_ROUNDS = 3     # of what takes many seconds a run
-RULES = f"""w1,w4,w7,w9: deferred-directory {DEFERRED}
+RULES = f"""w1,w1e,w1t,w4,w4e,w4t,w7,w9: deferred-directory {DEFERRED}
+w1e,w1t,w4e,w4t: smtp-extensions yes
+w1t,w4t: smtp-tls may
 w5a: deferred-directory /var/spool/w5a/
 w5b: deferred-directory /var/spool/w5b/
 w6: deferred-directory /var/spool/w6/
@@ -25,7 +27,7 @@ w5a,w5b,w12: smtp-min-deferral 300000
 w12: deferred-directory /var/spool/fresh/w12/
 w12: directory /var/spool/fresh/w12-outgoing/
 w7: domain-relay dead.bench.test {space.DEAD}
-w1,w7,w9,w12: domain-relay * {space.SERVER}
+w1,w1e,w1t,w7,w9,w12: domain-relay * {space.SERVER}
 """
 
 
@@ -53,6 +55,7 @@ class Workload:
     delay_us: int = 0
     repeat: int = 1         # runs in each round; their least counts
     counted: str = "messages"   # what of the sink's counts tells that the work is done
+    tls: bool = False       # the servers offer STARTTLS
     memory: bool = False    # measure what all processes take, in a run of its own
     left_out: dict = dataclasses.field(default_factory=dict)    # subjects that failed, and how
 
@@ -85,6 +88,7 @@ class Maker:
         yield from self.million()
         yield from self.distant()
         yield from self.sick_day()
+        yield from self.secured()
 
     def floor(self, name, *args):
         return [str(self.options.build / f"bench/floors/floor_{name}"), *map(str, args)]
@@ -239,6 +243,20 @@ class Maker:
         yield Workload("W11", f"{len(mails)} due messages, 200 domains, 44 of them sick", len(well), subjects, len(well),
                        25000, counted="healthy")
 
+    def secured(self):
+        """Servers that offer TLS, and who takes it; beside that, who asks with EHLO and who with HELO."""
+        n, near, far = self.n, people(self.n), [f"r{i}@d{i % 20}.bench.test" for i in range(self.scaled(2000))]
+        ways = (("HELO", ""), ("EHLO", "e"), ("TLS", "t"))
+        postfixes = [p for p in peers.chosen(self.options) if p.name.startswith("postfix")]
+        yield Workload("W1t", f"{n} due messages of 4 KB, one server, with TLS", n,
+                       [self.retryer("w1" + service, self.small, near, f"retryer, {word}", against="") for word, service in ways]
+                       + [Subject(p.name, p.argv, lambda p=p: p.with_tls().seed(n, self.small), 1, p, rounds=p.rounds)
+                          for p in postfixes], n, tls=True)
+        yield Workload("W10t", f"{len(far)} due messages, 20 servers with TLS, each reply after 25 ms", len(far),
+                       [self.run("w4" + service, far, f"retryq run, {word}") for word, service in ways]
+                       + [self.domains_peer(p.with_tls(), far) for p in postfixes if p.name == "postfix"],
+                       -1, 25000, memory=True, tls=True)
+
     def slow_servers(self):
         """As many messages for each number of walkers as take some seconds."""
         for walkers, count in ((1, 50), (2, 100), (8, 400), (32, 1600)):
@@ -287,7 +305,7 @@ def run_once(options, subject, workload, sink):
 
 
 def run_seeded(options, subject, workload, sink):
-    sink.reset(workload.delay_us)
+    sink.reset(workload.delay_us, workload.tls)
     refused, begun = space.connections("AttemptFails"), space.connections("ActiveOpens")
     if subject.peer and subject.peer.daemon:
         figures = subject.peer.run(sink, workload.expected(subject), workload.counted)
@@ -352,7 +370,7 @@ def memory_of(options, subject, workload, sink):
 def count_calls(options, subject, workload, sink):
     """System calls by name, from a run under strace; nothing when that takes too long."""
     options.disc.prepare(subject.seed)
-    sink.reset(workload.delay_us)
+    sink.reset(workload.delay_us, workload.tls)
     output = Path("/run/bench-strace")
     try:
         subprocess.run(["strace", "-f", "-c", "-o", str(output), *subject.argv], check=False, timeout=120,

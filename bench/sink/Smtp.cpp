@@ -67,7 +67,13 @@ bool Smtp::takeCommand(std::string& out, Counters& counters) {
 void Smtp::answer(std::string_view line, std::string& out, Counters& counters) {
     switch (verb(line)) {
     case verb("EHLO"):
-        out += "250-sink.bench.test\r\n250-PIPELINING\r\n250-SIZE\r\n250 8BITMIME\r\n";
+        out += "250-sink.bench.test\r\n250-PIPELINING\r\n250-SIZE\r\n";
+        out += offersTls_ ? "250-STARTTLS\r\n" : "";
+        out += "250 8BITMIME\r\n";
+        return;
+    case verb("STAR"):
+        wantsTls_ = offersTls_;
+        out += offersTls_ ? "220 go on\r\n" : "502 not here\r\n";
         return;
     case verb("RCPT"): {
         const bool bad = line.find("<bad") != std::string_view::npos;

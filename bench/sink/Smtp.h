@@ -27,6 +27,12 @@ public:
     // "bad" are refused for good.
     void take(std::string_view bytes, std::string& out, Counters& counters);
 
+    // Offers STARTTLS from now on.
+    void offerTls() noexcept { offersTls_ = true; }
+    // True when the client said STARTTLS: once `out` is sent, beginTls() starts anew within TLS.
+    [[nodiscard]] bool wantsTls() const noexcept { return wantsTls_; }
+    void beginTls() { *this = Smtp(); }
+
     // True when the client said QUIT: the connection closes once `out` is sent.
     [[nodiscard]] bool finished() const noexcept { return finished_; }
 
@@ -41,4 +47,6 @@ private:
     std::string pending_; // unread commands, or the end of the body so far
     bool body_ = false;
     bool finished_ = false;
+    bool offersTls_ = false;
+    bool wantsTls_ = false;
 };

@@ -1,11 +1,13 @@
-// bench_sink <first address> <count> <control socket> <log socket>
+// bench_sink <first address> <count> <control socket> <log socket> [<certificate and key>]
 //
 // One process, one epoll loop: SMTP servers on port 25 of `count` addresses, the name server of
 // their zone on 127.0.0.1, and the collector of the system log. A datagram "<microseconds>" to the
-// control socket sets the delay before each reply to a command, sets the counters to zero and is
-// answered with what they were, as JSON; "?" only asks.
+// control socket sets the delay before each reply to a command, and with " tls" behind it has the
+// servers offer STARTTLS; it sets the counters to zero and is answered with what they were, as
+// JSON; "?" only asks.
 #include "Dns.h"
 #include "Smtp.h"
+#include "Tls.h"
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
@@ -17,6 +19,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,6 +48,7 @@ struct Connection {
     std::string out;
     Server* server;
     bool waiting = false; // a delayed reply is on its way
+    std::unique_ptr<TlsSession> tls{};
 };
 
 [[noreturn]] void fail(const char* what) {
@@ -90,8 +94,9 @@ double processorSeconds() {
 
 class Sink {
 public:
-    Sink(std::uint32_t first, unsigned count, const char* control, const char* log)
-        : dns_(first, count), dnsFd_(boundInet(SOCK_DGRAM, INADDR_LOOPBACK, 53)),
+    Sink(std::uint32_t first, unsigned count, const char* control, const char* log,
+         const char* certificate)
+        : tls_(certificate), dns_(first, count), dnsFd_(boundInet(SOCK_DGRAM, INADDR_LOOPBACK, 53)),
           controlFd_(boundUnix(control)), logFd_(boundUnix(log)) {
         for (unsigned i = 0; i < count; ++i) {
             serveAt(first + i, Health::Well);
@@ -192,6 +197,11 @@ private:
                 connections_.resize(at + 1);
             }
             connections_[at] = std::make_shared<Connection>(Connection{fd, {}, {}, &server});
+            if (offerTls_) { // whose records must not wait for each other's acknowledgement
+                const int on = 1;
+                setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+                connections_[at]->smtp.offerTls();
+            }
             ++counters_.connections;
             counters_.atOnce = std::max(counters_.atOnce, ++open_);
             counters_.atServer = std::max(counters_.atServer, ++server.open);
@@ -210,8 +220,16 @@ private:
         }
     }
 
-    void receive(const std::shared_ptr<Connection>& connection) {
-        const ssize_t got = recv(connection->fd, block_.data(), block_.size(), 0);
+    void receive(const std::shared_ptr<Connection>& from) {
+        const std::shared_ptr<Connection> connection = from; // it may be closed on the way
+        do {
+            receiveSome(connection);
+        } while (connection->fd >= 0 && connection->tls && connection->tls->pending());
+    }
+
+    void receiveSome(const std::shared_ptr<Connection>& connection) {
+        const ssize_t got = connection->tls ? connection->tls->receive(block_.data(), block_.size())
+                                            : recv(connection->fd, block_.data(), block_.size(), 0);
         if (got <= 0) {
             if (got == 0 || errno != EAGAIN) {
                 close(*connection);
@@ -250,8 +268,16 @@ private:
         if (connection.fd < 0) {
             return;
         }
-        send(connection.fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
+        if (connection.tls) {
+            connection.tls->send(connection.out);
+        } else {
+            send(connection.fd, connection.out.data(), connection.out.size(), MSG_NOSIGNAL);
+        }
         connection.out.clear();
+        if (connection.smtp.wantsTls()) {
+            connection.smtp.beginTls();
+            connection.tls = tls_.begin(connection.fd);
+        }
         if (connection.smtp.finished()) {
             close(connection);
         }
@@ -310,6 +336,7 @@ private:
             cpu - cpuAtReset_);
         if (order[0] != '?') {
             delay_ = std::chrono::microseconds(std::atol(order));
+            offerTls_ = tls_.offered() && std::strstr(order, "tls") != nullptr;
             cpuAtReset_ = cpu;
             counters_ = {};
         }
@@ -322,6 +349,8 @@ private:
         }
     }
 
+    TlsServer tls_;
+    bool offerTls_ = false;
     Dns dns_;
     int epoll_ = epoll_create1(EPOLL_CLOEXEC);
     int dnsFd_;
@@ -342,14 +371,18 @@ private:
 
 int main(int argc, char** argv) {
     in_addr first{};
-    if (argc != 5 || inet_aton(argv[1], &first) == 0) {
-        std::fprintf(stderr, "usage: %s <address> <count> <control socket> <log socket>\n",
+    if (argc < 5 || inet_aton(argv[1], &first) == 0) {
+        std::fprintf(stderr,
+                     "usage: %s <address> <count> <control socket> <log socket> [<certificate>]\n",
                      argv[0]);
         return 2;
     }
+    std::signal(SIGPIPE, SIG_IGN); // TLS writes to sockets whose other side is gone
     rlimit most{}; // there are peers that open a connection for each of thousands of messages
     getrlimit(RLIMIT_NOFILE, &most);
     most.rlim_cur = most.rlim_max;
     setrlimit(RLIMIT_NOFILE, &most);
-    Sink(ntohl(first.s_addr), static_cast<unsigned>(std::atoi(argv[2])), argv[3], argv[4]).run();
+    Sink(ntohl(first.s_addr), static_cast<unsigned>(std::atoi(argv[2])), argv[3], argv[4],
+         argc > 5 ? argv[5] : nullptr)
+        .run();
 }
