@@ -80,11 +80,26 @@ void appendTime(std::string& out, const DateTime& time) {
     out.append(time.Get(text.data())) += '\n';
 }
 
-void appendRecord(std::string& out, const EmailAddr& record) {
-    out.append(record.text()) += '\t';
-    appendNumber(out, record.reason);
-    out += '\n';
-}
+// Appends records. Nearly all of a long list have the same code: its text is made once.
+class RecordWriter {
+public:
+    explicit RecordWriter(std::string& out) noexcept : out_(out) {}
+
+    void append(const EmailAddr& record) {
+        if (ending_.empty() || record.reason != code_) {
+            code_ = record.reason;
+            ending_ = '\t';
+            appendNumber(ending_, code_);
+            ending_ += '\n';
+        }
+        out_.append(record.text(), record.size()).append(ending_);
+    }
+
+private:
+    std::string& out_;
+    SMTPcode code_{};
+    std::string ending_;
+};
 
 } // namespace
 
@@ -152,9 +167,10 @@ void Recipients::appendHead(std::string& out, const DateTime& latest) const {
 std::size_t Recipients::appendTo(std::string& out, const MailList& failed) const {
     std::size_t size = headSize();
     appendHead(out, previousTry);
+    RecordWriter writer(out);
     for (const MailList* list : {static_cast<const MailList*>(this), &failed}) {
         for (const EmailAddr* record = list->first(); record; record = record->next.get()) {
-            appendRecord(out, *record);
+            writer.append(*record);
             size += record->size() + kTabCodeLineFeed;
         }
     }
@@ -170,9 +186,10 @@ void Recipients::takeTo(std::string& out) {
     // Stays at the largest number instead of turning negative.
     numberOfTries += numberOfTries == std::numeric_limits<std::int32_t>::max() ? 0 : 1;
     appendHead(out, unattempted ? DateTime(0) : DateTime(-1));
+    RecordWriter writer(out);
     // Taken off on the way: a large list is not held twice.
     while (const auto record = Remove()) {
-        appendRecord(out, *record);
+        writer.append(*record);
     }
 }
 
