@@ -90,7 +90,9 @@ std::vector<Finding> tableFindings(const RuleTable& table) {
 
 void title(const Context& context, const std::string& text) {
     if (!context.json) {
-        context.screen.out << context.screen.paint(text, Colour::Bold) << '\n';
+        context.screen.out << context.screen.paint(wrapped(text, context.screen.width, 2),
+                                                   Colour::Bold)
+                           << '\n';
     }
 }
 

@@ -28,7 +28,9 @@ bool readHistory(const char* command, const History& history, std::time_t now, s
                  const std::function<void(const LogEntry&)>& visit) {
     LogParser parser(now);
     LogEntry entry;
+    bool any = false;
     const LineVisitor line = [&](std::string_view text) {
+        any = true;
         if (parser.parse(text, entry)) {
             visit(entry);
         }
@@ -37,6 +39,11 @@ bool readHistory(const char* command, const History& history, std::time_t now, s
     if (files.empty()) {
         if (readJournal(since, line)) {
             return true;
+        }
+        // The files have the same lines: what has been told already would count twice.
+        if (any) {
+            std::cerr << "retryq " << command << ": the journal cannot be read to its end\n";
+            return false;
         }
         files = usualLogFiles();
     }

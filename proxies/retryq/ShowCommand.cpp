@@ -1,12 +1,17 @@
 #include "email/file/BoundedLineReader.h"
 #include "email/file/FdStream.h"
+#include "fwall/UniqueFd.h"
 #include "fwall/hexesc.h"
 #include "retryq/Commands.h"
 #include "retryq/Json.h"
 #include "retryq/Selection.h"
 #include "retryq/Table.h"
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <cstring>
+#include <iostream>
 
 namespace Retryq {
 
@@ -21,7 +26,15 @@ constexpr std::size_t kAddress = 3 * EmailAddr::kMaxText;
 
 // Hands out the header lines of a message text, then, if asked, the rest; bytes as they are.
 void readText(const std::string& path, bool body, auto&& line) {
-    Email::FdStream text(path.c_str());
+    // Whoever may write to the spool may put a link there to what only root may read.
+    const UniqueFd file(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file.valid()) {
+        std::cerr << "retryq show: cannot read " << printable(path, kShown) << ": "
+                  << (errno == ELOOP ? "it is a link" : std::strerror(errno)) << '\n';
+        return;
+    }
+    Email::FdStream text(("/proc/self/fd/" + std::to_string(file.get())).c_str());
     BoundedLineReader reader(text, kLine, kLine);
     bool inBody = false;
     for (auto item = reader.next(); item.kind == Kind::Line || item.kind == Kind::Piece;

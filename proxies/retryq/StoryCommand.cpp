@@ -1,5 +1,6 @@
 #include "retryq/History.h"
 #include "retryq/Json.h"
+#include "retryq/Table.h"
 
 #include "fwall/hexesc.h"
 
@@ -74,10 +75,15 @@ private:
     std::vector<Event> events_;
 };
 
+// On a terminal a line too long for it goes on below, set in.
 void print(const Context& context, const std::vector<Event>& events) {
+    constexpr int kIndent = 4;
+    const int width = context.screen.width == 0 ? 0 : context.screen.width - kIndent;
     for (const Event& event : events) {
-        context.screen.out << context.screen.paint(localTimeText(event.time), Colour::Bold) << "  "
-                           << printable(event.text, kShown) << '\n';
+        const std::string time = localTimeText(event.time);
+        const std::string text = time + "  " + printable(event.text, kShown);
+        context.screen.out << context.screen.paint(time, Colour::Bold)
+                           << wrapped(text, width, kIndent).substr(time.size()) << '\n';
     }
 }
 

@@ -8,6 +8,8 @@ namespace Retryq {
 namespace {
 
 constexpr int kGap = 2; // blanks between columns
+// Without a terminal: one address of thousands of bytes must not make every line that long.
+constexpr int kWidest = 100;
 
 // Takes what stands in the next line of a cell off the text; ends at a blank, or else before an
 // address's "@", where there is one in the second half.
@@ -51,6 +53,9 @@ void Table::layOut() {
         if (columns_[i].fit == Fit::Fixed) {
             widths_[i] = std::max(widths_[i], columns_[i].width);
         }
+    }
+    for (int& width : widths_) {
+        width = screen_.width == 0 ? std::min(width, kWidest) : width;
     }
     const int gaps = kGap * static_cast<int>(columns_.size() - 1);
     int excess = std::accumulate(widths_.begin(), widths_.end(), gaps) - screen_.width;

@@ -147,10 +147,11 @@ class Queue(SystemTest):
         self.assertFalse(os.path.exists(path + "~"))
 
     def test_outside_text_is_printable(self):
-        self.world.queue("m", "<\x1b[2J\xff@x.test>", sender="<\x1b]0;x\x07@from.test>", text=b"Subject: \x1b[2J\xc3\x28\n\n\x9b\n")
+        self.world.queue("m", ["<\x1b[2J\xff@x.test>", f"<{'u' * 1500}@x.test>", *(f"<u{n}@x.test>" for n in range(9))], sender="<\x1b]0;x\x07@from.test>", text=b"Subject: \x1b[2J\xc3\x28\n\n\x9b\n")
         for command in (["list"], ["show", "--body", "m"], ["summary"], ["metrics"]):
             out = self.retryq(*command).out.replace("\n", "")
             self.assertTrue(out.isascii() and out.isprintable(), out)
+            self.assertLess(len(out), 4000)
         self.assertTrue(self.objects("show", "--body", "m")[0]["body"])
 
 
@@ -245,6 +246,9 @@ class Check(SystemTest):
         self.retryq("check", status=1)
         self.retryq("metrics", link)
         self.assertFalse(os.path.islink(link))
+        os.symlink(victim, self.world.spool_dir + "m")
+        self.world.put("m.rmd", b"2020/00/01@00:00:00_GMT\n2020/00/01@00:00:00_GMT\n1\n<s@x.test>\n<u@x.test>\t450\n")
+        self.assertNotIn("root's", self.retryq("show", "--body", "m").out)
         os.symlink("/dev/null", link + "2")
         self.retryq("metrics", link + "2", status=1)
         with open(victim, encoding="ascii") as file:
@@ -327,7 +331,7 @@ NEW_LOG = """\
 2026-11-21T01:30:00.5+01:30 gw retryer: 00078 deferred msg=m1 from=<s@y.test> to=<a@x.test> relay=127.0.0.9 code=450 text=Busy stage=RCPT reply="450 4.2.0 wait 283 seconds"
 2026-11-21T00:00:31Z gw retryer: 00078 deferred msg=m2 from=<s@y.test> to=<b@z.test> relay=127.0.0.9 code=450 text=Busy stage=RCPT reply="450 4.2.0 wait 117 seconds"
 2026-11-21T01:00:00Z gw retryer: 00079 overdue msg=m1 from=<s@y.test> waited=400001 tries=9
-2026-11-21T01:00:00Z gw retryer: 00079 returned msg=m1 from=<s@y.test> to=<a@x.test> code=450 text=Busy
+2026-11-21T01:00:00Z gw retryer: 00079 returned msg=m1 from=<s@y.test> to=<a@x.test> code=450 text=Busy stage=RCPT reply="450 no relay=127.0.0.66 to=<c@w.test>"
 2026-11-21T01:00:07Z gw retryer: 00079 walk-ended entries=2 attempted=1 held=0 delivered=0 return-delivered=0 deferred=0 returned=1 dropped=0 seconds=37
 2026-11-21T01:00:07Z gw retryer: 00079 run-ended due=1 tried=1 left=0 died=0 waiting=1
 """
