@@ -363,6 +363,15 @@ class Log(SystemTest):
         self.assertEqual(len(self.objects("story", "m2", "--log", self.new)), 1)
         self.retryq("story", "nobody@x.test", "--log", self.new, status=1)
 
+    def test_a_journal_that_breaks_off_is_not_counted_with_the_files(self):
+        for broken, status in (("", 0), ("exit 1", 1)):
+            fake = self.world.root + "/journalctl"
+            with open(fake, "w") as file:
+                file.write(f"#!/bin/sh\ncat '{self.new}'\n{broken}\n")
+            os.chmod(fake, 0o755)
+            run = self.retryq("report", "--since", "9999d", env={"PATH": self.world.root + ":" + os.environ["PATH"]}, status=status)
+            self.assertEqual("the journal cannot be read to its end" in run.out, bool(broken), run.out)
+
     def test_counters_count_each_line_once(self):
         kept = self.world.root + "/counters"
         self.retryq("metrics", "--counters", kept, "--log", self.old)

@@ -101,8 +101,9 @@ std::string_view quoted(std::string_view text, std::string_view name) noexcept {
     return rest.substr(0, rest.find('"'));
 }
 
+// A server's words come last, and may look like fields.
 void readFields(LogEntry& entry) {
-    const std::string_view text = entry.text;
+    const std::string_view text = entry.text.substr(0, entry.text.find(" reply=\""));
     entry.message = field(text, " msg=");
     entry.sender = field(text, " from=");
     entry.recipient = field(text, " to=");
@@ -112,7 +113,7 @@ void readFields(LogEntry& entry) {
     if (entry.reason.empty()) {
         entry.reason = phrase(text, " text=");
     }
-    entry.reply = quoted(text, " reply=\"");
+    entry.reply = quoted(entry.text, " reply=\"");
 }
 
 // "host retryer[123]: " or "host retryer: ": takes it off and stores the program's name.
