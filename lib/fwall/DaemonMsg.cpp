@@ -69,6 +69,7 @@ DaemonMsg makeDaemonMsg(const CServiceContext& service, const CConnectionContext
     message.protocol = service.Protocol();
     copyField(message.serviceName, service.Name(), 40);
     message.pid = ::getpid();
+    // A message about the service as a whole has no connection.
     if (connection != nullptr) {
         fillConnection(message, *connection);
     }

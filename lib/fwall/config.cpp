@@ -184,6 +184,7 @@ void homeFromProfile() noexcept {
 }
 
 void findHome() noexcept {
+    // Found anew each time: the environment may have changed since.
     setHome({});
     if (const char* location = std::getenv("TAVORIX")) {
         setHome(location);

@@ -51,6 +51,7 @@ public:
         } else {
             result_ = count_;
         }
+        // What was split before a failure is still there to be read, up to here.
         argv_[static_cast<std::size_t>(count_)] = nullptr;
         return result_;
     }
@@ -72,9 +73,12 @@ private:
         if (quote_ == '\0' && isSpace(c)) {
             return !open_ || close(-1);
         }
+        // Inside quotes blanks and the other quote are characters like any other.
         return c == '\\' ? escape() : copy(c);
     }
 
+    // A quote begins an argument, so that a pair of quotes is an empty one; within one it is only
+    // left out.
     bool turnQuote(char c) noexcept {
         quote_ = quote_ == '\0' ? c : '\0';
         return open_ || begin(-1);
@@ -96,6 +100,7 @@ private:
     bool copy(char c) noexcept { return (open_ || begin(0)) && put(c, 0); }
 
     bool begin(int resultWhenFull) noexcept {
+        // The last slot is for the null entry.
         if (static_cast<std::size_t>(count_) + 1 >= argv_.size()) {
             return stop(count_);
         }

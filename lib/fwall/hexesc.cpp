@@ -60,6 +60,7 @@ std::size_t hexescNonAsciiPlus(char* destination, const char* source, std::size_
 }
 
 std::string printable(std::string_view text, std::size_t maxBytes, std::string_view further) {
+    // Nearly every text is as it should be.
     if (text.size() <= maxBytes && std::none_of(text.begin(), text.end(), isUnsafe) &&
         text.find_first_of(further) == std::string_view::npos) {
         return std::string(text);

@@ -68,6 +68,7 @@ RuleLine::Kind RuleLine::parse(std::span<char> line, std::string_view service) n
     if (colon == std::string_view::npos) {
         return reject(CfgFault::Malformed);
     }
+    // Other programs' lines are not even looked at: their faults are theirs to tell.
     if (!isSelected(text.substr(0, colon), service)) {
         return Kind::Skipped;
     }
@@ -96,6 +97,7 @@ RuleLine::Kind RuleLine::parseRule(std::span<char> rule) noexcept {
 void RuleLine::takeKeyword(std::string_view word) noexcept {
     flags_ = 0;
     keyword_ = word;
+    // What the prefix asks for stands in the flags: the keyword is looked up without it.
     for (const Prefix& prefix : prefixes) {
         if (word.starts_with(prefix.text)) {
             flags_ = prefix.flag;

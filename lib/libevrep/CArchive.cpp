@@ -188,6 +188,7 @@ std::size_t CArchive::readLength(std::size_t unit) {
         Fail("text length is more than the rest can hold");
         return 0;
     }
+    // A wide character has four bytes: part of one is damage, not text.
     if (bytes % unit != 0) {
         Fail("wide text length is no multiple of 4");
         return 0;
@@ -201,6 +202,7 @@ CArchive& CArchive::readAllocated(std::unique_ptr<Unit[]>& text) {
         // Zeroed, so that it is terminated however much is read into it.
         auto fresh = std::make_unique<Unit[]>(length + 1);
         take(fresh.get(), length * sizeof(Unit));
+        // Only now: what the caller has is kept until there is something to replace it.
         text = std::move(fresh);
     }
     return *this;

@@ -129,6 +129,7 @@ private:
         archive_.Read(counters.data(), sizeof counters);
     }
     void one(std::vector<ReportableEvent>& codes) {
+        // The count has been held against what is left to read.
         codes.resize(archive_.ReadCount(sizeof(std::int32_t)));
         for (ReportableEvent& code : codes)
             one(code);

@@ -40,6 +40,7 @@ void FrameReader::feed(std::span<const std::byte> bytes) {
 }
 
 FrameEvent FrameReader::next() {
+    // After damage what comes is passed over, up to the next sound beginning.
     if (searching_ && !findHeader())
         return {};
     const std::string_view identity = CSendHeader::Identity();
@@ -58,6 +59,7 @@ bool FrameReader::findHeader() {
     static const auto sound = CSendHeader().Bytes();
     const std::size_t found = asText(rest()).find(asText(sound).substr(0, headerStart));
     searching_ = found == std::string_view::npos;
+    // A header may have begun in the last bytes; at the end of the stream none can.
     const std::size_t open = finished_ ? 0 : std::min(rest().size(), headerStart - 1);
     start_ += searching_ ? rest().size() - open : found;
     return !searching_;

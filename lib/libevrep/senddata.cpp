@@ -31,6 +31,7 @@ static_assert(std::is_trivially_copyable_v<CSendHeader>);
 static_assert(std::is_trivially_copyable_v<CSendFooter>);
 
 CSendHeader::CSendHeader(std::span<const std::byte, wireSize> bytes) noexcept {
+    // Its members lie as its bytes do on the wire.
     std::memcpy(static_cast<void*>(this), bytes.data(), wireSize);
 }
 

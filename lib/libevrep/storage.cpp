@@ -177,6 +177,7 @@ CPropertyBag::operator std::uint32_t() const {
 }
 
 std::size_t CPropertyBag::GetStorageSize() const {
+    // The version, the name behind its length, and the count.
     std::size_t size = fieldSize + fieldSize + m_szName.size() + fieldSize;
     ForEach([&size](const CAbstractStorageType& value) { size += value.GetStorageSize(); });
     return size;
@@ -273,6 +274,7 @@ CPropertyBag::Elements CPropertyBag::readElements(CArchive& archive) {
         if (!value)
             continue;
         value->Read(archive);
+        // Of two with one key the later one stays.
         elements.insert_or_assign(value->m_nIndex, std::move(value));
     }
     return elements;

@@ -126,6 +126,7 @@ std::wstring ConvertToWide(std::string_view text) {
 std::string ConvertToNarrow(std::wstring_view text) {
     std::string narrow(text.size(), '\0');
     std::transform(text.begin(), text.end(), narrow.begin(), [](wchar_t c) {
+        // Only Latin-1 has a byte for each character.
         return static_cast<std::uint32_t>(c) < 256 ? static_cast<char>(c) : '?';
     });
     return narrow;
@@ -190,6 +191,7 @@ std::optional<std::size_t> utf8_to_ucs4(std::string_view text, std::span<wchar_t
     std::size_t used = 0;
     while (!text.empty()) {
         std::uint32_t character = 0;
+        // All or nothing: the caller learns of no half text.
         if (used == out.size() || !takeCharacter(text, character))
             return std::nullopt;
         out[used++] = static_cast<wchar_t>(character);

@@ -25,6 +25,7 @@ std::string noAnswer(int error, long seconds) {
 
 void Attempt::tryServer(IPaddress address) {
     server = address;
+    // What one server offered says nothing of the next.
     tls.clear();
     verified.clear();
     begin(Stage::Connect);
@@ -43,6 +44,7 @@ void Attempt::passOver(IPaddress address) {
 }
 
 void Attempt::noneFound(std::string_view why) {
+    // Who was passed over tells more than that nobody was found.
     if (leftOut.empty()) {
         leftOut.append("none").append(why.empty() ? "" : ":").append(why);
     }

@@ -204,6 +204,7 @@ public:
 
     void append(std::string_view text, std::string& out) {
         for (;;) {
+            // The template is ours; what fills it in is escaped before it gets here.
             const std::size_t mark = text.find('%');
             out += text.substr(0, mark);
             if (mark == std::string_view::npos) {
@@ -265,6 +266,7 @@ private:
     std::string codeText(int code) const {
         if (isAccepted(code)) {
             const bool served = line_ == LogLine::Delivered || line_ == LogLine::ReturnDelivered;
+            // A 250 to what asked for 354, say: the server agreed to something else.
             return served ? "Accepted" : "Unexpected reply";
         }
         return code == IDS_NO_REASON ? "Not tried yet" : smtpString(static_cast<SMTPcode>(code));
@@ -310,6 +312,7 @@ std::string addressField(std::string_view address) {
 
 std::string formatLine(LogLine line, const LogFields& fields) {
     std::string out = std::to_string(::getpid());
+    // Five digits or more: what reads these lines takes the word behind the first blank.
     out.insert(0, kPidWidth - std::min(out.size(), kPidWidth), '0').append(1, ' ');
     LineWriter(line, fields).append(rowOf(line).text, out);
     return out;

@@ -62,6 +62,7 @@ Marks marksOf(std::int32_t kind) noexcept {
 }
 
 void setText(CPropertyBag& bag, PropEnum key, const char* text) {
+    // An empty text would be an element that says nothing.
     if (text != nullptr && *text != '\0') {
         bag.Set(key, text);
     }
