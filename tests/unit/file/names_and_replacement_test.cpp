@@ -7,9 +7,13 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <set>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
+#include <thread>
 #include <unistd.h>
 
 static int syncs = 0;
@@ -184,6 +188,24 @@ TEST(FileReplacement, KeepsTheOldFileUntilTheNewOneIsWhole) {
     dir.write("m~", "left over by a killed run, longer than the new text");
     EXPECT_TRUE(replace(dir.path("m"), "new"));
     EXPECT_EQ(dir.state("m"), "m new");
+}
+
+TEST(FileReplacement, AWriteThatSignalsInterruptGoesOn) {
+    struct sigaction ignore {};
+    ignore.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &ignore, nullptr);
+    const itimerval often{{0, 20'000}, {0, 20'000}}, never{};
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::pipe(ends), 0);
+    std::jthread reader([from = UniqueFd(ends[0])] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (char block[4096]; ::read(from.get(), block, sizeof block) > 0;) {
+        }
+    });
+    const UniqueFd to(ends[1]);
+    ::setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_TRUE(Email::writeAll(to.get(), std::string(200'000, 'x'))); // more than a pipe takes
+    ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
 TEST(FileReplacement, OddTargetsAreWrittenInPlace) {

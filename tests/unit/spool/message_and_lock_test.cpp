@@ -17,10 +17,12 @@ extern "C" int flock(int fd, int operation) noexcept {
     return static_cast<int>(::syscall(SYS_flock, fd, operation));
 }
 
-// The file that cannot be deleted, while there is one.
+// The file that cannot be deleted, while there is one, and the leaf names of those that were to be.
 static std::string stays;
+static std::string deleted;
 
 extern "C" int remove(const char* path) noexcept {
+    deleted += std::filesystem::path(path).filename().string() + ' ';
     if (path == stays) {
         errno = EIO;
         return -1;
@@ -82,7 +84,9 @@ TEST_F(Spool, AListThatCannotBeDeletedNamesNobody) {
     ASSERT_FALSE(message.read(head, nullptr));
     head.Remove();
     stays = deferred("m.rmd");
+    deleted.clear();
     EXPECT_EQ(message.remove(&head), EIO);
+    EXPECT_EQ(deleted, "m m.rmd "); // a text without list would stay for ever
     EXPECT_EQ(names() + envelope("m"), "m.rmd <s@a.test>\n");
     stays.clear();
 }
