@@ -10,6 +10,7 @@
 
 #include "email/site/DomainRelay.h"
 #include "email/site/mailscanGlobals.h"
+#include "email/telling/DeliveryLog.h"
 
 #include <algorithm>
 #include <iostream>
@@ -385,6 +386,7 @@ int check(const Context& context, const std::string& user) {
 
 int checkFatal(const Context& context) {
     int status = kDone;
+    std::string reason;
     for (const Finding& finding : tableFindings(context.table)) {
         // A warning is no reason to keep the unit from starting.
         if (finding.weight == Weight::Stop) {
@@ -392,8 +394,12 @@ int checkFatal(const Context& context) {
                                                        : context.table.path() + " line " +
                                                              std::to_string(finding.line) + ": ";
             std::cerr << "retryq check: " << line << finding.text << '\n';
+            reason = status == kDone ? line + finding.text : reason;
             status = kNoTable;
         }
+    }
+    if (status != kDone) { // the run that is not made cannot tell, and a monitor counts lines
+        Email::writeLine(Email::LogLine::Stopped, {.args = {std::to_string(status), reason}});
     }
     return status;
 }

@@ -3,6 +3,7 @@
 
 #include "email/site/HostList.h"
 #include "email/site/mailscanGlobals.h"
+#include "email/telling/DeliveryLog.h"
 #include "fwall/hexesc.h"
 #include "fwall/processStart.h"
 
@@ -51,6 +52,10 @@ int main(int argc, char** argv) {
         table.load();
     } else if (!line.anyTable) {
         tellWhyNot(table);
+        if (line.unusable == kNoTable) { // a run, which somebody waits for
+            Email::writeLine(Email::LogLine::Stopped,
+                             {.args = {std::to_string(kNoTable), "the rule table"}});
+        }
         return line.unusable;
     }
     std::string directory = mailscanGlobals::deferred_mail_path();

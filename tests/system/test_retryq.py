@@ -191,7 +191,8 @@ class Check(SystemTest):
         usual = f"vorn: deferred-directory {self.world.spool_dir}\nvorn: directory {self.world.outgoing_dir}\nvorn: badadmin a@b.test\n"
         self.world.table(raw=usual + lines)
         self.assertEqual(self.objects("check", status=status)[-1], {"check": "verdict", "status": status})
-        self.retryq("check", "--fatal", status=255 if status == 2 else 0)
+        fatal = self.retryq("check", "--fatal", status=255 if status == 2 else 0)
+        self.assertEqual(len(fatal.lines(' stopped status=255 reason="')), status == 2)
         self.assertEqual(self.world.run().status, 1 if status == 2 else 0)
         self.assertEqual(os.listdir(self.world.spool_dir), [])
 
