@@ -9,7 +9,7 @@ import subprocess
 import time
 
 import world
-from servers import A, CLOSE, MX, DnsServer, SmtpServer, a, mx
+from servers import A, CLOSE, MX, DnsServer, SignIn, SmtpServer, a, mx
 from tables import table
 
 OUT, KEPT, BACK, DROPPED = "delivered", "kept", "returned", "dropped"
@@ -40,7 +40,8 @@ class Server(SmtpServer):
         self.served = 0
         offer = {"ehlo": self.offer} if self.offer and "helo" not in (script or {}) else {}
         if tls and self.context:
-            offer = {"ehlo": self.offer.replace("250 ", "250-STARTTLS\r\n250 "), "starttls": "220 go"}
+            offer = {"ehlo": self.offer.replace("250 ", "250-STARTTLS\r\n250-AUTH SCRAM-SHA-256\r\n250 "), "starttls": "220 go",
+                     "auth": SignIn("us", "password", "accept")}
         super().__init__(address, {**offer, **(script or {})}, tls=lambda sock: self.context.wrap_socket(sock, server_side=True))
 
     def _serve(self, client, session, script):
@@ -94,7 +95,7 @@ def told_about(body):
 
 def internet(scratch):
     """From here on every rule table has what the sample recommends for Internet mail, and servers offer what it
-    can use; the first server TLS too."""
+    can use; the first server TLS too, where the gateway signs in."""
     with open(os.path.join(world.REPO, "packaging/etc/rulbex-table")) as sample:
         block = sample.read().partition("# Internet mail, recommended")[2].partition("\n\n")[0]
     access = os.path.join(scratch, "relay-access")
@@ -105,8 +106,12 @@ def internet(scratch):
     ZONE["host.test", A] = [a("host.test", FOREIGN)]
     SERVERS[FOREIGN] = ANSWERS
     pem = os.path.join(scratch, "pem")
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", pem, "-out", pem + ".crt", "-subj", "/CN=mx"],
-                   check=True, stderr=subprocess.DEVNULL)
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", pem, "-out", pem + ".crt", "-subj", "/CN=mx",
+                    "-addext", "subjectAltName=IP:" + TLS], check=True, stderr=subprocess.DEVNULL)
+    access = os.path.join(scratch, "access")
+    with open(os.open(access, os.O_CREAT | os.O_WRONLY, 0o600), "w") as out:
+        out.write(f"{TLS}:25 us password\n")
+    world.World.always += ["relay-access " + access, f"smtp-tls-ca {pem}.crt"]
     Server.offer, Server.context = OFFER, ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     Server.context.load_cert_chain(pem + ".crt", pem)
 
