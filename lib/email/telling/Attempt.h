@@ -12,7 +12,18 @@
 
 namespace Email {
 
-enum class Stage : std::uint8_t { None, Connect, Greeting, Helo, Mail, Rcpt, Data, Body, Dot, Auth };
+enum class Stage : std::uint8_t {
+    None,
+    Connect,
+    Greeting,
+    Helo,
+    Mail,
+    Rcpt,
+    Data,
+    Body,
+    Dot,
+    Auth
+};
 
 // "connect", "greeting", "HELO", "MAIL", "RCPT", "DATA", "body", "dot" or "AUTH"; nothing for None.
 [[nodiscard]] std::string_view stageName(Stage stage) noexcept;
