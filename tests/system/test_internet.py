@@ -234,8 +234,12 @@ class Internet(SystemTest):
                 (f"_25._tcp.{base}", TLSA): (tlsa, [record(f"_25._tcp.{base}", TLSA, tlsa_data(*one.split())) for one in records])}
 
         def answer(link, found):
-            return lambda query: reply(query, *found, rcode={"deny": 3, "fail": 2}.get(link, 0),
-                                       flags=0x8180 if link.endswith("no") else 0x81a0)[:-9 if link == "cut" else None]
+            def say(query):
+                how = link.removeprefix("then-") if query[11] else link  # with EDNS it is DANE that asks
+                records = [mx("secure.test", 10, "real.test")] if how == "other" else found
+                return reply(query, *records, rcode={"deny": 3, "fail": 2}.get(how, 0),
+                             flags=0x8180 if how.endswith("no") else 0x81a0)[:-9 if how == "cut" else None]
+            return say
         etc_file("resolv.conf", "nameserver 127.0.0.54\noptions timeout:1 attempts:1 trust-ad\n")
         self.addCleanup(etc_file, "resolv.conf", f"nameserver {DNS_ADDRESS}\noptions timeout:1 attempts:1\n")
         return self.dns({question: answer(*how) for question, how in zone.items()}, "127.0.0.54")
