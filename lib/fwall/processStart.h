@@ -5,9 +5,10 @@
 // spool file must not take the place of standard error, where the runtime writes its last words.
 void openStandardDescriptors() noexcept;
 
-// A program inherits which signals its starter blocked or ignored. Blocked timers would let a silent
-// server or name server hold it for ever; an ignored SIGCHLD would hide that a worker has ended. So
-// nothing is blocked from here on, and SIGCHLD is not ignored. What else was ignored (nohup) stays.
+// A program inherits which signals its starter blocked or ignored. Blocked timers would let a
+// silent server or name server hold it for ever; an ignored SIGCHLD would hide that a worker has
+// ended. So nothing is blocked from here on, and SIGCHLD is not ignored. What else was ignored
+// (nohup) stays.
 void takeSignals() noexcept;
 
 // A peer that is gone, or a file that may not grow further, is an error at the call that meets it

@@ -2,10 +2,14 @@
 
 #include "email/base/resource.h"
 #include "email/engine/ReturnMail.h"
+#include "email/smtp/TextNeeds.h"
 #include "email/spool/MailList.h"
+#include "libevrep/utf.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstdio>
 #include <limits>
 
 namespace Email {
@@ -68,10 +72,6 @@ std::string ownStatus(SMTPcode code) {
     }
 }
 
-bool isEightBit(std::string_view text) noexcept {
-    return std::ranges::any_of(text, [](char c) { return static_cast<unsigned char>(c) > 0x7f; });
-}
-
 std::string mailDate(const DateTime& time) {
     std::array<char, DateTime::kMailTextSize> date{};
     return time.GetForMail(date.data());
@@ -85,8 +85,32 @@ std::string authorOf(const ReturnedMessage& message) {
     return "Z880_SMTP_Mail_Service <postmaster@" + printable(message.gatewayName) + ">";
 }
 
+// RFC 6533, 3: in a report of ASCII alone, other characters of an address stand by their numbers.
+// Bytes that are no characters have none.
+std::string finalRecipient(std::string_view address) {
+    if (!isEightBit(address) || !utf8_valid(address)) {
+        return "rfc822; " + printable(address);
+    }
+    std::string out = "utf-8; ";
+    for (std::size_t at = 0; at < address.size() && out.size() < kFieldLimit;) {
+        auto point = static_cast<std::uint32_t>(static_cast<unsigned char>(address[at++]));
+        const int more =
+            (point >= 0xc0 ? 1 : 0) + (point >= 0xe0 ? 1 : 0) + (point >= 0xf0 ? 1 : 0);
+        point &= point < 0x80 ? 0x7f : 0x3fU >> more; // the bits behind the lead byte's mark
+        for (int i = 0; i < more; ++i) {
+            point = point << 6 | (static_cast<unsigned char>(address[at++]) & 0x3fU);
+        }
+        const bool plain =
+            point > ' ' && point <= '~' && point != '+' && point != '=' && point != '\\';
+        std::array<char, 16> text{};
+        std::snprintf(text.data(), text.size(), plain ? "%c" : "\\x{%02X}", point);
+        out += text.data();
+    }
+    return out;
+}
+
 void appendStatus(std::string& out, const FailedRecipient& rcpt) {
-    out += "\nFinal-Recipient: rfc822; " + printable(withoutBrackets(rcpt.address));
+    out += "\nFinal-Recipient: " + finalRecipient(withoutBrackets(rcpt.address));
     out += "\nAction: failed\nStatus: " + statusOf(rcpt.code, rcpt.reply) + "\n";
     if (rcpt.server) {
         std::array<char, IPaddress::kTextSize> dotted{};

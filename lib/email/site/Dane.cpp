@@ -126,7 +126,7 @@ DaneVerdict findRecords(const std::string& base, int port) {
 }
 
 DaneVerdict findHost(const std::string& host, int port) {
-    const DaneVerdict bases = findBases(host);
+    DaneVerdict bases = findBases(host);
     if (bases.result != DaneResult::Usable) {
         return bases;
     }
@@ -199,7 +199,7 @@ std::optional<DaneVerdict> judge(const DaneServer& server, bool mayAsk) {
     }
     if (!server.domain.empty() && server.domain != server.host) {
         const auto exchangers = kept.get(server.domain, 0, mayAsk);
-        const auto decided = exchangers ? decidedBy(*exchangers, server) : exchangers;
+        auto decided = exchangers ? decidedBy(*exchangers, server) : exchangers;
         if (!exchangers || decided) {
             return decided;
         }

@@ -101,4 +101,19 @@ TEST(DeliveryStatus, MailTellsPeopleAndProgramsAndReturnsWhatFits) {
         std::string::npos);
 }
 
+TEST(DeliveryStatus, CharactersBeyondAsciiStandByTheirNumbers) {
+    for (const auto& [address, told] :
+         {std::pair{"<\xc3\xbc\xe2\x82\xac\xf0\x9f\x98\x80+b@y.test>",
+                    "utf-8; \\x{FC}\\x{20AC}\\x{1F600}\\x{2B}b@y.test\n"},
+          {"<\xff@y.test>", "rfc822; ?@y.test\n"},
+          {"<a+b@y.test>", "rfc822; a+b@y.test\n"}}) {
+        const std::array<Email::FailedRecipient, 1> failed{{{address, IDS_RTS550, "", {}}}};
+        std::istringstream in(kText);
+        EXPECT_NE(Email::deliveryStatusMail({"<>", "gw.test", "", DateTime(0), 0}, failed, in)
+                      .find(std::string("\nFinal-Recipient: ") + told),
+                  std::string::npos)
+            << address;
+    }
+}
+
 } // namespace
