@@ -148,6 +148,13 @@ TEST_F(Conversation, AfterALostReplyNobodyIsRefusedForGood) {
     EXPECT_EQ(client.readReply(1, nullptr), 550);
 }
 
+TEST_F(Conversation, AfterThreeLostRepliesNothingMoreIsAsked) {
+    for (int lost = 0; lost < 4; ++lost) {
+        EXPECT_EQ(client.sendCommand("NOOP", nullptr, 1, &code), lost < 3) << lost;
+        EXPECT_EQ(client.readReply(0, nullptr), 1001);
+    }
+}
+
 TEST_F(Conversation, CommandLinesAreBounded) {
     // clang-format off
     const std::tuple<std::size_t, std::optional<std::string>, bool> cases[] = {
