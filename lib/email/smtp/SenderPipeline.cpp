@@ -23,7 +23,7 @@ bool Sender::takesAhead() const noexcept {
 // A server that has said something already answers what it was not asked, or wants to end: with it
 // every command waits for its reply, so that the two do not get out of step.
 void Sender::sendAhead(std::vector<const char*> recipients) {
-    if (!inputWaiting()) {
+    if (!inputWaiting() && !replyLost_) {
         session_.pipeline.plan(std::move(recipients));
     }
 }
