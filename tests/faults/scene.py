@@ -98,10 +98,7 @@ def internet(scratch):
     can use; the first server TLS too, where the gateway signs in."""
     with open(os.path.join(world.REPO, "packaging/etc/rulbex-table")) as sample:
         block = sample.read().partition("# Internet mail, recommended")[2].partition("\n\n")[0]
-    access = os.path.join(scratch, "relay-access")
-    with open(access, "w", opener=lambda name, flags: os.open(name, flags, 0o600)) as out:
-        out.write("other.test name secret\n")
-    world.World.always = [re.sub("^relay-access .*", "relay-access " + access, line) for line in re.findall(r"^#vorn: (.*)", block, re.M)]
+    world.World.always = re.findall(r"^#vorn: (.*)", block, re.M)
     subprocess.run(["ip", "route", "add", "local", FOREIGN, "dev", "lo"], check=True)
     ZONE["host.test", A] = [a("host.test", FOREIGN)]
     SERVERS[FOREIGN] = ANSWERS
@@ -109,9 +106,11 @@ def internet(scratch):
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", pem, "-out", pem + ".crt", "-subj", "/CN=mx",
                     "-addext", "subjectAltName=IP:" + TLS], check=True, stderr=subprocess.DEVNULL)
     access = os.path.join(scratch, "access")
-    with open(os.open(access, os.O_CREAT | os.O_WRONLY, 0o600), "w") as out:
+    with open(access, "w", opener=lambda name, flags: os.open(name, flags, 0o600)) as out:
         out.write(f"{TLS}:25 us password\n")
-    world.World.always += ["relay-access " + access, f"smtp-tls-ca {pem}.crt"]
+    # Without the module, as in 32-bit builds, mail for a relay that is signed in to would wait for ever.
+    if os.path.exists(os.path.join(os.path.dirname(world.BINARY), "../../lib/tls/retryer-tls.so")):
+        world.World.always += ["relay-access " + access, f"smtp-tls-ca {pem}.crt"]
     Server.offer, Server.context = OFFER, ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     Server.context.load_cert_chain(pem + ".crt", pem)
 
