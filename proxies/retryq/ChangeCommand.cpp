@@ -309,7 +309,11 @@ bool find(const Context& context, const char* command, const Changes& wanted,
     for (const std::string& name : wanted.names) {
         const bool whole = name.find('/') != std::string::npos ||
                            ::access(context.queue.recipientPath(name).c_str(), F_OK) == 0;
-        (whole && filter.empty() ? leaves : names).push_back(name);
+        if (whole && filter.empty()) {
+            leaves.push_back(name);
+        } else {
+            names.push_back(name);
+        }
     }
     if (names.empty() && !wanted.names.empty()) {
         return true;

@@ -37,8 +37,8 @@ pid_t forkPatiently(bool first) {
 // What workers share is read once: the system's store of authorities takes each of them longer than
 // many conversations, and most of its memory. A trouble is told where a server first offers TLS.
 void readAuthorities() {
-    std::string trouble;
     if (Email::tlsPolicy().wanted()) {
+        std::string trouble;
         static_cast<void>(Email::tlsContext(mailscanGlobals::tlsAuthorities,
                                             mailscanGlobals::tlsCertificate, trouble));
     }
