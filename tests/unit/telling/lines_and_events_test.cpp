@@ -99,6 +99,12 @@ TEST_F(Spool, EventKindsFollowTheirModesAndMarks) {
     }
 }
 
+TEST(Attempt, ANextServerHasNothingOfTheOneBefore) {
+    Email::Attempt attempt{.error = "111 (Connection refused)", .reply = "554 no"};
+    attempt.tryServer(IPaddress(2));
+    EXPECT_EQ(attempt.error + attempt.reply, "");
+}
+
 TEST(Events, HoldOnlyWhatIsGiven) {
     const SEvent& row = lookupSEvent(EV_DEFERRED);
     EXPECT_EQ(bagOf(Email::deliveryEvent(row, {.messageSize = 0})), "");
