@@ -2,6 +2,7 @@
 """The command line, the rule table's faults and the exit statuses."""
 import os
 import re
+import time
 
 import harness
 from harness import SystemTest, cases
@@ -81,10 +82,13 @@ class Command(SystemTest):
 
     def test_closed_standard_descriptors_take_no_file_of_the_spool(self):
         self.world.table("domain-relay * 127.0.0.2")
-        self.smtp("127.0.0.2")
+        there = self.smtp("127.0.0.2", {"banner": (0.5, "220 ready")})
         self.world.queue("m", "<u@x.test>")
-        self.assertEqual(self.world.run("-c", f"exec {self.world.binary} <&- >&- 2>&-", binary="/bin/sh").status, 0)
-        self.assertEqual(self.world.spool(), {})
+        run = self.world.start("-c", f"exec {self.world.binary} <&- >&- 2>&-", binary="/bin/sh")
+        while not there.sessions:
+            time.sleep(0.01)
+        self.assertEqual({os.readlink(f"/proc/{run.pid}/fd/{n}") for n in range(3)}, {"/dev/null"})
+        self.assertEqual((self.world.finish(run).status, self.world.spool()), (0, {}))
 
 
 if __name__ == "__main__":
