@@ -88,7 +88,7 @@ std::optional<ServiceUnit> ServiceUnit::read(const std::string& instance,
     for (const std::string& name : {nameOf(instance), nameOf("")}) {
         for (const std::string& place : places) {
             // The first place that has the unit hides it in all others.
-            unit.path_ = place + "/" + name;
+            unit.path_ = std::string(place).append("/").append(name);
             const auto text = contents(unit.path_);
             if (!text) {
                 continue;
