@@ -67,6 +67,7 @@ bool canBeOpened(const char* path) noexcept {
            (status.st_mode & kForAll) == kForAll;
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the block is filled before it is read.
 FdStreambuf::FdStreambuf(int fd, off_t size) noexcept : fd_(fd), size_(size) {}
 
 std::streamsize FdStreambuf::readAt(char* out, std::streamsize n) noexcept {
