@@ -30,13 +30,13 @@ constexpr const char* yesNo(bool on) {
 #define SETTING_NUMBER(key, member, builtIn, unit, least, most, meaning)                           \
     ROW(key, Number, #builtIn, &mailscanGlobals::member, unit, least, most, "", meaning)
 #define SETTING_NUMBER_TO(key, function, builtIn, unit, least, most, meaning)                      \
-    ROW(key, Number, #builtIn, &function, unit, least, most, "", meaning)
+    ROW(key, Number, #builtIn, &(function), unit, least, most, "", meaning)
 #define SETTING_INTERVAL(key, member, builtIn, most, meaning)                                      \
     ROW(key, Interval, builtIn, &mailscanGlobals::member, "seconds", 0, most, "", meaning)
 #define SETTING_SWITCH(key, member, builtIn, meaning)                                              \
     PLAIN(key, YesNo, yesNo(builtIn), &mailscanGlobals::member, meaning)
 #define SETTING_SWITCH_TO(key, number, builtIn, meaning)                                           \
-    PLAIN(key, YesNo, yesNo(builtIn), &number, meaning)
+    PLAIN(key, YesNo, yesNo(builtIn), &(number), meaning)
 #define SETTING_CHOICE(key, member, builtIn, choices, meaning)                                     \
     ROW(key, Choice, builtIn, &mailscanGlobals::member, "", 0, 0, choices, meaning)
 #define SETTING_TEXT(key, member, builtIn, meaning)                                                \
