@@ -390,11 +390,14 @@ int checkFatal(const Context& context) {
     for (const Finding& finding : tableFindings(context.table)) {
         // A warning is no reason to keep the unit from starting.
         if (finding.weight == Weight::Stop) {
-            const std::string line = finding.line == 0 ? ""
-                                                       : context.table.path() + " line " +
-                                                             std::to_string(finding.line) + ": ";
-            std::cerr << "retryq check: " << line << finding.text << '\n';
-            reason = status == kDone ? line + finding.text : reason;
+            std::string told = finding.line == 0 ? ""
+                                                 : context.table.path() + " line " +
+                                                       std::to_string(finding.line) + ": ";
+            told += finding.text;
+            std::cerr << "retryq check: " << told << '\n';
+            if (status == kDone) {
+                reason = std::move(told);
+            }
             status = kNoTable;
         }
     }
