@@ -76,7 +76,9 @@ class Targets:
         self.lines.append((what, f"{figure:.{digits}f}", limit, "reached" if good else "**missed**"))
 
     def has(self, key, *names):
-        return key in self.of and all(self.of[key][1].get(n) for n in names)
+        """Measured, and not left out after a failure."""
+        return key in self.of and all(self.of[key][1].get(n) and any(s.name == n for s in self.of[key][0].subjects)
+                                      for n in names)
 
     def per_unit(self, key, name, what):
         workload, runs = self.of[key]
@@ -203,10 +205,10 @@ def by_number(result):
 
 def show(results, options, note):
     results = sorted(results, key=by_number)
+    if options.json:  # first: what was measured is not to be had again
+        raw = {w.key: {"title": w.title, "runs": runs, "calls": calls} for w, runs, calls in results}
+        options.json.write_text(json.dumps(raw, indent=1))
     tables = "\n\n".join((note, figures_table(results), table(("target", "figure", "limit", ""), Targets(results).lines, 1)))
     print(tables)
     if options.markdown:
         write_markdown(options.markdown, tables)
-    if options.json:
-        raw = {w.key: {"title": w.title, "runs": runs, "calls": calls} for w, runs, calls in results}
-        options.json.write_text(json.dumps(raw, indent=1))
