@@ -201,21 +201,12 @@ private:
         return done(message.leaf, last ? "removed, it had no other recipient" : "lost a recipient");
     }
 
-    // The name that every walker passes over goes first: what is removed is then what is locked.
-    bool removeAll(Message& message, const Recipients& recipients) {
-        if (message.hold) {
-            const Email::Hold hold = *std::exchange(message.hold, std::nullopt);
-            if (const int error = hold.release(context_.queue.directory()); error != 0) {
-                return fail(message.leaf,
-                            std::string("cannot be removed: ") + std::strerror(error));
-            }
-        }
-        return remove(message, recipients);
-    }
-
     // What a crash left of a message, a recipient file without text, can be removed too.
-    bool remove(const Message& message, const Recipients& recipients) {
-        if (const Email::Trouble trouble = context_.queue.message(message.leaf).remove(nullptr)) {
+    bool removeAll(const Message& message, const Recipients& recipients) {
+        const Email::Trouble trouble = message.hold
+                                           ? removeHeld(message)
+                                           : context_.queue.message(message.leaf).remove(nullptr);
+        if (trouble) {
             return fail(message.leaf, std::string("cannot be removed: ") + std::strerror(*trouble));
         }
         for (const EmailAddr* r = recipients.first(); r != nullptr; r = r->next.get()) {
@@ -225,6 +216,22 @@ private:
             logChange("removed", message, "to=-");
         }
         return done(message.leaf, "removed");
+    }
+
+    // Under the name that every walker passes over, until nothing is left of it: a crash on the way
+    // lets nothing out. The text first, as ever.
+    Email::Trouble removeHeld(const Message& message) const {
+        const std::string list = context_.queue.directory() + message.hold->listName();
+        // With a list of its own again the text is a message in the queue, and not on hold.
+        if (::access(context_.queue.recipientPath(message.leaf).c_str(), F_OK) == 0) {
+            return EEXIST;
+        }
+        for (const std::string& path : {context_.queue.textPath(message.leaf), list}) {
+            if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+                return errno;
+            }
+        }
+        return std::nullopt;
     }
 
     bool retry(const Message& message) {
