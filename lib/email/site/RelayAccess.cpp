@@ -38,11 +38,11 @@ std::string_view takeWord(std::string_view& text) noexcept {
     return word;
 }
 
-// What is compared of a relay's name.
+// What is compared of a relay's name. All at either end goes, so that a name that is bare already
+// stays as it is: two lines for one host could else pass for two hosts.
 std::string_view bareName(std::string_view name) noexcept {
-    name.remove_prefix(name.starts_with('[') ? 1 : 0);
-    name.remove_suffix(name.ends_with(']') || name.ends_with('.') ? 1 : 0);
-    return name;
+    name.remove_prefix(std::min(name.find_first_not_of('['), name.size()));
+    return name.substr(0, name.find_last_not_of("].") + 1);
 }
 
 bool takePort(std::string_view& host, int& port) noexcept {
